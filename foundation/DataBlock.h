@@ -1,0 +1,46 @@
+#pragma once
+// Data blocks: the framing of every archived object on a socket or pipe.
+//
+//   offset 0   28 bytes  marker "***KRVSecurityAgentDataBlock" (no terminator)
+//   offset 28   4 bytes  payload length, unsigned, little-endian
+//   offset 32   4 bytes  CRC-16/KERMIT of the payload in the low half, upper half zero
+//   offset 36            payload
+//
+// The writer refuses a block larger than 1048576 bytes in all (payload at most 1048540); the reader
+// accepts a declared payload length of up to 1048576 (intended slack on the reading side). Reads
+// and writes block; the callers bound them (the daemon's watchdog, the client's own patience).
+//
+// Error numbers are errno values (0 is success): EINVAL for bad arguments and oversized data, EIO
+// for any framing or checksum fault, EPIPE when the peer closes early, otherwise the errno of the
+// failing read or write. Stateless and thread-safe.
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string_view>
+
+#include "foundation/Result.h"
+#include "foundation/Value.h"
+
+namespace krv {
+
+inline constexpr std::string_view kDataBlockMarker = "***KRVSecurityAgentDataBlock";
+inline constexpr std::size_t kDataBlockHeaderSize = 36;
+inline constexpr std::size_t kDataBlockMaximumSize = 1048576;
+inline constexpr std::size_t kDataBlockMaximumPayload = kDataBlockMaximumSize - kDataBlockHeaderSize;
+// The largest single transfer the low-level loops accept.
+inline constexpr std::size_t kMaximumTransfer = 1048576;
+
+// Writes `length` bytes, retrying on EINTR; a write of 0 bytes ends with EPIPE.
+int writeToPipe(int fd, const std::uint8_t* bytes, std::size_t length);
+// Reads exactly `length` bytes, retrying on EINTR; end of file ends with EPIPE. *count receives
+// the number of bytes read, also on failure.
+int readFromPipe(int fd, std::uint8_t* buffer, std::size_t length, std::size_t* count);
+
+// Writes one block holding the payload. An empty payload writes nothing and succeeds.
+int writeDataBlock(int fd, std::span<const std::uint8_t> payload);
+// Reads one block and returns its payload; on failure the POSIX error carries the error number
+// (which is also left in errno for EINVAL and EIO).
+Result<Data> readDataBlock(int fd);
+
+}  // namespace krv

@@ -1,0 +1,118 @@
+#include "foundation/Md5.h"
+
+#include <cstring>
+
+namespace krv {
+
+namespace {
+
+constexpr std::uint32_t kSines[64] = {
+    0xd76aa478, 0xe8c7b756, 0x242070db, 0xc1bdceee, 0xf57c0faf, 0x4787c62a, 0xa8304613, 0xfd469501,
+    0x698098d8, 0x8b44f7af, 0xffff5bb1, 0x895cd7be, 0x6b901122, 0xfd987193, 0xa679438e, 0x49b40821,
+    0xf61e2562, 0xc040b340, 0x265e5a51, 0xe9b6c7aa, 0xd62f105d, 0x02441453, 0xd8a1e681, 0xe7d3fbc8,
+    0x21e1cde6, 0xc33707d6, 0xf4d50d87, 0x455a14ed, 0xa9e3e905, 0xfcefa3f8, 0x676f02d9, 0x8d2a4c8a,
+    0xfffa3942, 0x8771f681, 0x6d9d6122, 0xfde5380c, 0xa4beea44, 0x4bdecfa9, 0xf6bb4b60, 0xbebfbc70,
+    0x289b7ec6, 0xeaa127fa, 0xd4ef3085, 0x04881d05, 0xd9d4d039, 0xe6db99e5, 0x1fa27cf8, 0xc4ac5665,
+    0xf4292244, 0x432aff97, 0xab9423a7, 0xfc93a039, 0x655b59c3, 0x8f0ccc92, 0xffeff47d, 0x85845dd1,
+    0x6fa87e4f, 0xfe2ce6e0, 0xa3014314, 0x4e0811a1, 0xf7537e82, 0xbd3af235, 0x2ad7d2bb, 0xeb86d391};
+
+constexpr int kShifts[64] = {7, 12, 17, 22, 7, 12, 17, 22, 7, 12, 17, 22, 7, 12, 17, 22,
+                             5, 9,  14, 20, 5, 9,  14, 20, 5, 9,  14, 20, 5, 9,  14, 20,
+                             4, 11, 16, 23, 4, 11, 16, 23, 4, 11, 16, 23, 4, 11, 16, 23,
+                             6, 10, 15, 21, 6, 10, 15, 21, 6, 10, 15, 21, 6, 10, 15, 21};
+
+std::uint32_t rotateLeft(std::uint32_t value, int count) {
+  return (value << count) | (value >> (32 - count));
+}
+
+}  // namespace
+
+Md5::Md5() : m_state{0x67452301, 0xefcdab89, 0x98badcfe, 0x10325476} {}
+
+void Md5::transform(const std::uint8_t* block) {
+  std::uint32_t words[16];
+  for (int i = 0; i < 16; ++i) {
+    words[i] = static_cast<std::uint32_t>(block[i * 4]) |
+               (static_cast<std::uint32_t>(block[i * 4 + 1]) << 8) |
+               (static_cast<std::uint32_t>(block[i * 4 + 2]) << 16) |
+               (static_cast<std::uint32_t>(block[i * 4 + 3]) << 24);
+  }
+  std::uint32_t a = m_state[0], b = m_state[1], c = m_state[2], d = m_state[3];
+  for (int i = 0; i < 64; ++i) {
+    std::uint32_t f;
+    int g;
+    if (i < 16) {
+      f = (b & c) | (~b & d);
+      g = i;
+    } else if (i < 32) {
+      f = (d & b) | (~d & c);
+      g = (5 * i + 1) % 16;
+    } else if (i < 48) {
+      f = b ^ c ^ d;
+      g = (3 * i + 5) % 16;
+    } else {
+      f = c ^ (b | ~d);
+      g = (7 * i) % 16;
+    }
+    std::uint32_t rotated = rotateLeft(a + f + kSines[i] + words[g], kShifts[i]);
+    a = d;
+    d = c;
+    c = b;
+    b = b + rotated;
+  }
+  m_state[0] += a;
+  m_state[1] += b;
+  m_state[2] += c;
+  m_state[3] += d;
+}
+
+void Md5::update(std::span<const std::uint8_t> bytes) {
+  m_length += bytes.size();
+  std::size_t offset = 0;
+  if (m_buffered > 0) {
+    std::size_t take = std::min(bytes.size(), m_buffer.size() - m_buffered);
+    std::memcpy(m_buffer.data() + m_buffered, bytes.data(), take);
+    m_buffered += take;
+    offset = take;
+    if (m_buffered < m_buffer.size()) return;
+    transform(m_buffer.data());
+    m_buffered = 0;
+  }
+  for (; offset + 64 <= bytes.size(); offset += 64) transform(bytes.data() + offset);
+  std::memcpy(m_buffer.data(), bytes.data() + offset, bytes.size() - offset);
+  m_buffered = bytes.size() - offset;
+}
+
+Md5::Digest Md5::finish() {
+  std::uint64_t bitLength = m_length * 8;
+  std::uint8_t padding[72] = {0x80};
+  std::size_t padLength = (m_buffered < 56) ? (56 - m_buffered) : (120 - m_buffered);
+  update(std::span<const std::uint8_t>(padding, padLength));
+  std::uint8_t lengthBytes[8];
+  for (int i = 0; i < 8; ++i) lengthBytes[i] = static_cast<std::uint8_t>(bitLength >> (8 * i));
+  update(lengthBytes);
+  Digest digest;
+  for (int i = 0; i < 4; ++i) {
+    for (int j = 0; j < 4; ++j) digest[i * 4 + j] = static_cast<std::uint8_t>(m_state[i] >> (8 * j));
+  }
+  return digest;
+}
+
+Md5::Digest Md5::digest(std::span<const std::uint8_t> bytes) {
+  Md5 md5;
+  md5.update(bytes);
+  return md5.finish();
+}
+
+std::string Md5::hex(const Digest& digest) {
+  static constexpr char kDigits[] = "0123456789abcdef";
+  std::string text;
+  text.reserve(32);
+  for (std::uint8_t byte : digest) {
+    text += kDigits[byte >> 4];
+    text += kDigits[byte & 0x0F];
+  }
+  return text;
+}
+
+}  // namespace krv
