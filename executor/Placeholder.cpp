@@ -1,0 +1,1 @@
+// This folder's library; see the headers beside this file.
