@@ -20,6 +20,8 @@
 #include <memory>
 #include <string_view>
 
+#include "foundation/Value.h"
+
 namespace krv::auth {
 
 using ExternalForm = std::array<std::uint8_t, 32>;
@@ -66,5 +68,13 @@ class Authorization {
   // included) become invalid. Destroying the object without free() frees with default flags.
   virtual std::int32_t free(std::uint32_t flags) = 0;
 };
+
+// The rights store, for root callers. A definition is a rule name (a string) or a dictionary with
+// "rule" and "comment". rightGet succeeds when a definition exists (it is used as an existence
+// test); a missing right answers kStatusDenied.
+std::int32_t rightGet(std::string_view rightName);
+std::int32_t rightSet(Authorization& authorization, std::string_view rightName,
+                      const Value& definition);
+std::int32_t rightRemove(Authorization& authorization, std::string_view rightName);
 
 }  // namespace krv::auth

@@ -1,5 +1,6 @@
 #include "foundation/DataBlock.h"
 
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -30,14 +31,16 @@ Error blockFault(int errorNumber, const char* operation) {
 
 }  // namespace
 
-int writeToPipe(int fd, const std::uint8_t* bytes, std::size_t length) {
+int writeToPipe(int fd, const std::uint8_t* bytes, std::size_t length, BlockSink sink) {
   if (fd < 0 || bytes == nullptr || length > kMaximumTransfer) {
     errno = EINVAL;
     return EINVAL;
   }
   std::size_t done = 0;
   while (done < length) {
-    ssize_t currentBytes = ::write(fd, bytes + done, length - done);
+    ssize_t currentBytes = sink == BlockSink::Socket
+                               ? ::send(fd, bytes + done, length - done, MSG_NOSIGNAL)
+                               : ::write(fd, bytes + done, length - done);
     if (currentBytes > 0) {
       done += static_cast<std::size_t>(currentBytes);
     } else if (currentBytes == 0) {
@@ -81,7 +84,7 @@ int readFromPipe(int fd, std::uint8_t* buffer, std::size_t length, std::size_t* 
   return result;
 }
 
-int writeDataBlock(int fd, std::span<const std::uint8_t> payload) {
+int writeDataBlock(int fd, std::span<const std::uint8_t> payload, BlockSink sink) {
   if (fd < 0 || payload.size() + kDataBlockHeaderSize > kDataBlockMaximumSize) return EINVAL;
   if (payload.empty()) return 0;
   Data block(kDataBlockHeaderSize + payload.size());
@@ -89,7 +92,7 @@ int writeDataBlock(int fd, std::span<const std::uint8_t> payload) {
   storeLittleEndian32(block.data() + 28, static_cast<std::uint32_t>(payload.size()));
   storeLittleEndian32(block.data() + 32, crc16(payload));
   std::memcpy(block.data() + kDataBlockHeaderSize, payload.data(), payload.size());
-  return writeToPipe(fd, block.data(), block.size());
+  return writeToPipe(fd, block.data(), block.size(), sink);
 }
 
 Result<Data> readDataBlock(int fd) {

@@ -31,14 +31,20 @@ inline constexpr std::size_t kDataBlockMaximumPayload = kDataBlockMaximumSize - 
 // The largest single transfer the low-level loops accept.
 inline constexpr std::size_t kMaximumTransfer = 1048576;
 
+// How bytes are written: write(2) on pipes and the daemon's sockets; send(2) with MSG_NOSIGNAL on
+// a client's socket, so that a peer that closes early yields EPIPE instead of a signal.
+enum class BlockSink { Pipe, Socket };
+
 // Writes `length` bytes, retrying on EINTR; a write of 0 bytes ends with EPIPE.
-int writeToPipe(int fd, const std::uint8_t* bytes, std::size_t length);
+int writeToPipe(int fd, const std::uint8_t* bytes, std::size_t length,
+                BlockSink sink = BlockSink::Pipe);
 // Reads exactly `length` bytes, retrying on EINTR; end of file ends with EPIPE. *count receives
 // the number of bytes read, also on failure.
 int readFromPipe(int fd, std::uint8_t* buffer, std::size_t length, std::size_t* count);
 
 // Writes one block holding the payload. An empty payload writes nothing and succeeds.
-int writeDataBlock(int fd, std::span<const std::uint8_t> payload);
+int writeDataBlock(int fd, std::span<const std::uint8_t> payload,
+                   BlockSink sink = BlockSink::Pipe);
 // Reads one block and returns its payload; on failure the POSIX error carries the error number
 // (which is also left in errno for EINVAL and EIO).
 Result<Data> readDataBlock(int fd);

@@ -1,0 +1,135 @@
+// Serving one request: read, check, throttle, authorize, then start the command or handle the
+// daemon-control commands here.
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <thread>
+
+#include "daemon/SecurityAgentDaemon.h"
+#include "executor/KRVCommandExecutor.h"
+#include "foundation/Assert.h"
+#include "foundation/Format.h"
+#include "protocol/KRVSecurityAgent.h"
+
+namespace krv {
+
+namespace {
+
+constexpr const char* kUnit = "KRVSecurityAgentMain";
+// The group of the response pipe: the system's daemon group.
+constexpr gid_t kPipeGroup = 1;
+constexpr std::int64_t kThrottleThreshold = 11;
+constexpr std::uint32_t kThrottleFirstDelay = 100000;
+constexpr std::uint32_t kThrottleMaximumDelay = 2000000;
+
+}  // namespace
+
+void SecurityAgentDaemon::throttleIfBusy() {
+  if (KRVCommandExecutor::numberOfRunningExecutorThreads() < kThrottleThreshold) {
+    m_throttleDelay = 0;
+  } else {
+    // The stored delay runs 100000, 200000, ... 1600000, 3200000, 2000000, 2000000: the one
+    // stored value above the cap is kept on purpose; the sleep never exceeds the cap.
+    if (m_throttleDelay == 0) {
+      m_throttleDelay = kThrottleFirstDelay;
+    } else if (m_throttleDelay < kThrottleMaximumDelay) {
+      m_throttleDelay *= 2;
+    } else {
+      m_throttleDelay = kThrottleMaximumDelay;
+    }
+    m_log.log(SystemLog::Level::Warning,
+              format("Number of concurrent threads seems high. Throttling is in effect (%u).",
+                     m_throttleDelay));
+  }
+  std::this_thread::sleep_for(
+      std::chrono::microseconds(std::min(m_throttleDelay, kThrottleMaximumDelay)));
+}
+
+std::optional<std::string> SecurityAgentDaemon::createClientPipeReadableByUID(uid_t uid) {
+  std::string path = KRVSecurityAgent::pathForResponsePipe();
+  KRV_ASSERT(!path.empty(), kUnit);
+  mode_t savedMask = ::umask(0);
+  if (::mkfifo(path.c_str(), S_IRUSR | S_IWUSR) != 0) {
+    m_log.log(SystemLog::Level::Error, "Could not create pipe for client communication (%m)");
+    ::umask(savedMask);
+    return std::nullopt;
+  }
+  ::umask(savedMask);
+  if (::fchownat(AT_FDCWD, path.c_str(), uid, kPipeGroup, AT_SYMLINK_NOFOLLOW) != 0) {
+    m_log.log(SystemLog::Level::Error, "Could not change owner of client communication pipe (%m)");
+    ::unlink(path.c_str());
+    return std::nullopt;
+  }
+  return path;
+}
+
+int SecurityAgentDaemon::handleConnectionRequest(int socket) {
+  KRV_ASSERT(socket > 0, kUnit);
+  Result<Value> object = KRVSecurityAgent::readObjectFromPipe(socket);
+  if (!object) return static_cast<int>(object.error().code());
+  const ObjectRef* reference = object->asObject();
+  std::shared_ptr<const KRVPrivilegedCommand> command =
+      reference ? std::dynamic_pointer_cast<const KRVPrivilegedCommand>(*reference) : nullptr;
+  if (!command || !command->isValid()) return EIO;
+
+  throttleIfBusy();
+
+  std::optional<Error> response;
+  if (command->isNeedingAuthorization()) {
+    if (Status authorized = command->authorizeOnServer(); !authorized) {
+      m_log.log(SystemLog::Level::Error, "Could not get required authorization.");
+      response = authorized.error();
+    }
+  }
+
+  if (!response) {
+    switch (command->commandCode()) {
+      case kCommandPrepareUninstallation:
+        m_log.log(SystemLog::Level::Info, "Preparing v3 uninstallation procedure.");
+        // Removing the definitions may take longer than a request may.
+        ::alarm(0);
+        if (removeRightDefinitions(m_log)) {
+          m_log.log(SystemLog::Level::Info, "Handling right definitions succeeded.");
+          m_shutdown = true;
+          command->discardAuthorization();
+          response = KRVSecurityAgent::transportError(kTransportAccepted);
+        } else {
+          m_log.log(SystemLog::Level::Info, "Handling right definitions failed.");
+          response = KRVSecurityAgent::transportError(kTransportRightRemovalFailed);
+        }
+        ::alarm(kWatchdogSeconds);
+        break;
+      case kCommandShutdown:
+        m_shutdown = true;
+        command->discardAuthorization();
+        response = KRVSecurityAgent::transportError(kTransportAccepted);
+        break;
+      default: {
+        std::optional<std::string> pipePath =
+            createClientPipeReadableByUID(static_cast<uid_t>(command->userIdentification()));
+        if (!pipePath) {
+          response = KRVSecurityAgent::transportError(kTransportPipeNotCreated);
+          break;
+        }
+        Dictionary userInfo;
+        userInfo.set(KRVSecurityAgent::keyForClientSocket(), Value(*pipePath));
+        response = KRVSecurityAgent::transportError(kTransportAccepted, std::move(userInfo));
+        auto executor = std::make_unique<KRVCommandExecutor>();
+        executor->useAppleSystemLoggingWithIdentification(
+            kDaemonIdentification, kDaemonFacility,
+            m_debug ? SystemLog::kCopyToStandardError : 0);
+        executor->setPathOfClientCommunicationPipe(*pipePath);
+        KRVCommandExecutor::startThread(std::move(executor), std::move(command));
+        break;
+      }
+    }
+  }
+  return KRVSecurityAgent::writeObject(&*response, socket);
+}
+
+}  // namespace krv

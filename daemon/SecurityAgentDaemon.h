@@ -1,0 +1,67 @@
+#pragma once
+// The daemon process: start-up state, the event loop that accepts one connection at a time under
+// a 4-second watchdog, the serving of one request, and the right definitions.
+//
+// Everything here runs on the main thread. Executor threads run beside it and are only counted
+// (KRVCommandExecutor::numberOfRunningExecutorThreads). The shutdown flag and the throttle delay
+// are written by the main thread only.
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "foundation/SystemLog.h"
+
+namespace krv {
+
+inline constexpr const char* kDaemonIdentification = "com.tavorin.system.securityagent3";
+inline constexpr const char* kDaemonFacility = "Daemon";
+
+class SecurityAgentDaemon {
+ public:
+  // Exit statuses of a daemon run.
+  static constexpr int kExitNormal = 0;
+  static constexpr int kExitSetupFailure = 13;
+  // Seconds without a connection after which the loop returns.
+  static constexpr int kIdleTimeoutSeconds = 120;
+  // Seconds one request may take before the watchdog ends the process.
+  static constexpr unsigned kWatchdogSeconds = 4;
+
+  explicit SecurityAgentDaemon(bool debug);
+
+  // Start-up after the command line: right definitions, signals, check-in, event queue, loop.
+  // Returns the exit status.
+  int run();
+
+  // Serves one accepted, blocking connection; 0 when the reply was written, else an errno value.
+  int handleConnectionRequest(int socket);
+  // Creates the response FIFO for a request (mode 0600, owner uid, group 1); nothing on failure.
+  std::optional<std::string> createClientPipeReadableByUID(uid_t uid);
+
+  SystemLog& log() { return m_log; }
+  bool isShuttingDown() const { return m_shutdown; }
+
+ private:
+  int setupFailure(const char* message);
+  int socketFromLaunchDCheckIn();
+  void runUsingQueue(int queue);
+  void throttleIfBusy();
+
+  bool m_debug;
+  SystemLog m_log;
+  bool m_shutdown = false;
+  std::uint32_t m_throttleDelay = 0;  // microseconds
+  int m_listeningSocket = -1;
+};
+
+// Sets or clears O_NONBLOCK, writing the flags only when they differ; 0 or an errno value.
+int setSocketMode(int fd, bool nonBlocking);
+
+// The right definitions of the command table in the rights store.
+bool allRightsDefined();
+bool setupRightDefinitions();
+bool removeRightDefinitions(SystemLog& log);
+
+}  // namespace krv

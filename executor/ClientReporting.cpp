@@ -1,0 +1,109 @@
+// The executor's messages to the client: progress reports, payload chunks, live program output
+// and the final message, each one data block on the response pipe.
+
+#include <cerrno>
+#include <cmath>
+
+#include "executor/KRVCommandExecutor.h"
+#include "foundation/Assert.h"
+#include "foundation/System.h"
+#include "protocol/KRVSecurityAgent.h"
+
+namespace krv {
+
+namespace {
+
+constexpr const char* kUnit = "KRVCommandExecutor";
+
+Error intermediateReport(Dictionary userInfo) {
+  return KRVSecurityAgent::transportError(kTransportIntermediateReport, std::move(userInfo));
+}
+
+}  // namespace
+
+bool KRVCommandExecutor::sendProgressMessage(const Error& message) {
+  if (!m_pipe.valid()) return false;
+  int result = KRVSecurityAgent::writeObject(&message, m_pipe.get());
+  if (result == 0) return true;
+  errno = result;
+  if (m_log) m_log->log(SystemLog::Level::Error, "Could not transfer progress data back to client (%m).");
+  m_pipe.reset();
+  setPathOfClientCommunicationPipe(std::nullopt);
+  return false;
+}
+
+bool KRVCommandExecutor::sendProgressMessageToClient(double progress) {
+  Dictionary userInfo;
+  userInfo.set(key::kCurrentProgress, Value::real(progress));
+  return sendProgressMessage(intermediateReport(std::move(userInfo)));
+}
+
+bool KRVCommandExecutor::sendPayloadArray(const Array& payload, std::string_view key,
+                                          std::size_t granularity, double progressOffset) {
+  KRV_ASSERT(!key.empty() && granularity != 0 && progressOffset >= 0.0, kUnit);
+  auto sendChunk = [&](std::size_t begin, std::size_t end, double progress) {
+    Dictionary userInfo;
+    userInfo.set(key::kCurrentProgress, Value::real(progress));
+    userInfo.set(key, Value(Array(payload.begin() + static_cast<std::ptrdiff_t>(begin),
+                                  payload.begin() + static_cast<std::ptrdiff_t>(end))));
+    return sendProgressMessage(intermediateReport(std::move(userInfo)));
+  };
+
+  const std::size_t count = payload.size();
+  if (count <= granularity) return sendChunk(0, count, progressOffset);
+
+  const std::size_t fullChunks = count / granularity;
+  const double divisor = static_cast<double>(fullChunks + 1);
+  for (std::size_t i = 0; i < fullChunks; ++i) {
+    double progress = (static_cast<double>(i) / divisor) * (1.0 - progressOffset) + progressOffset;
+    if (!sendChunk(i * granularity, i * granularity + granularity, progress)) return false;
+  }
+  if (fullChunks * granularity >= count) return true;
+  // The remainder carries the offset itself, not the next value of the rising series: clients
+  // depend on this exact value.
+  return sendChunk(fullChunks * granularity, count, progressOffset);
+}
+
+void KRVCommandExecutor::sendFinalMessageToClientPipeAndClose(const CommandResult& message) {
+  if (!message || !m_pipe.valid()) return;
+  const Error* final = &*message;
+  Error replacement = KRVSecurityAgent::transportError(kTransportResultNotTransferable);
+  if (final->code() == 0 && !KRVSecurityAgent::isObjectAcceptableForResponse(final)) {
+    final = &replacement;
+  }
+  int result = KRVSecurityAgent::writeObject(final, m_pipe.get());
+  if (result != 0) {
+    errno = result;
+    if (m_log) m_log->log(SystemLog::Level::Error, "Could not transfer data back to client (%m).");
+  }
+  m_pipe.reset();
+  setPathOfClientCommunicationPipe(std::nullopt);
+}
+
+void KRVCommandExecutor::clearSubCommandOutput() {
+  m_incomingStdOutData = Data();
+  m_incomingStdErrData = Data();
+}
+
+void KRVCommandExecutor::receiveTaskOutput(const Data& data, bool isError) {
+  // Collected always (the final result carries all output); beyond what one data block can carry
+  // the result could not be transferred anyway, so further bytes are not kept.
+  Data& collected = isError ? m_incomingStdErrData : m_incomingStdOutData;
+  const std::size_t room = kMaximumCollectedOutput > collected.size()
+                               ? kMaximumCollectedOutput - collected.size()
+                               : 0;
+  collected.insert(collected.end(), data.begin(),
+                   data.begin() + static_cast<std::ptrdiff_t>(std::min(room, data.size())));
+  if (!m_isSendingLiveData) return;
+  Dictionary userInfo;
+  userInfo.set(key::kCurrentProgress, Value::real(0.0));
+  userInfo.set(isError ? key::kErrorChannel : key::kOutputChannel, Value(data));
+  (void)sendProgressMessage(intermediateReport(std::move(userInfo)));
+}
+
+void KRVCommandExecutor::taskDidLaunch(KRVTaskExecutor& task) {
+  if (!m_providedStdInData || task.subTaskInputHandle() < 0) return;
+  (void)sys::writeAll(task.subTaskInputHandle(), *m_providedStdInData);
+}
+
+}  // namespace krv

@@ -1,0 +1,168 @@
+#include "executor/KRVCommandExecutor.h"
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <mutex>
+#include <thread>
+
+#include "foundation/Assert.h"
+#include "foundation/Format.h"
+#include "foundation/System.h"
+#include "protocol/KRVSecurityAgent.h"
+
+namespace krv {
+
+namespace {
+
+constexpr const char* kUnit = "KRVCommandExecutor";
+
+// A client has this long to open its end of the response pipe. A client that never does would
+// otherwise keep its command's thread, and with it the daemon, alive for ever.
+constexpr std::chrono::seconds kPipeOpenTimeout{60};
+
+std::mutex& executorLock() {
+  static std::mutex lock;
+  return lock;
+}
+std::int64_t runningExecutorThreads = 0;
+
+// Opens the write end of the response pipe once the client has opened its read end. The path
+// must still name a FIFO: the client owns it and could have replaced it with a link elsewhere.
+Result<UniqueFd> openResponsePipe(const std::string& path) {
+  auto deadline = std::chrono::steady_clock::now() + kPipeOpenTimeout;
+  auto pause = std::chrono::microseconds(50);
+  for (;;) {
+    Result<UniqueFd> pipe = sys::open(path, O_WRONLY | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY);
+    if (pipe) {
+      KRV_TRY(struct stat status, sys::fstat(pipe->get()));
+      if (!S_ISFIFO(status.st_mode)) return Error::posix(EINVAL, "open pipe");
+      KRV_TRY_VOID(sys::setNonBlocking(pipe->get(), false));
+      return pipe;
+    }
+    if (pipe.error().code() != ENXIO || std::chrono::steady_clock::now() >= deadline) {
+      return pipe.error();
+    }
+    std::this_thread::sleep_for(pause);
+    pause = std::min<std::chrono::microseconds>(pause * 2, std::chrono::milliseconds(5));
+  }
+}
+
+}  // namespace
+
+Error commandError(std::int64_t code, Dictionary userInfo) {
+  return Error(std::string(kCommandErrorDomain), code, std::move(userInfo));
+}
+
+Error commandSuccess() { return commandError(0); }
+
+Error commandErrorWithFailingPath(std::int64_t code, const std::string& path) {
+  Dictionary userInfo;
+  userInfo.set(key::kFailingPath, Value(path));
+  return commandError(code, std::move(userInfo));
+}
+
+void KRVCommandExecutor::getVersion(unsigned* major, unsigned* minor, std::string* build) {
+  if (major != nullptr) *major = kVersionMajor;
+  if (minor != nullptr) *minor = kVersionMinor;
+  if (build != nullptr) *build = kVersionBuild;
+}
+
+std::int64_t KRVCommandExecutor::numberOfRunningExecutorThreads() {
+  std::lock_guard<std::mutex> lock(executorLock());
+  return runningExecutorThreads;
+}
+
+KRVCommandExecutor::~KRVCommandExecutor() = default;
+
+void KRVCommandExecutor::useAppleSystemLoggingWithIdentification(const char* identification,
+                                                                 const char* facility,
+                                                                 std::uint32_t options) {
+  KRV_ASSERT(identification != nullptr && facility != nullptr, kUnit);
+  m_log = std::make_unique<SystemLog>(identification, facility, options);
+}
+
+void KRVCommandExecutor::setPathOfClientCommunicationPipe(std::optional<std::string> path) {
+  m_pipePath = std::move(path);
+  m_pipe.release();  // never closes: callers close first
+}
+
+void KRVCommandExecutor::startThread(std::unique_ptr<KRVCommandExecutor> executor,
+                                     std::shared_ptr<const KRVPrivilegedCommand> command) {
+  std::thread([executor = std::move(executor), command = std::move(command)]() mutable {
+    try {
+      executor->executeCommandInNewThread(std::move(command));
+    } catch (...) {
+      // No exception may leave a thread: report and end this command only.
+      if (executor->log() != nullptr) {
+        executor->log()->log(SystemLog::Level::Error, "Unexpected failure of a command thread.");
+      }
+    }
+  }).detach();
+}
+
+void KRVCommandExecutor::executeCommandInNewThread(
+    std::shared_ptr<const KRVPrivilegedCommand> command) {
+  if (!command || !m_log || !m_pipePath || m_pipePath->empty()) return;
+  {
+    std::lock_guard<std::mutex> lock(executorLock());
+    ++runningExecutorThreads;
+  }
+  const int code = static_cast<int>(command->commandCode());
+  const void* thread = reinterpret_cast<const void*>(::pthread_self());
+  m_log->log(SystemLog::Level::Debug, format("Thread %p running for request type %d.", thread, code));
+
+  Result<UniqueFd> pipe = openResponsePipe(*m_pipePath);
+  if (!pipe) {
+    errno = static_cast<int>(pipe.error().code());
+    m_log->log(SystemLog::Level::Error, "Could not open pipe for client communication (%m)");
+  } else {
+    m_pipe = std::move(*pipe);
+    CommandResult result = executeCommand(*command);
+    command->discardAuthorization();
+    sendFinalMessageToClientPipeAndClose(result);
+  }
+
+  command.reset();
+  m_log->log(SystemLog::Level::Debug,
+             format("Thread %p servicing request type %d exited.", thread, code));
+  m_log.reset();
+  {
+    std::lock_guard<std::mutex> lock(executorLock());
+    --runningExecutorThreads;
+  }
+}
+
+bool KRVCommandExecutor::sendSignal(int signal, pid_t processIdentifier) {
+  if (processIdentifier < 1) return false;
+  return ::kill(processIdentifier, signal) == 0;
+}
+
+std::int64_t KRVCommandExecutor::processIdentifierForRunFileAtPath(const std::string& path) {
+  Result<std::string> text = sys::readFile(path, 4096);
+  if (!text) return 0;
+  const char* cursor = text->c_str();
+  while (*cursor == ' ' || *cursor == '\t' || *cursor == '\n' || *cursor == '\r') ++cursor;
+  bool negative = false;
+  if (*cursor == '+' || *cursor == '-') negative = *cursor++ == '-';
+  std::int64_t value = 0;
+  for (; *cursor >= '0' && *cursor <= '9'; ++cursor) {
+    if (value > (INT64_MAX - 9) / 10) break;  // saturate instead of overflowing
+    value = value * 10 + (*cursor - '0');
+  }
+  return negative ? -value : value;
+}
+
+std::uint32_t KRVCommandExecutor::fileSystemIDForPath(const std::string& path) {
+  struct stat status {};
+  if (::lstat(path.c_str(), &status) != 0) return 0xFFFFFFFFu;
+  return static_cast<std::uint32_t>(status.st_dev);
+}
+
+}  // namespace krv

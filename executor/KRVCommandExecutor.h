@@ -1,0 +1,169 @@
+#pragma once
+// KRVCommandExecutor: carries out one accepted request on a thread of its own and is, from then
+// on, the only party that talks to the client. It opens the request's response pipe, runs the
+// command (dispatch by code), streams intermediate reports (progress values, chunks of result
+// lists, live output of external programs) and ends with exactly one final message.
+//
+// Ownership and threads: the connection handler creates the executor on the daemon's main thread,
+// gives it its log and its pipe path, and hands it, with the command, to a detached thread
+// (startThread). After that only that thread touches the executor. The running-thread counter is
+// the one piece of state shared between threads; it is read and written under the executor lock.
+//
+// The command families live in their own files (one per family); every command method returns
+// the command's result, an Error in the command error domain (code 0 is success), or nothing when
+// the client went away and no final message must be written.
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "executor/KRVTaskExecutor.h"
+#include "foundation/Error.h"
+#include "foundation/SystemLog.h"
+#include "foundation/UniqueFd.h"
+#include "foundation/Value.h"
+#include "protocol/KRVPrivilegedCommand.h"
+
+namespace krv {
+
+// What a command method returns: a result, or nothing when the client is gone.
+using CommandResult = std::optional<Error>;
+
+class KRVCommandExecutor final : public TaskDelegate {
+ public:
+  static constexpr unsigned kVersionMajor = 3;
+  static constexpr unsigned kVersionMinor = 1;
+  static constexpr const char* kVersionBuild = "121004";
+  // Output kept per stream of an external program; a result larger than one data block could not
+  // reach the client anyway.
+  static constexpr std::size_t kMaximumCollectedOutput = 1048576 + 1;
+
+  // Stores 3, 1 and "121004" into the targets that are non-null.
+  static void getVersion(unsigned* major, unsigned* minor, std::string* build);
+  static std::int64_t numberOfRunningExecutorThreads();
+
+  KRVCommandExecutor() = default;
+  ~KRVCommandExecutor() override;
+  KRVCommandExecutor(const KRVCommandExecutor&) = delete;
+  KRVCommandExecutor& operator=(const KRVCommandExecutor&) = delete;
+
+  // Gives the executor its own log connection. Both names must be non-null (a programming error
+  // otherwise).
+  void useAppleSystemLoggingWithIdentification(const char* identification, const char* facility,
+                                               std::uint32_t options);
+  // Stores the pipe path (nothing clears it); never closes a descriptor.
+  void setPathOfClientCommunicationPipe(std::optional<std::string> path);
+
+  // The thread body: counts itself in, opens the pipe, runs the command, gives up the
+  // authorization, writes the final message, counts itself out.
+  void executeCommandInNewThread(std::shared_ptr<const KRVPrivilegedCommand> command);
+  // Detaches a thread that runs executeCommandInNewThread; the thread owns both objects.
+  static void startThread(std::unique_ptr<KRVCommandExecutor> executor,
+                          std::shared_ptr<const KRVPrivilegedCommand> command);
+
+  // ---- Client reporting ----
+  bool sendProgressMessage(const Error& message);
+  bool sendProgressMessageToClient(double progress);
+  // Sends the array in chunks of `granularity` elements under `key`, with the progress values
+  // clients rely on (see ClientReporting.cpp). A zero granularity, an empty key or a negative or
+  // NaN offset is a programming error.
+  bool sendPayloadArray(const Array& payload, std::string_view key, std::size_t granularity,
+                        double progressOffset);
+  void sendFinalMessageToClientPipeAndClose(const CommandResult& message);
+  bool isSendingLiveData() const { return m_isSendingLiveData; }
+
+  // ---- External program output (TaskDelegate) ----
+  void clearSubCommandOutput();
+  void receiveTaskOutput(const Data& data, bool isError) override;
+  void taskDidLaunch(KRVTaskExecutor& task) override;
+  const Data& incomingStdOutData() const { return m_incomingStdOutData; }
+  const Data& incomingStdErrData() const { return m_incomingStdErrData; }
+
+  // ---- Shared helpers of the command families ----
+  static bool sendSignal(int signal, pid_t processIdentifier);
+  static std::int64_t processIdentifierForRunFileAtPath(const std::string& path);
+  // The device number of the object itself (links not followed); all ones when lstat fails.
+  static std::uint32_t fileSystemIDForPath(const std::string& path);
+  SystemLog* log() { return m_log.get(); }
+
+  // ---- Dispatch ----
+  CommandResult executeCommand(const KRVPrivilegedCommand& command);
+  Error getVersionInformation();
+  CommandResult performWhoAmIDiagnostic(std::uint64_t steps);
+
+  // ---- External programs (ProgramCommands.cpp) ----
+  Error executeSystemProgramAtPath(const std::string& path, const Array& arguments,
+                                   bool keepingPathEnvironment = false);
+  Error updateDyLdCacheWithArguments(const Array& arguments);
+  Error executeDittoWithArguments(const Array& arguments);
+  Error executeMountWithArguments(const Array& arguments);
+  Error executePeriodicWithArguments(const Array& arguments);
+  Error executeDiskUtilityWithArguments(const Array& arguments);
+  Error executeMDUtilityWithArguments(const Array& arguments);
+  Error executeLipoWithArguments(const Array& arguments);
+  Error executeATSUtilityWithArguments(const Array& arguments);
+  Error executeLaunchControlWithArguments(const Array& arguments);
+  Error executeCUPSControlWithArguments(const Array& arguments);
+  Error executeRepairPackagePermissionsWithArguments(const Array& arguments);
+  Error executeUnmountCommandWithArguments(const Array& arguments);
+  Error executeTMUtilityWithCommands(const Array& arguments);
+  Error manageACLSupportWithArguments(const Array& arguments);
+  Error changePOSIXPermissionsWithArguments(const Array& arguments);
+  Error changeOwnerWithArguments(const Array& arguments);
+
+  // ---- File objects (FileObjectCommands.cpp) ----
+  Error overwriteSystemFileAtPath(const std::string& path, const Data& content, bool removeBackup);
+  Error createFileSystemObjectAtPath(const std::string& path, const std::string& typeCode);
+  Error renameFileSystemObjectAtPath(const std::string& path, const std::string& newPath);
+  CommandResult deleteFileSystemObjectsAtPaths(const Array& paths, bool stopOnFirstError);
+  CommandResult deleteFileSystemObjectsRecursivelyAtPaths(const Array& paths);
+  CommandResult deleteFileSystemFolderContentsAtPaths(const Array& paths);
+  Error deleteHibernationFileAtPath(const std::string& path);
+  Error changeProtectionAttributeAtPath(const std::string& path, bool protect, bool recursively,
+                                        bool stayOnFileSystem);
+  Error removeSystemProtectionForFileSystemObjectAtPath(const std::string& path);
+  Error setAtPath(const std::string& path, std::uint64_t typeCode, std::uint64_t creatorCode,
+                  bool visibility);
+  Error createLinkAtPath(const std::string& path, const std::string& targetPath, bool hard);
+  Error touchFileSystemObjectAtPath(const std::string& path);
+
+  // ---- Searches and measurements (SearchCommands.cpp) ----
+  CommandResult searchForFileSystemObjectsOlderThanDays(const std::string& path,
+                                                        std::uint64_t days, bool stayOnFileSystem);
+  Error inspectFileSystemObjectAtPath(const std::string& path);
+  CommandResult searchForFileSystemObjectsWithPrefix(const std::string& path,
+                                                     const std::string& prefix,
+                                                     const std::string& extension,
+                                                     bool matchFolders);
+  Error getStorageSizeOfSubtreeAtPath(const std::string& path);
+  CommandResult searchForFileSystemObjectsWithNamePatterns(const std::string& path,
+                                                           bool stayOnFileSystem,
+                                                           const Array& patterns);
+  Error countFileSystemObjectsAtPath(const std::string& path, const std::string& markerPath);
+
+  // ---- Commands whose family is not available in this version (UnavailableCommands.cpp) ----
+  // System settings (18-22, 24-30), access control lists (34, 35), folder comparison (52).
+  static Error commandNotAvailable();
+
+ private:
+  std::unique_ptr<SystemLog> m_log;
+  std::optional<std::string> m_pipePath;
+  UniqueFd m_pipe;
+  Data m_incomingStdOutData;
+  Data m_incomingStdErrData;
+  std::optional<Data> m_providedStdInData;  // no command sets it; kept for program input
+  bool m_isSendingLiveData = false;
+};
+
+// The error of a command result in the command error domain.
+Error commandError(std::int64_t code, Dictionary userInfo = {});
+// Success (code 0, no user information).
+Error commandSuccess();
+// A command error with user information {FailingPath: path}.
+Error commandErrorWithFailingPath(std::int64_t code, const std::string& path);
+
+}  // namespace krv

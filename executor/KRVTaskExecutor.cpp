@@ -1,0 +1,215 @@
+#include "executor/KRVTaskExecutor.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <thread>
+
+#include "foundation/System.h"
+
+extern char** environ;
+
+namespace krv {
+
+namespace {
+
+constexpr std::size_t kReadChunkSize = 65536;
+
+bool isOwnedByRootAndNotWritableByOthers(const struct stat& status) {
+  return status.st_uid == 0 && status.st_gid == 0 && (status.st_mode & 022) == 0;
+}
+
+// A descriptor that is not one of the standard three, so that dup2 onto 0, 1 or 2 in the child
+// always makes a fresh, inheritable copy.
+Result<UniqueFd> aboveStandardDescriptors(UniqueFd fd) {
+  if (fd.get() > STDERR_FILENO) return fd;
+  int moved = ::fcntl(fd.get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+  if (moved < 0) return Error::fromErrno("fcntl");
+  return UniqueFd(moved);
+}
+
+class SpawnActions {
+ public:
+  SpawnActions() { m_ok = ::posix_spawn_file_actions_init(&m_actions) == 0; }
+  ~SpawnActions() {
+    if (m_ok) ::posix_spawn_file_actions_destroy(&m_actions);
+  }
+  SpawnActions(const SpawnActions&) = delete;
+  SpawnActions& operator=(const SpawnActions&) = delete;
+  bool ok() const { return m_ok; }
+  posix_spawn_file_actions_t* get() { return &m_actions; }
+
+ private:
+  posix_spawn_file_actions_t m_actions{};
+  bool m_ok = false;
+};
+
+class SpawnAttributes {
+ public:
+  SpawnAttributes() { m_ok = ::posix_spawnattr_init(&m_attributes) == 0; }
+  ~SpawnAttributes() {
+    if (m_ok) ::posix_spawnattr_destroy(&m_attributes);
+  }
+  SpawnAttributes(const SpawnAttributes&) = delete;
+  SpawnAttributes& operator=(const SpawnAttributes&) = delete;
+  bool ok() const { return m_ok; }
+  posix_spawnattr_t* get() { return &m_attributes; }
+
+ private:
+  posix_spawnattr_t m_attributes{};
+  bool m_ok = false;
+};
+
+// Reads what a stream holds after the program ended: to end of file, or until a descendant that
+// still holds the pipe has nothing more for now (so a lingering grandchild cannot block us).
+Data drain(int fd) {
+  Data chunk;
+  (void)sys::setNonBlocking(fd, true);
+  std::uint8_t buffer[kReadChunkSize];
+  for (;;) {
+    ssize_t count = ::read(fd, buffer, sizeof buffer);
+    if (count > 0) {
+      chunk.insert(chunk.end(), buffer, buffer + count);
+    } else if (count < 0 && errno == EINTR) {
+      continue;
+    } else {
+      break;
+    }
+  }
+  return chunk;
+}
+
+int exitStatusOf(int waitStatus) {
+  if (WIFEXITED(waitStatus)) return WEXITSTATUS(waitStatus);
+  if (WIFSIGNALED(waitStatus)) return WTERMSIG(waitStatus);
+  return waitStatus;
+}
+
+}  // namespace
+
+std::mutex& KRVTaskExecutor::environmentLock() {
+  static std::mutex lock;
+  return lock;
+}
+
+bool KRVTaskExecutor::hasExecutableSafePermissionsAtPath(const std::string& path) {
+  if (path.empty()) return false;
+  char resolved[PATH_MAX];
+  if (::realpath(path.c_str(), resolved) == nullptr) return false;
+  std::string program(resolved);
+  struct stat status {};
+  if (::lstat(program.c_str(), &status) != 0 || S_ISDIR(status.st_mode)) return false;
+  if (!isOwnedByRootAndNotWritableByOthers(status)) return false;
+  std::string::size_type slash = program.rfind('/');
+  std::string parent = slash == 0 ? std::string("/") : program.substr(0, slash);
+  struct stat parentStatus {};
+  if (::lstat(parent.c_str(), &parentStatus) != 0 || !S_ISDIR(parentStatus.st_mode)) return false;
+  return isOwnedByRootAndNotWritableByOthers(parentStatus);
+}
+
+void KRVTaskExecutor::deliver(const Data& chunk, bool isError) {
+  if (m_delegate != nullptr) {
+    m_delegate->receiveTaskOutput(chunk, isError);
+    return;
+  }
+  (void)sys::writeAll(isError ? STDERR_FILENO : STDOUT_FILENO, chunk);
+}
+
+Result<int> KRVTaskExecutor::executeProgramAtPath(const std::string& path,
+                                                  const std::vector<std::string>& arguments) {
+  KRV_TRY(sys::PipeEnds input, sys::pipe());
+  KRV_TRY(sys::PipeEnds output, sys::pipe());
+  KRV_TRY(sys::PipeEnds error, sys::pipe());
+  KRV_TRY(UniqueFd childInput, aboveStandardDescriptors(std::move(input.readEnd)));
+  KRV_TRY(UniqueFd childOutput, aboveStandardDescriptors(std::move(output.writeEnd)));
+  KRV_TRY(UniqueFd childError, aboveStandardDescriptors(std::move(error.writeEnd)));
+
+  SpawnActions actions;
+  SpawnAttributes attributes;
+  if (!actions.ok() || !attributes.ok()) return Error::posix(ENOMEM, "posix_spawn");
+  ::posix_spawn_file_actions_adddup2(actions.get(), childInput.get(), STDIN_FILENO);
+  ::posix_spawn_file_actions_adddup2(actions.get(), childOutput.get(), STDOUT_FILENO);
+  ::posix_spawn_file_actions_adddup2(actions.get(), childError.get(), STDERR_FILENO);
+  // The daemon ignores SIGPIPE and may block signals on this thread; the program starts clean.
+  sigset_t defaults;
+  sigemptyset(&defaults);
+  sigaddset(&defaults, SIGPIPE);
+  sigset_t noneBlocked;
+  sigemptyset(&noneBlocked);
+  ::posix_spawnattr_setsigdefault(attributes.get(), &defaults);
+  ::posix_spawnattr_setsigmask(attributes.get(), &noneBlocked);
+  ::posix_spawnattr_setflags(attributes.get(), POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
+
+  std::vector<char*> argv;
+  argv.reserve(arguments.size() + 2);
+  argv.push_back(const_cast<char*>(path.c_str()));
+  for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
+  argv.push_back(nullptr);
+
+  if (m_delegate != nullptr) m_delegate->taskWillExecute(*this);
+  pid_t pid = -1;
+  int spawnError = 0;
+  {
+    std::lock_guard<std::mutex> lock(environmentLock());
+    spawnError = ::posix_spawn(&pid, path.c_str(), actions.get(), attributes.get(), argv.data(),
+                               environ);
+  }
+  childInput.reset();
+  childOutput.reset();
+  childError.reset();
+  if (spawnError != 0) return Error::posix(spawnError, "posix_spawn");
+
+  m_inputHandle = input.writeEnd.get();
+  if (m_delegate != nullptr) m_delegate->taskDidLaunch(*this);
+  m_inputHandle = -1;
+  input.writeEnd.reset();
+
+  UniqueFd exitNotice(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)));
+  pollfd watched[3] = {{output.readEnd.get(), POLLIN, 0},
+                       {error.readEnd.get(), POLLIN, 0},
+                       {exitNotice.get(), POLLIN, 0}};
+  std::uint8_t buffer[kReadChunkSize];
+  for (;;) {
+    // Without a process descriptor (old kernels) the end of both streams stands for the exit.
+    if (!exitNotice.valid() && watched[0].fd < 0 && watched[1].fd < 0) break;
+    int ready = ::poll(watched, 3, -1);
+    if (ready < 0) {
+      if (errno == EINTR) continue;
+      break;
+    }
+    if (watched[2].revents != 0) break;
+    for (int stream = 0; stream < 2; ++stream) {
+      if (watched[stream].fd < 0 || watched[stream].revents == 0) continue;
+      ssize_t count = ::read(watched[stream].fd, buffer, sizeof buffer);
+      if (count > 0) {
+        deliver(Data(buffer, buffer + count), stream == 1);
+      } else if (count == 0 || (errno != EINTR && errno != EAGAIN)) {
+        watched[stream].fd = -1;  // end of this stream; the final drain reports it
+      }
+    }
+  }
+
+  int waitStatus = 0;
+  while (::waitpid(pid, &waitStatus, 0) < 0 && errno == EINTR) {
+  }
+  deliver(drain(output.readEnd.get()), false);
+  deliver(drain(error.readEnd.get()), true);
+  return exitStatusOf(waitStatus);
+}
+
+Result<int> KRVHighLoadTaskExecutor::executeProgramAtPath(
+    const std::string& path, const std::vector<std::string>& arguments) {
+  Result<int> status = KRVTaskExecutor::executeProgramAtPath(path, arguments);
+  std::this_thread::sleep_for(std::chrono::microseconds(40000));
+  return status;
+}
+
+}  // namespace krv

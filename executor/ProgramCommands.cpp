@@ -1,0 +1,113 @@
+// Commands carried out by running one fixed system program with the client's arguments.
+
+#include <cerrno>
+#include <cstdlib>
+#include <mutex>
+
+#include "executor/KRVCommandExecutor.h"
+
+namespace krv {
+
+namespace {
+
+constexpr std::int64_t kBadArgument = 3;
+constexpr std::int64_t kUnsafeProgram = 5;
+constexpr std::int64_t kProgramFailed = 6;
+
+std::vector<std::string> programArguments(const Array& arguments) {
+  std::vector<std::string> strings;
+  strings.reserve(arguments.size());
+  for (const Value& argument : arguments) {
+    // Requests were validated: every argument of these commands is a string.
+    if (const std::string* text = argument.asString()) strings.push_back(*text);
+  }
+  return strings;
+}
+
+}  // namespace
+
+Error KRVCommandExecutor::executeSystemProgramAtPath(const std::string& path,
+                                                     const Array& arguments,
+                                                     bool keepingPathEnvironment) {
+  if (path.empty()) return commandError(kBadArgument);
+  if (!KRVTaskExecutor::hasExecutableSafePermissionsAtPath(path)) {
+    return commandErrorWithFailingPath(kUnsafeProgram, path);
+  }
+  if (!keepingPathEnvironment) {
+    // For good and for the whole process: later programs run without PATH too, also those whose
+    // command asked to keep it.
+    std::lock_guard<std::mutex> lock(KRVTaskExecutor::environmentLock());
+    ::unsetenv("PATH");
+  }
+  clearSubCommandOutput();
+  Result<int> status = [&] {
+    KRVHighLoadTaskExecutor task;
+    task.setDelegate(this);
+    return task.executeProgramAtPath(path, programArguments(arguments));
+  }();
+  if (!status) {
+    // The program passed the safety rule but could not be started (not executable, not a
+    // program, ...): the launch's errno, with the program's path.
+    Dictionary userInfo;
+    userInfo.set(key::kFailingPath, Value(path));
+    clearSubCommandOutput();
+    return Error(std::string(kPosixErrorDomain), status.error().code(), std::move(userInfo));
+  }
+  Dictionary userInfo;
+  userInfo.set(key::kOutputChannel, Value(std::move(m_incomingStdOutData)));
+  userInfo.set(key::kErrorChannel, Value(std::move(m_incomingStdErrData)));
+  userInfo.set(key::kUnderlyingErrorCode, Value::integer(*status));
+  clearSubCommandOutput();
+  return commandError(*status == 0 ? 0 : kProgramFailed, std::move(userInfo));
+}
+
+Error KRVCommandExecutor::updateDyLdCacheWithArguments(const Array& arguments) {
+  return executeSystemProgramAtPath("/usr/bin/update_dyld_shared_cache", arguments);
+}
+Error KRVCommandExecutor::executeDittoWithArguments(const Array& arguments) {
+  return executeSystemProgramAtPath("/usr/bin/ditto", arguments);
+}
+Error KRVCommandExecutor::executeMountWithArguments(const Array& arguments) {
+  return executeSystemProgramAtPath("/sbin/mount", arguments);
+}
+Error KRVCommandExecutor::executePeriodicWithArguments(const Array& arguments) {
+  return executeSystemProgramAtPath("/usr/sbin/periodic", arguments, true);
+}
+Error KRVCommandExecutor::executeDiskUtilityWithArguments(const Array& arguments) {
+  return executeSystemProgramAtPath("/usr/sbin/diskutil", arguments);
+}
+Error KRVCommandExecutor::executeMDUtilityWithArguments(const Array& arguments) {
+  return executeSystemProgramAtPath("/usr/bin/mdutil", arguments);
+}
+Error KRVCommandExecutor::executeLipoWithArguments(const Array& arguments) {
+  return executeSystemProgramAtPath("/usr/bin/lipo", arguments);
+}
+Error KRVCommandExecutor::executeATSUtilityWithArguments(const Array& arguments) {
+  return executeSystemProgramAtPath("/usr/bin/atsutil", arguments);
+}
+Error KRVCommandExecutor::executeLaunchControlWithArguments(const Array& arguments) {
+  return executeSystemProgramAtPath("/bin/launchctl", arguments);
+}
+Error KRVCommandExecutor::executeCUPSControlWithArguments(const Array& arguments) {
+  return executeSystemProgramAtPath("/usr/sbin/cupsctl", arguments);
+}
+Error KRVCommandExecutor::executeRepairPackagePermissionsWithArguments(const Array& arguments) {
+  return executeSystemProgramAtPath("/usr/libexec/repair_packages", arguments);
+}
+Error KRVCommandExecutor::executeUnmountCommandWithArguments(const Array& arguments) {
+  return executeSystemProgramAtPath("/sbin/umount", arguments);
+}
+Error KRVCommandExecutor::executeTMUtilityWithCommands(const Array& arguments) {
+  return executeSystemProgramAtPath("/usr/bin/tmutil", arguments);
+}
+Error KRVCommandExecutor::manageACLSupportWithArguments(const Array& arguments) {
+  return executeSystemProgramAtPath("/usr/sbin/fsaclctl", arguments);
+}
+Error KRVCommandExecutor::changePOSIXPermissionsWithArguments(const Array& arguments) {
+  return executeSystemProgramAtPath("/bin/chmod", arguments);
+}
+Error KRVCommandExecutor::changeOwnerWithArguments(const Array& arguments) {
+  return executeSystemProgramAtPath("/usr/sbin/chown", arguments);
+}
+
+}  // namespace krv
