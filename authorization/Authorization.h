@@ -12,6 +12,14 @@
 //
 // Thread-safety: one Authorization object belongs to one thread at a time. Every operation talks
 // to the service over its own connection and blocks until the service answers.
+//
+// The client side: create() asks the service for a new authorization, whose token is its external
+// form; copyRights() with kFlagInteractionAllowed asks the user through the process's prompt
+// handler (authorization/PromptHandler.h: /dev/tty by default, a callback for GUI applications).
+// The daemon side: createFromExternalForm() only remembers the token and the claimed user;
+// copyRights() has the service validate them (the service refuses this to callers other than
+// root), and free() with kFlagDestroyRights has it destroy what the token's authorization
+// obtained. A service that cannot be reached gives kStatusInternal.
 
 #include <sys/types.h>
 
@@ -69,12 +77,28 @@ class Authorization {
   virtual std::int32_t free(std::uint32_t flags) = 0;
 };
 
-// The rights store, for root callers. A definition is a rule name (a string) or a dictionary with
-// "rule" and "comment". rightGet succeeds when a definition exists (it is used as an existence
-// test); a missing right answers kStatusDenied.
-std::int32_t rightGet(std::string_view rightName);
-std::int32_t rightSet(Authorization& authorization, std::string_view rightName,
-                      const Value& definition);
-std::int32_t rightRemove(Authorization& authorization, std::string_view rightName);
+// A short English description of a status ("denied", "interaction not allowed", ...).
+std::string_view describeStatus(std::int32_t status);
+
+// Right definitions in the service's rights store, for root callers (others get kStatusDenied).
+// A definition is a rule name ("default") or a dictionary {"rule": name, "comment": text}.
+//
+// rightExists: kStatusSuccess when a definition file exists under the name, even a broken or
+// unsafe one (so that an administrator's edit is never overwritten); kStatusDenied when not.
+std::int32_t rightExists(std::string_view rightName);
+// rightGet: the definition into *definition (when not null). For a file that exists but cannot be
+// used, kStatusSuccess with *definition untouched and the reason in *problem (when not null).
+// kStatusDenied when the right is not defined.
+std::int32_t rightGet(std::string_view rightName, Value* definition, std::string* problem = nullptr);
+// rightSet: writes the definition (atomically, replacing an existing one). kStatusInvalidSet for a
+// malformed name or definition or an unknown rule.
+std::int32_t rightSet(std::string_view rightName, const Value& definition);
+// rightRemove: kStatusDenied when the right is not defined.
+std::int32_t rightRemove(std::string_view rightName);
+
+// The path of the service's socket (kServiceSocketPath unless changed, e.g. to reach a service
+// started elsewhere). Process-wide; synchronised.
+void setServiceSocketPath(std::string path);
+std::string serviceSocketPath();
 
 }  // namespace krv::auth

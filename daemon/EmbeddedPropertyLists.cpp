@@ -6,10 +6,7 @@
 
 namespace krv {
 
-[[gnu::used, gnu::section(".krv_job_description")]] extern const char kJobDescription[];
-[[gnu::used, gnu::section(".krv_bundle_information")]] extern const char kBundleInformation[];
-
-const char kJobDescription[] = R"(<?xml version="1.0" encoding="UTF-8"?>
+[[gnu::used, gnu::section(".krv_job_description")]] static const char kJobDescription[] = R"(<?xml version="1.0" encoding="UTF-8"?>
 <!DOCTYPE plist PUBLIC "-//Apple//DTD PLIST 1.0//EN" "http://www.apple.com/DTDs/PropertyList-1.0.dtd">
 <plist version="1.0">
 <dict>
@@ -33,7 +30,7 @@ const char kJobDescription[] = R"(<?xml version="1.0" encoding="UTF-8"?>
 </plist>
 )";
 
-const char kBundleInformation[] = R"(<?xml version="1.0" encoding="UTF-8"?>
+[[gnu::used, gnu::section(".krv_bundle_information")]] static const char kBundleInformation[] = R"(<?xml version="1.0" encoding="UTF-8"?>
 <!DOCTYPE plist PUBLIC "-//Apple//DTD PLIST 1.0//EN" "http://www.apple.com/DTDs/PropertyList-1.0.dtd">
 <plist version="1.0">
 <dict>

@@ -16,7 +16,7 @@ namespace {
 // The name an earlier version used for the system-protection right, misspelling included.
 constexpr const char* kLegacyRightName = "com.tavorin.remove.system-protecton";
 
-bool rightExists(std::string_view name) { return auth::rightGet(name) == auth::kStatusSuccess; }
+bool rightExists(std::string_view name) { return auth::rightExists(name) == auth::kStatusSuccess; }
 
 Value definitionFor(const KRVPrivilegedCommand& command) {
   std::optional<std::string> comment = command.commentForAuthorizationRight();
@@ -28,10 +28,10 @@ Value definitionFor(const KRVPrivilegedCommand& command) {
 }
 
 // Removes one right if it exists; false when the removal failed.
-bool removeIfDefined(auth::Authorization& authorization, const std::string& name, SystemLog& log) {
+bool removeIfDefined(const std::string& name, SystemLog& log) {
   if (!rightExists(name)) return true;
   log.log(SystemLog::Level::Debug, format("Removing right definition '%s'", name.c_str()));
-  if (auth::rightRemove(authorization, name) == auth::kStatusSuccess) return true;
+  if (auth::rightRemove(name) == auth::kStatusSuccess) return true;
   log.log(SystemLog::Level::Debug, format("Removing right definition '%s' failed.", name.c_str()));
   return false;
 }
@@ -51,7 +51,7 @@ bool setupRightDefinitions() {
   bool ok = true;
   for (const auto& command : KRVPrivilegedCommand::allImplementedCommandsNeedingAuthorization()) {
     if (rightExists(command->rightNameUTF8String())) continue;
-    if (auth::rightSet(*authorization, command->rightNameUTF8String(), definitionFor(*command)) !=
+    if (auth::rightSet(command->rightNameUTF8String(), definitionFor(*command)) !=
         auth::kStatusSuccess) {
       ok = false;
       break;
@@ -66,12 +66,12 @@ bool removeRightDefinitions(SystemLog& log) {
   if (auth::Authorization::create(authorization) != auth::kStatusSuccess) return false;
   bool ok = true;
   for (const auto& command : KRVPrivilegedCommand::allImplementedCommandsNeedingAuthorization()) {
-    if (!removeIfDefined(*authorization, command->rightName(), log)) {
+    if (!removeIfDefined(command->rightName(), log)) {
       ok = false;
       break;
     }
   }
-  if (ok) ok = removeIfDefined(*authorization, kLegacyRightName, log);
+  if (ok) ok = removeIfDefined(kLegacyRightName, log);
   authorization->free(auth::kFlagDefaults);
   return ok;
 }

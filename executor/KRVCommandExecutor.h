@@ -66,6 +66,9 @@ class KRVCommandExecutor final : public TaskDelegate {
                           std::shared_ptr<const KRVPrivilegedCommand> command);
 
   // ---- Client reporting ----
+  // The open write end of the response pipe (the thread body opens it from the path; exposed so
+  // that reporting works on any descriptor).
+  void setPipeDescriptor(UniqueFd pipe) { m_pipe = std::move(pipe); }
   bool sendProgressMessage(const Error& message);
   bool sendProgressMessageToClient(double progress);
   // Sends the array in chunks of `granularity` elements under `key`, with the progress values

@@ -33,6 +33,9 @@ Data archiveKeyed(const Archivable& root);
 
 // The size in bytes of archiveSequential(root), computed without building the archive.
 std::size_t sequentialArchiveSize(const Archivable& root);
+// Appends archiveSequential(root) to `output`, so that a data block can be built in one buffer
+// (reserve the header plus sequentialArchiveSize(root) first).
+void appendSequentialArchive(const Archivable& root, Data& output);
 
 Result<Value> unarchiveSequential(std::span<const std::uint8_t> payload,
                                   const ClassRegistry& classes);

@@ -1,6 +1,8 @@
 #include "foundation/System.h"
 
+#include <sys/random.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -74,6 +76,20 @@ Result<struct stat> fstat(int fd) {
   struct stat status {};
   if (::fstat(fd, &status) != 0) return Error::fromErrno("fstat");
   return status;
+}
+
+Result<struct stat> statAt(int directoryFd, const char* path, int flags) {
+  struct stat status {};
+  if (::fstatat(directoryFd, path, &status, flags) != 0) return Error::fromErrno("fstatat");
+  return status;
+}
+
+Result<std::size_t> readDirectoryEntries(int directoryFd, std::span<char> buffer) {
+  for (;;) {
+    ssize_t count = ::getdents64(directoryFd, buffer.data(), buffer.size());
+    if (count >= 0) return static_cast<std::size_t>(count);
+    if (errno != EINTR) return Error::fromErrno("getdents64");
+  }
 }
 
 Status unlink(const std::string& path) {
@@ -162,6 +178,25 @@ Result<DirectoryStream> openDirectory(const std::string& path) {
   if (stream == nullptr) return Error::fromErrno("fdopendir");
   fd.release();
   return DirectoryStream(stream);
+}
+
+Status getRandom(std::span<std::uint8_t> buffer) {
+  while (!buffer.empty()) {
+    ssize_t count = ::getrandom(buffer.data(), buffer.size(), 0);
+    if (count < 0) {
+      if (errno == EINTR) continue;
+      return Error::fromErrno("getrandom");
+    }
+    buffer = buffer.subspan(static_cast<std::size_t>(count));
+  }
+  return {};
+}
+
+Result<UniqueFd> pidfdOpen(pid_t pid) {
+  // pidfd descriptors are always close-on-exec.
+  long fd = ::syscall(SYS_pidfd_open, pid, 0);
+  if (fd < 0) return Error::fromErrno("pidfd_open");
+  return UniqueFd(static_cast<int>(fd));
 }
 
 std::string errorText(int errnoValue) {

@@ -33,6 +33,11 @@ Result<std::string> readFile(const std::string& path, std::size_t maxSize);
 Result<struct stat> lstat(const std::string& path);
 Result<struct stat> stat(const std::string& path);
 Result<struct stat> fstat(int fd);
+// fstatat: status of `path` relative to an open folder; flags as for fstatat (AT_SYMLINK_NOFOLLOW).
+Result<struct stat> statAt(int directoryFd, const char* path, int flags);
+// One getdents64 batch of raw directory records into `buffer`, retried on EINTR; returns the
+// number of bytes filled, 0 at the end of the folder.
+Result<std::size_t> readDirectoryEntries(int directoryFd, std::span<char> buffer);
 
 Status unlink(const std::string& path);
 Status rmdir(const std::string& path);
@@ -72,6 +77,12 @@ class DirectoryStream {
   DIR* m_stream = nullptr;
 };
 Result<DirectoryStream> openDirectory(const std::string& path);
+
+// Fills the whole buffer from the kernel's random source (getrandom, blocking until the pool is
+// initialised; short reads and EINTR are retried).
+Status getRandom(std::span<std::uint8_t> buffer);
+// A process descriptor for pid (pidfd_open), close-on-exec; readable once the process has exited.
+Result<UniqueFd> pidfdOpen(pid_t pid);
 
 // The text of an errno value (strerror_r, thread-safe).
 std::string errorText(int errnoValue);

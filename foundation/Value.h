@@ -104,12 +104,14 @@ class Dictionary {
   bool remove(std::string_view key);
   bool contains(std::string_view key) const { return find(key) != nullptr; }
 
-  std::size_t size() const { return m_entries.size(); }
-  bool empty() const { return m_entries.empty(); }
-  void reserve(std::size_t count) { m_entries.reserve(count); }
+  // (Defined after Value: clang instantiates the vector members at once, and Value must be
+  // complete by then.)
+  std::size_t size() const;
+  bool empty() const;
+  void reserve(std::size_t count);
   const std::vector<Entry>& entries() const { return m_entries; }
-  std::vector<Entry>::const_iterator begin() const { return m_entries.begin(); }
-  std::vector<Entry>::const_iterator end() const { return m_entries.end(); }
+  std::vector<Entry>::const_iterator begin() const;
+  std::vector<Entry>::const_iterator end() const;
 
   // Equal when both hold the same keys with equal values, whatever their order.
   bool operator==(const Dictionary& other) const;
@@ -179,6 +181,16 @@ class Value {
  private:
   std::variant<std::string, Number, Data, Date, Array, Set, Dictionary, ObjectRef> m_storage;
 };
+
+inline std::size_t Dictionary::size() const { return m_entries.size(); }
+inline bool Dictionary::empty() const { return m_entries.empty(); }
+inline void Dictionary::reserve(std::size_t count) { m_entries.reserve(count); }
+inline std::vector<Dictionary::Entry>::const_iterator Dictionary::begin() const {
+  return m_entries.begin();
+}
+inline std::vector<Dictionary::Entry>::const_iterator Dictionary::end() const {
+  return m_entries.end();
+}
 
 // The name of a value's type as clients see it in diagnostics ("string", "number", ...).
 std::string_view typeName(ValueType type);

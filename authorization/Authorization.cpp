@@ -1,0 +1,296 @@
+// The client side of the authorization service: the operations of Authorization.h over the
+// service's socket (docs/authorization-protocol.md).
+
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <cerrno>
+#include <cstring>
+#include <mutex>
+
+#include "authorization/Authorization.h"
+#include "authorization/AuthorityProtocol.h"
+#include "authorization/MessageChannel.h"
+#include "authorization/PromptHandler.h"
+#include "authorization/Secret.h"
+#include "foundation/System.h"
+
+namespace krv::auth {
+
+namespace {
+
+constexpr std::chrono::milliseconds kSendTimeout{10'000};
+// The service may wait for the user (up to five minutes a prompt) and impose back-off delays
+// between attempts; the client waits for each message at most this long.
+constexpr std::chrono::milliseconds kReplyTimeout{600'000};
+
+std::mutex g_pathMutex;
+std::string g_socketPath(kServiceSocketPath);
+
+Result<UniqueFd> connectToService() {
+  const std::string path = serviceSocketPath();
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  if (path.empty() || path.size() >= sizeof address.sun_path) {
+    return Error::posix(EINVAL, "service socket path");
+  }
+  std::memcpy(address.sun_path, path.data(), path.size());
+  int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (fd < 0) return Error::fromErrno("socket");
+  UniqueFd socket(fd);
+  for (;;) {
+    if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) break;
+    if (errno != EINTR) return Error::fromErrno("connect");
+  }
+  return socket;
+}
+
+struct Outcome {
+  std::int32_t status = kStatusInternal;
+  Dictionary results;
+};
+
+// Answers one prompt of the service through the handler (or says that nobody can answer).
+Status answerPrompt(int socket, const Prompt& prompt, PromptHandler* handler) {
+  if (!expectsAnswer(prompt.style)) {
+    if (handler != nullptr) handler->show(prompt);
+    return {};
+  }
+  Answer answer;
+  answer.kind = AnswerKind::Unavailable;
+  if (handler != nullptr) answer = handler->ask(prompt);
+  Data payload = encodeAnswer(answer.kind, answer.response.view());
+  Status sent = sendMessage(socket, payload, deadlineAfter(kSendTimeout));
+  wipe(std::span<std::uint8_t>(payload));
+  return sent;
+}
+
+// One operation: one connection, one request, prompts, one reply.
+Outcome exchange(const Request& request, PromptHandler* handler) {
+  Outcome outcome;
+  Result<UniqueFd> socket = connectToService();
+  if (!socket) return outcome;
+  Data payload = encodeRequest(request);
+  Status sent = sendMessage(socket->get(), payload, deadlineAfter(kSendTimeout));
+  wipe(std::span<std::uint8_t>(payload));
+  if (!sent) return outcome;
+  for (;;) {
+    Result<Data> received =
+        receiveMessage(socket->get(), kMaximumReplyPayload, deadlineAfter(kReplyTimeout));
+    if (!received) return outcome;
+    Result<ServiceMessage> message = decodeServiceMessage(*received);
+    wipe(std::span<std::uint8_t>(*received));
+    if (!message) return outcome;
+    if (message->prompt) {
+      if (!answerPrompt(socket->get(), *message->prompt, handler)) return outcome;
+      continue;
+    }
+    outcome.status = message->status;
+    outcome.results = std::move(message->results);
+    return outcome;
+  }
+}
+
+void wipeToken(ExternalForm& token) { wipe(token.data(), token.size()); }
+
+class ClientAuthorization final : public Authorization {
+ public:
+  explicit ClientAuthorization(const ExternalForm& token) : m_token(token) {}
+  ~ClientAuthorization() override {
+    if (m_live) free(kFlagDefaults);
+    wipeToken(m_token);
+  }
+
+  std::int32_t copyRights(std::string_view rightName, std::uint32_t flags) override {
+    if (!m_live) return kStatusInvalidRef;
+    std::shared_ptr<PromptHandler> handler;
+    if ((flags & kFlagInteractionAllowed) != 0) {
+      handler = currentPromptHandler();
+      // Without a way to ask, the service must not start a conversation nobody can answer.
+      if (!handler || !handler->canAsk()) flags &= ~kFlagInteractionAllowed;
+    }
+    Request request;
+    request.operation = Operation::CopyRights;
+    request.token = m_token;
+    request.right = std::string(rightName);
+    request.flags = flags;
+    Outcome outcome = exchange(request, handler.get());
+    wipeToken(request.token);
+    return outcome.status;
+  }
+
+  std::int32_t makeExternalForm(ExternalForm& out) override {
+    if (!m_live) return kStatusInvalidRef;
+    out = m_token;
+    return kStatusSuccess;
+  }
+
+  std::int32_t free(std::uint32_t flags) override {
+    if (!m_live) return kStatusInvalidRef;
+    m_live = false;
+    Request request;
+    request.operation = Operation::Free;
+    request.token = m_token;
+    request.flags = flags;
+    Outcome outcome = exchange(request, nullptr);
+    wipeToken(request.token);
+    wipeToken(m_token);
+    return outcome.status;
+  }
+
+ private:
+  ExternalForm m_token;
+  bool m_live = true;
+};
+
+// The daemon's view of a client's authorization: a token and the user it is claimed for.
+class ServerAuthorization final : public Authorization {
+ public:
+  ServerAuthorization(const ExternalForm& token, uid_t claimedUser)
+      : m_token(token), m_claimedUser(claimedUser) {}
+  ~ServerAuthorization() override { wipeToken(m_token); }
+
+  std::int32_t copyRights(std::string_view rightName, std::uint32_t flags) override {
+    if (!m_live) return kStatusInvalidRef;
+    Request request;
+    request.operation = Operation::Validate;
+    request.token = m_token;
+    request.right = std::string(rightName);
+    request.flags = flags;
+    request.user = m_claimedUser;
+    Outcome outcome = exchange(request, nullptr);
+    wipeToken(request.token);
+    return outcome.status;
+  }
+
+  std::int32_t makeExternalForm(ExternalForm& out) override {
+    if (!m_live) return kStatusInvalidRef;
+    out = m_token;
+    return kStatusSuccess;
+  }
+
+  std::int32_t free(std::uint32_t flags) override {
+    if (!m_live) return kStatusInvalidRef;
+    m_live = false;
+    std::int32_t status = kStatusSuccess;
+    if ((flags & kFlagDestroyRights) != 0) {
+      Request request;
+      request.operation = Operation::DestroyRights;
+      request.token = m_token;
+      request.user = m_claimedUser;
+      status = exchange(request, nullptr).status;
+      wipeToken(request.token);
+    }
+    wipeToken(m_token);
+    return status;
+  }
+
+ private:
+  ExternalForm m_token;
+  uid_t m_claimedUser;
+  bool m_live = true;
+};
+
+Outcome rightRequest(Operation operation, std::string_view rightName,
+                     const Value* definition = nullptr) {
+  Request request;
+  request.operation = operation;
+  request.right = std::string(rightName);
+  if (definition != nullptr) request.definition = *definition;
+  return exchange(request, nullptr);
+}
+
+}  // namespace
+
+std::int32_t Authorization::create(std::unique_ptr<Authorization>& out) {
+  Request request;
+  request.operation = Operation::Create;
+  Outcome outcome = exchange(request, nullptr);
+  if (outcome.status != kStatusSuccess) return outcome.status;
+  const Value* token = outcome.results.find("Token");
+  if (token == nullptr || token->asData() == nullptr ||
+      token->asData()->size() != std::tuple_size_v<ExternalForm>) {
+    return kStatusInternal;
+  }
+  ExternalForm form{};
+  std::copy(token->asData()->begin(), token->asData()->end(), form.begin());
+  wipe(const_cast<Data&>(*token->asData()).data(), form.size());
+  out = std::make_unique<ClientAuthorization>(form);
+  wipeToken(form);
+  return kStatusSuccess;
+}
+
+std::int32_t Authorization::createFromExternalForm(const ExternalForm& form, uid_t claimedUser,
+                                                   std::unique_ptr<Authorization>& out) {
+  out = std::make_unique<ServerAuthorization>(form, claimedUser);
+  return kStatusSuccess;
+}
+
+std::string_view describeStatus(std::int32_t status) {
+  switch (status) {
+    case kStatusSuccess:
+      return "success";
+    case kStatusInvalidSet:
+      return "invalid right or request";
+    case kStatusInvalidRef:
+      return "invalid authorization";
+    case kStatusInvalidTag:
+      return "invalid tag";
+    case kStatusInvalidPointer:
+      return "invalid pointer";
+    case kStatusDenied:
+      return "denied";
+    case kStatusCanceled:
+      return "cancelled";
+    case kStatusInteractionNotAllowed:
+      return "interaction not allowed";
+    case kStatusInternal:
+      return "internal error (is the authorization service running?)";
+    case kStatusExternalizeNotAllowed:
+      return "externalize not allowed";
+    case kStatusInternalizeNotAllowed:
+      return "internalize not allowed";
+    case kStatusInvalidFlags:
+      return "invalid flags";
+    default:
+      return "unknown status";
+  }
+}
+
+std::int32_t rightExists(std::string_view rightName) {
+  return rightGet(rightName, nullptr, nullptr);
+}
+
+std::int32_t rightGet(std::string_view rightName, Value* definition, std::string* problem) {
+  Outcome outcome = rightRequest(Operation::RightGet, rightName);
+  if (outcome.status != kStatusSuccess) return outcome.status;
+  if (const Value* found = outcome.results.find("Definition"); found != nullptr) {
+    if (definition != nullptr) *definition = *found;
+  } else if (const Value* reason = outcome.results.find("Problem");
+             reason != nullptr && reason->asString() != nullptr) {
+    if (problem != nullptr) *problem = *reason->asString();
+  } else {
+    return kStatusInternal;
+  }
+  return kStatusSuccess;
+}
+
+std::int32_t rightSet(std::string_view rightName, const Value& definition) {
+  return rightRequest(Operation::RightSet, rightName, &definition).status;
+}
+
+std::int32_t rightRemove(std::string_view rightName) {
+  return rightRequest(Operation::RightRemove, rightName).status;
+}
+
+void setServiceSocketPath(std::string path) {
+  std::lock_guard<std::mutex> lock(g_pathMutex);
+  g_socketPath = std::move(path);
+}
+
+std::string serviceSocketPath() {
+  std::lock_guard<std::mutex> lock(g_pathMutex);
+  return g_socketPath;
+}
+
+}  // namespace krv::auth

@@ -1,0 +1,74 @@
+#include "filesystem/FileManagerEnumerator.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include "filesystem/FileManager.h"
+#include "foundation/System.h"
+
+namespace krv {
+namespace {
+
+constexpr int kFolderOpenFlags = O_RDONLY | O_DIRECTORY | O_NOCTTY | O_NONBLOCK;
+
+}  // namespace
+
+Result<FileManagerEnumerator> FileManagerEnumerator::open(const std::string& path) {
+  if (path.find('\0') != std::string::npos) return FileManager::error(EINVAL, path);
+  Result<UniqueFd> folder = sys::open(path, kFolderOpenFlags);
+  if (!folder) return FileManager::error(folder.error(), path);
+  FileManagerEnumerator enumerator;
+  enumerator.m_levels.push_back(Level{FolderReader(std::move(*folder)), 0});
+  return enumerator;
+}
+
+std::optional<std::string> FileManagerEnumerator::nextObject() {
+  if (m_descendPending) descend();
+  while (!m_levels.empty()) {
+    Level& level = m_levels.back();
+    std::optional<FolderReader::Entry> entry = level.reader.next();
+    if (!entry) {
+      if (level.reader.error()) {
+        m_path.resize(level.prefixLength > 0 ? level.prefixLength - 1 : 0);
+        noteError(*level.reader.error());
+      }
+      m_levels.pop_back();
+      continue;
+    }
+    m_path.resize(level.prefixLength);
+    m_nameStart = m_path.size();
+    m_path.append(entry->name);
+    bool isDirectory = entry->type == DT_DIR;
+    if (entry->type == DT_UNKNOWN) {
+      Result<struct stat> status =
+          sys::statAt(level.reader.fd(), m_path.c_str() + m_nameStart, AT_SYMLINK_NOFOLLOW);
+      isDirectory = status && S_ISDIR(status->st_mode);
+    }
+    m_lastIsDirectory = isDirectory;
+    m_descendPending = isDirectory;
+    return m_path;
+  }
+  m_lastIsDirectory = false;
+  return std::nullopt;
+}
+
+void FileManagerEnumerator::descend() {
+  m_descendPending = false;
+  if (m_levels.empty()) return;
+  // O_NOFOLLOW: a folder replaced by a link since it was listed is not entered.
+  Result<UniqueFd> folder = sys::openAt(m_levels.back().reader.fd(), m_path.c_str() + m_nameStart,
+                                        kFolderOpenFlags | O_NOFOLLOW);
+  if (!folder) {
+    noteError(folder.error());
+    return;
+  }
+  m_path += '/';
+  m_levels.push_back(Level{FolderReader(std::move(*folder)), m_path.size()});
+}
+
+void FileManagerEnumerator::noteError(const Error& error) {
+  if (!m_firstError) m_firstError = FileManager::error(error, m_path);
+}
+
+}  // namespace krv

@@ -1,0 +1,63 @@
+#pragma once
+// FileManagerEnumerator: the file manager's own walk of a folder tree. It hands out the relative
+// path of every object below the base folder ("a", "a/b", ...), pre-order, each folder's entries in
+// the order the kernel lists them. The base folder is opened as named (a final symbolic link is
+// followed, as when listing a folder); below it no symbolic link is ever followed, so a link to a
+// folder is handed out but not entered. skipDescendents() keeps the walk out of the folder it
+// handed out last.
+//
+// Every level is opened relative to its parent's descriptor with O_NOFOLLOW, so the walk is
+// immune to links swapped into the tree and knows no path length limit; depth is bounded only by
+// the process's descriptor limit (one descriptor and one small buffer per open level). A folder
+// that cannot be entered or read is handed out but its contents are passed over; the first such
+// failure is kept in firstError().
+//
+// Owns its descriptors; movable, not copyable; one thread at a time.
+
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "filesystem/FolderReader.h"
+#include "foundation/Result.h"
+
+namespace krv {
+
+class FileManagerEnumerator {
+ public:
+  // Errors: the POSIX error of opening the base folder, with FailingPath.
+  static Result<FileManagerEnumerator> open(const std::string& path);
+
+  FileManagerEnumerator(FileManagerEnumerator&&) noexcept = default;
+  FileManagerEnumerator& operator=(FileManagerEnumerator&&) noexcept = default;
+
+  // The relative path of the next object, or nothing when the walk is over.
+  std::optional<std::string> nextObject();
+  // The object handed out last is not descended into (no effect unless it is a folder).
+  void skipDescendents() { m_descendPending = false; }
+  // Whether the object handed out last is a folder (not a link to one).
+  bool lastObjectIsDirectory() const { return m_lastIsDirectory; }
+
+  // The first folder that could not be entered or read (FailingPath = its relative path).
+  const std::optional<Error>& firstError() const { return m_firstError; }
+
+ private:
+  struct Level {
+    FolderReader reader;
+    std::size_t prefixLength;  // length of this folder's relative path plus "/" (0 at the base)
+  };
+
+  FileManagerEnumerator() = default;
+  void descend();
+  void noteError(const Error& error);
+
+  std::vector<Level> m_levels;
+  std::string m_path;  // relative path of the object handed out last
+  std::size_t m_nameStart = 0;
+  bool m_descendPending = false;
+  bool m_lastIsDirectory = false;
+  std::optional<Error> m_firstError;
+};
+
+}  // namespace krv

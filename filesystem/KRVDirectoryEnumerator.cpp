@@ -1,0 +1,215 @@
+#include "filesystem/KRVDirectoryEnumerator.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <span>
+#include <utility>
+
+#include "foundation/System.h"
+
+namespace krv {
+
+namespace {
+
+constexpr std::string_view kPathLengthMessage =
+    "KRVDirectoryEnumerator: maximum path length reached. Skipping...\n";
+constexpr std::string_view kNestingMessage =
+    "KRVDirectoryEnumerator: maximum number of nested directories reached. Skipping...\n";
+// Mode bit that makes an entry a candidate for descent: the folder bit, tested alone.
+constexpr mode_t kFolderBit = 0x4000;
+// Names up to this length fit the one-byte bookkeeping of a level.
+constexpr std::size_t kLongestEnterableName = 255;
+constexpr std::string_view kVolumePrefix = "/.vol";
+
+void logToConsole(std::string_view message) {
+  std::span<const std::uint8_t> bytes(reinterpret_cast<const std::uint8_t*>(message.data()),
+                                      message.size());
+  // The console log is best effort: a closed standard error must not disturb the walk.
+  (void)sys::writeAll(STDERR_FILENO, bytes);
+}
+
+}  // namespace
+
+std::unique_ptr<KRVDirectoryEnumerator> KRVDirectoryEnumerator::enumeratorAtPath(
+    const std::string& path, bool stayOnFileSystem) {
+  if (path.empty()) return nullptr;
+
+  // A path with a NUL byte cannot name anything; the kernel would only see its first part.
+  bool isFolder = false;
+  if (path.find('\0') == std::string::npos) {
+    Result<struct stat> status = sys::stat(path);
+    isFolder = status && S_ISDIR(status->st_mode);
+  }
+  if (!isFolder) {
+    logToConsole(std::string(kClassName) + ": attempt to initialize with invalid path '" + path +
+                 "'\n");
+    return nullptr;
+  }
+
+  Result<std::unique_ptr<DirectoryReader>> reader = DirectoryReader::create();
+  if (!reader) return nullptr;
+  std::unique_ptr<KRVDirectoryEnumerator> enumerator(
+      new KRVDirectoryEnumerator(std::move(*reader), path));
+
+  // Level 0 is open even when the base cannot be read; the walk then yields nothing.
+  enumerator->m_topIndex = 0;
+  enumerator->m_reader->beginLevel(0);
+  if (Result<UniqueFd> fd = sys::open(path, O_RDONLY | O_DIRECTORY | O_NOCTTY)) {
+    enumerator->m_levelFds[0] = std::move(*fd);
+  }
+
+  if (stayOnFileSystem) {
+    if (Result<struct stat> status = sys::lstat(path)) {
+      enumerator->m_stayOnFileSystem = true;
+      enumerator->m_baseFileSystemId = status->st_dev;
+    }
+  }
+  return enumerator;
+}
+
+KRVDirectoryEnumerator::KRVDirectoryEnumerator(std::unique_ptr<DirectoryReader> reader,
+                                               const std::string& basePath)
+    : m_reader(std::move(reader)) {
+  // The limit counts the relative part only, so the buffer holds the whole base, a separator,
+  // the longest relative folder path, a separator, the longest name and a NUL.
+  std::size_t capacity =
+      basePath.size() + 1 + kMaximumRelativePathLength + 1 + DirectoryReader::kLongestName + 1;
+  m_pathBuffer = std::make_unique_for_overwrite<char[]>(capacity);
+  std::memcpy(m_pathBuffer.get(), basePath.data(), basePath.size());
+  m_relativeStart = basePath.size();
+  if (basePath.size() != 1) m_pathBuffer[m_relativeStart++] = '/';
+  m_pathBuffer[m_relativeStart] = '\0';
+}
+
+KRVDirectoryEnumerator::~KRVDirectoryEnumerator() = default;
+
+std::optional<std::string_view> KRVDirectoryEnumerator::nextObject() {
+  for (;;) {
+    if (m_topIndex < 0 || !m_levelFds[m_topIndex].valid()) return std::nullopt;
+    int level = m_topIndex;
+    std::optional<DirectoryReader::Entry> entry = m_reader->next(level, m_levelFds[level].get());
+    if (!entry) {
+      popDirectory();
+      continue;
+    }
+
+    // The entry's relative path is built where a push would put it: the buffer then already holds
+    // the path of the folder if it is entered.
+    char* relative = m_pathBuffer.get() + m_relativeStart;
+    std::size_t nameOffset = m_relativePathLength;
+    if (m_relativePathLength != 0) relative[nameOffset++] = '/';
+    std::memcpy(relative + nameOffset, entry->name.data(), entry->name.size());
+    m_entryNameLength = entry->name.size();
+    m_entryLength = nameOffset + m_entryNameLength;
+    relative[m_entryLength] = '\0';
+    m_entryLevel = level;
+    m_entryWasEntered = shouldEnter(level, nameOffset, m_entryNameLength, entry->type);
+    return std::string_view(relative, m_entryLength);
+  }
+}
+
+// Decides with as few system calls as the outcome allows: the kernel's entry type stands in for
+// lstat's file type, and only the stay flag (for the device) or a file system without entry types
+// needs the status of the entry.
+bool KRVDirectoryEnumerator::shouldEnter(int level, std::size_t nameOffset, std::size_t nameLength,
+                                         unsigned char directoryType) {
+  const char* name = m_pathBuffer.get() + m_relativeStart + nameOffset;
+  int directoryFd = m_levelFds[level].get();
+  bool haveStatus = false;
+  struct stat status {};
+  auto readStatus = [&] {
+    Result<struct stat> result =
+        sys::statAt(directoryFd, name, AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT);
+    if (!result) return false;
+    status = *result;
+    haveStatus = true;
+    return true;
+  };
+
+  m_entryFileType = 0;
+  if (directoryType != DT_UNKNOWN && !m_ignoresEntryTypes) {
+    m_entryFileType = DTTOIF(directoryType);
+  } else if (readStatus()) {
+    m_entryFileType = status.st_mode & S_IFMT;
+  }
+  if ((m_entryFileType & kFolderBit) == 0) return false;
+
+  if (m_stayOnFileSystem) {
+    if (!haveStatus && !readStatus()) return false;
+    m_entryFileType = status.st_mode & S_IFMT;
+    if ((m_entryFileType & kFolderBit) == 0 || status.st_dev != m_baseFileSystemId) return false;
+  } else {
+    std::size_t absoluteLength = m_relativeStart + nameOffset + nameLength;
+    if (absoluteLength >= kVolumePrefix.size() &&
+        std::memcmp(m_pathBuffer.get(), kVolumePrefix.data(), kVolumePrefix.size()) == 0) {
+      return false;
+    }
+  }
+  if (nameLength > kLongestEnterableName) return false;
+  return pushDirectory(nameOffset, nameLength, m_entryFileType);
+}
+
+bool KRVDirectoryEnumerator::pushDirectory(std::size_t nameOffset, std::size_t nameLength,
+                                           mode_t fileType) {
+  if (m_relativePathLength + nameLength + 1 >= kMaximumRelativePathLength + 1) {
+    logToConsole(kPathLengthMessage);
+    return false;
+  }
+  if (m_topIndex + 1 >= kMaximumOpenLevels) {
+    logToConsole(kNestingMessage);
+    return false;
+  }
+
+  // The level's share of the relative path is kept in one byte: a 255-byte name below the first
+  // level adds nothing, and the folder opened is then the current one again.
+  auto added = static_cast<std::uint8_t>(nameLength + (m_relativePathLength != 0 ? 1 : 0));
+  // A block device, socket or the like cannot be opened as a folder.
+  if (added != 0 && fileType != S_IFDIR) return false;
+  const char* name = m_pathBuffer.get() + m_relativeStart + nameOffset;
+  Result<UniqueFd> fd =
+      added == 0 ? sys::openAt(m_levelFds[m_topIndex].get(), ".", O_RDONLY | O_DIRECTORY | O_NOCTTY)
+                 : sys::openAt(m_levelFds[m_topIndex].get(), name,
+                               O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NOCTTY);
+  if (!fd) return false;
+
+  ++m_topIndex;
+  m_levelFds[m_topIndex] = std::move(*fd);
+  m_addedLengths[m_topIndex] = added;
+  m_relativePathLength += added;
+  m_reader->beginLevel(m_topIndex);
+  return true;
+}
+
+void KRVDirectoryEnumerator::popDirectory() {
+  if (m_topIndex < 0) return;
+  m_levelFds[m_topIndex].reset();
+  m_relativePathLength -= m_addedLengths[m_topIndex];
+  --m_topIndex;
+}
+
+std::vector<std::string> KRVDirectoryEnumerator::allObjects() {
+  std::vector<std::string> objects;
+  while (std::optional<std::string_view> path = nextObject()) objects.emplace_back(*path);
+  return objects;
+}
+
+void KRVDirectoryEnumerator::skipDescendents() { popDirectory(); }
+
+std::string_view KRVDirectoryEnumerator::currentEntryName() const {
+  return std::string_view(m_pathBuffer.get() + m_relativeStart + m_entryLength - m_entryNameLength,
+                          m_entryNameLength);
+}
+
+int KRVDirectoryEnumerator::currentEntryDirectoryFd() const {
+  if (m_entryLevel < 0 || m_entryLevel > m_topIndex) return -1;
+  return m_levelFds[m_entryLevel].get();
+}
+
+std::string_view KRVDirectoryEnumerator::currentAbsolutePath() const {
+  return std::string_view(m_pathBuffer.get(), m_relativeStart + m_entryLength);
+}
+
+}  // namespace krv

@@ -1,0 +1,78 @@
+#include "filesystem/PathNames.h"
+
+#include <gtest/gtest.h>
+
+#include <climits>
+#include <cstdlib>
+#include <string>
+
+#include "platform/TestFileTree.h"
+
+namespace krv {
+namespace {
+
+TEST(PathNamesTest, PathArithmetic) {
+  struct Case {
+    std::string path;
+    std::string standardized;
+    std::string parent;
+    std::string last;
+  } cases[] = {
+      {"/a//b/./c/", "/a/b/c", "/a//b/.", "c"},  // text only: nothing is tidied up
+      {"/../a", "/a", "/..", "a"},
+      {"/a/b/../../..", "/", "/a/b/../..", ".."},
+      {"a/../b", "a/../b", "a/..", "b"},
+      {"./", ".", "", "."},
+      {"/", "/", "/", "/"},
+      {"/a", "/a", "/", "a"},
+      {"a", "a", "", "a"},
+      {"", "", "", ""},
+  };
+  for (const Case& c : cases) {
+    EXPECT_EQ(standardizedPath(c.path), c.standardized) << c.path;
+    EXPECT_EQ(deletingLastPathComponent(c.path), c.parent) << c.path;
+    EXPECT_EQ(lastPathComponent(c.path), c.last) << c.path;
+  }
+  EXPECT_EQ(appendingPathComponent("/a/", "b"), "/a/b");
+  EXPECT_EQ(appendingPathComponent("/", "b"), "/b");
+  EXPECT_EQ(appendingPathComponent("", "b"), "b");
+}
+
+TEST(PathNamesTest, ResolvesEveryExistingComponentAndKeepsTheRestAsWritten) {
+  test::TestFileTree tree;
+  char real[PATH_MAX];
+  ASSERT_NE(::realpath(tree.root().c_str(), real), nullptr);
+  const std::string r = real;
+  tree.makeFolder("dir");
+  tree.makeFolder("dir/sub");
+  tree.makeFile("dir/file");
+  tree.makeLink("abs", r + "/dir");
+  tree.makeLink("rel", "dir");
+  tree.makeLink("dir/up", "../dir/sub");
+  tree.makeLink("chain", "rel/up");
+  tree.makeLink("loop1", "loop2");
+  tree.makeLink("loop2", "loop1");
+  tree.makeLink("dangling", "nowhere/else");
+
+  struct Case {
+    std::string path;
+    std::string expected;
+  } cases[] = {
+      {r + "/abs/file", r + "/dir/file"},
+      {r + "/rel/sub/../file", r + "/dir/file"},
+      {r + "/abs/up/..", r + "/dir"},  // ".." leaves the link's destination, not the link
+      {r + "/chain/", r + "/dir/sub"},
+      {r + "/rel/missing/x/./y/", r + "/dir/missing/x/y"},
+      {r + "/rel/missing/../up", r + "/dir/sub"},  // back on existing ground, resolving again
+      {r + "/dir/file/x", r + "/dir/file/x"},
+      {r + "/dangling/z", r + "/nowhere/else/z"},
+      {r + "/loop1/x/..", r + "/loop1"},  // cannot be resolved: standardised
+      {"/..", "/"},
+      {"rel/./x/..", "rel/x/.."},  // relative: never looked at
+      {"", ""},
+  };
+  for (const Case& c : cases) EXPECT_EQ(resolvingSymlinksInPath(c.path), c.expected) << c.path;
+}
+
+}  // namespace
+}  // namespace krv

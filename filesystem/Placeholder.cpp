@@ -1,1 +1,0 @@
-// This folder's library; see the headers beside this file.

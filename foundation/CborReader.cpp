@@ -1,0 +1,525 @@
+#include "foundation/CborReader.h"
+
+#include <algorithm>
+#include <bit>
+#include <cerrno>
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <numeric>
+#include <string_view>
+#include <utility>
+
+#include "foundation/Archiver.h"
+
+namespace krv {
+
+namespace {
+
+constexpr std::uint8_t kMajorUnsigned = 0;
+constexpr std::uint8_t kMajorNegative = 1;
+constexpr std::uint8_t kMajorBytes = 2;
+constexpr std::uint8_t kMajorText = 3;
+constexpr std::uint8_t kMajorArray = 4;
+constexpr std::uint8_t kMajorMap = 5;
+constexpr std::uint8_t kMajorTag = 6;
+constexpr std::uint8_t kMajorSimple = 7;
+
+constexpr std::uint8_t kInfoFalse = 20;
+constexpr std::uint8_t kInfoTrue = 21;
+constexpr std::uint8_t kInfoHalf = 25;
+constexpr std::uint8_t kInfoSingle = 26;
+constexpr std::uint8_t kInfoDouble = 27;
+constexpr std::uint8_t kInfoIndefinite = 31;
+
+// The largest argument of a negative integer whose value (-1 - argument) is at least -2^63.
+constexpr std::uint64_t kLargestNegativeArgument =
+    static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
+
+// A container reserves at most this many elements before they are read: a length is only a claim
+// until its elements are there, and nested claims would otherwise add up level by level.
+constexpr std::uint64_t kMaximumReservation = 1024;
+
+// RFC 3629: no overlong forms, no surrogates, nothing above U+10FFFF.
+bool isValidUtf8(const std::uint8_t* bytes, std::size_t length) {
+  std::size_t i = 0;
+  while (i < length) {
+    if (length - i >= 8) {
+      std::uint64_t chunk;
+      std::memcpy(&chunk, bytes + i, sizeof chunk);
+      if ((chunk & 0x8080808080808080ull) == 0) {
+        i += 8;
+        continue;
+      }
+    }
+    const std::uint8_t lead = bytes[i];
+    if (lead < 0x80) {
+      ++i;
+      continue;
+    }
+    std::size_t size;
+    std::uint8_t low = 0x80;
+    std::uint8_t high = 0xBF;
+    if (lead >= 0xC2 && lead <= 0xDF) {
+      size = 2;
+    } else if (lead >= 0xE0 && lead <= 0xEF) {
+      size = 3;
+      if (lead == 0xE0) low = 0xA0;   // overlong below U+0800
+      if (lead == 0xED) high = 0x9F;  // surrogates U+D800..U+DFFF
+    } else if (lead >= 0xF0 && lead <= 0xF4) {
+      size = 4;
+      if (lead == 0xF0) low = 0x90;   // overlong below U+10000
+      if (lead == 0xF4) high = 0x8F;  // above U+10FFFF
+    } else {
+      return false;
+    }
+    if (length - i < size) return false;
+    if (bytes[i + 1] < low || bytes[i + 1] > high) return false;
+    for (std::size_t k = 2; k < size; ++k) {
+      if ((bytes[i + k] & 0xC0) != 0x80) return false;
+    }
+    i += size;
+  }
+  return true;
+}
+
+template <class T>
+T fromBigEndian(T value) {
+  if constexpr (std::endian::native == std::endian::little) {
+    if constexpr (sizeof(T) == 4) return __builtin_bswap32(value);
+    if constexpr (sizeof(T) == 8) return __builtin_bswap64(value);
+  }
+  return value;
+}
+
+double halfToDouble(std::uint16_t half) {
+  const int exponent = (half >> 10) & 0x1F;
+  const int mantissa = half & 0x3FF;
+  double value;
+  if (exponent == 0) {
+    value = std::ldexp(mantissa, -24);
+  } else if (exponent < 31) {
+    value = std::ldexp(mantissa + 1024, exponent - 25);
+  } else {
+    value = mantissa == 0 ? std::numeric_limits<double>::infinity()
+                          : std::numeric_limits<double>::quiet_NaN();
+  }
+  return (half & 0x8000) != 0 ? -value : value;
+}
+
+double singleToDouble(std::uint32_t bits) {
+  float value;
+  std::memcpy(&value, &bits, sizeof value);
+  return value;
+}
+
+double doubleFromBits(std::uint64_t bits) {
+  double value;
+  std::memcpy(&value, &bits, sizeof value);
+  return value;
+}
+
+// Small maps (the common case: records of a handful of keys) compare pairwise; larger ones sort.
+bool hasDuplicateKey(const std::vector<Dictionary::Entry>& entries) {
+  const std::size_t count = entries.size();
+  if (count <= 16) {
+    for (std::size_t i = 0; i < count; ++i) {
+      for (std::size_t j = i + 1; j < count; ++j) {
+        if (entries[i].first == entries[j].first) return true;
+      }
+    }
+    return false;
+  }
+  std::vector<std::string_view> keys;
+  keys.reserve(count);
+  for (const Dictionary::Entry& entry : entries) keys.emplace_back(entry.first);
+  std::sort(keys.begin(), keys.end());
+  return std::adjacent_find(keys.begin(), keys.end()) != keys.end();
+}
+
+// The items of a keyed object, which its decode function takes out one by one.
+class EntryList {
+ public:
+  void reserve(std::size_t count) { m_entries.reserve(count); }
+  void append(std::string key, Value value) {
+    m_entries.emplace_back(std::move(key), std::move(value));
+  }
+  const std::vector<Dictionary::Entry>& entries() const { return m_entries; }
+  std::vector<Dictionary::Entry>& entries() { return m_entries; }
+
+ private:
+  std::vector<Dictionary::Entry> m_entries;
+};
+
+}  // namespace
+
+// The items of a sequential object, read from the payload as the decode function asks for them.
+class CborReader::SequentialItems final : public Decoder {
+ public:
+  SequentialItems(CborReader& reader, std::uint64_t count, int depth)
+      : m_reader(reader), m_remaining(count), m_depth(depth) {}
+
+  bool isKeyed() const override { return false; }
+
+  Result<Value> decodeValue(std::string_view) override {
+    if (m_reader.m_failure) return *m_reader.m_failure;
+    if (m_remaining == 0) return archiveFault("object has fewer items than its class reads");
+    --m_remaining;
+    Value value{Number()};
+    if (!m_reader.readValue(m_depth, value)) return *m_reader.m_failure;
+    return value;
+  }
+
+  bool allTaken() const { return m_remaining == 0; }
+
+ private:
+  CborReader& m_reader;
+  std::uint64_t m_remaining;
+  int m_depth;
+};
+
+// The items of a keyed object; each key can be taken once.
+class CborReader::KeyedItems final : public Decoder {
+ public:
+  explicit KeyedItems(std::vector<Dictionary::Entry>& entries)
+      : m_entries(entries), m_taken(entries.size(), false) {}
+
+  bool isKeyed() const override { return true; }
+
+  Result<Value> decodeValue(std::string_view key) override {
+    for (std::size_t i = 0; i < m_entries.size(); ++i) {
+      if (m_entries[i].first != key) continue;
+      if (m_taken[i]) break;
+      m_taken[i] = true;
+      ++m_takenCount;
+      return std::move(m_entries[i].second);
+    }
+    std::string reason = "object has no item \"";
+    reason += key;
+    reason += '"';
+    return archiveFault(reason);
+  }
+
+  bool allTaken() const { return m_takenCount == m_entries.size(); }
+
+ private:
+  std::vector<Dictionary::Entry>& m_entries;
+  std::vector<bool> m_taken;
+  std::size_t m_takenCount = 0;
+};
+
+Result<Value> CborReader::readRoot() {
+  Value root{Number()};
+  if (!readValue(0, root)) {
+    if (!m_failure) m_failure = archiveFault("undecodable payload");
+    return std::move(*m_failure);
+  }
+  if (m_position != m_payload.size()) {
+    fail("bytes after the root item");
+    return std::move(*m_failure);
+  }
+  return root;
+}
+
+bool CborReader::fail(const char* reason) {
+  if (!m_failure) {
+    std::string text = reason;
+    text += " at byte ";
+    text += std::to_string(m_position);
+    m_failure = archiveFault(text);
+  }
+  return false;
+}
+
+bool CborReader::fail(Error error) {
+  if (!m_failure) m_failure = std::move(error);
+  return false;
+}
+
+bool CborReader::readHead(Head& head) {
+  if (remaining() == 0) return fail("truncated item");
+  const std::uint8_t initial = m_payload[m_position++];
+  head.major = static_cast<std::uint8_t>(initial >> 5);
+  head.info = initial & 0x1F;
+  if (head.info < 24) {
+    head.argument = head.info;
+    return true;
+  }
+  const std::uint8_t* at = m_payload.data() + m_position;
+  switch (head.info) {
+    case 24:
+      if (remaining() < 1) return fail("truncated item");
+      head.argument = at[0];
+      m_position += 1;
+      return true;
+    case 25:
+      if (remaining() < 2) return fail("truncated item");
+      head.argument = static_cast<std::uint64_t>(at[0]) << 8 | at[1];
+      m_position += 2;
+      return true;
+    case 26: {
+      if (remaining() < 4) return fail("truncated item");
+      std::uint32_t bits;
+      std::memcpy(&bits, at, sizeof bits);
+      head.argument = fromBigEndian(bits);
+      m_position += 4;
+      return true;
+    }
+    case 27: {
+      if (remaining() < 8) return fail("truncated item");
+      std::uint64_t bits;
+      std::memcpy(&bits, at, sizeof bits);
+      head.argument = fromBigEndian(bits);
+      m_position += 8;
+      return true;
+    }
+    case kInfoIndefinite:
+      return fail("indefinite length");
+    default:
+      return fail("reserved additional information");
+  }
+}
+
+bool CborReader::takeBytes(std::uint64_t length, const std::uint8_t*& bytes) {
+  if (length > remaining()) return fail("length runs past the end");
+  bytes = m_payload.data() + m_position;
+  m_position += static_cast<std::size_t>(length);
+  return true;
+}
+
+bool CborReader::takeText(std::uint64_t length, std::string_view& text) {
+  const std::uint8_t* bytes = nullptr;
+  if (!takeBytes(length, bytes)) return false;
+  const auto size = static_cast<std::size_t>(length);
+  if (!isValidUtf8(bytes, size)) return fail("invalid UTF-8");
+  text = std::string_view(reinterpret_cast<const char*>(bytes), size);
+  return true;
+}
+
+bool CborReader::enter(int depth) {
+  if (depth >= kMaximumArchiveDepth) return fail("nesting deeper than 64 levels");
+  return true;
+}
+
+bool CborReader::readValue(int depth, Value& out) {
+  Head head;
+  if (!readHead(head)) return false;
+  switch (head.major) {
+    case kMajorUnsigned:
+      out = Value::unsignedInteger(head.argument);
+      return true;
+    case kMajorNegative:
+      if (head.argument > kLargestNegativeArgument) return fail("integer below -2^63");
+      out = Value::integer(static_cast<std::int64_t>(~head.argument));  // -1 - argument
+      return true;
+    case kMajorBytes: {
+      const std::uint8_t* bytes = nullptr;
+      if (!takeBytes(head.argument, bytes)) return false;
+      out = Value(Data(bytes, bytes + head.argument));
+      return true;
+    }
+    case kMajorText: {
+      std::string_view text;
+      if (!takeText(head.argument, text)) return false;
+      out = Value(text);
+      return true;
+    }
+    case kMajorArray: {
+      Array array;
+      if (!readArray(head.argument, depth, array)) return false;
+      out = Value(std::move(array));
+      return true;
+    }
+    case kMajorMap: {
+      Dictionary dictionary;
+      if (!readMap(head.argument, depth, dictionary)) return false;
+      out = Value(std::move(dictionary));
+      return true;
+    }
+    case kMajorTag:
+      if (!enter(depth)) return false;
+      return readTagged(head.argument, depth + 1, out);
+    case kMajorSimple:
+      switch (head.info) {
+        case kInfoFalse:
+          out = Value::boolean(false);
+          return true;
+        case kInfoTrue:
+          out = Value::boolean(true);
+          return true;
+        case kInfoHalf:
+          out = Value::real(halfToDouble(static_cast<std::uint16_t>(head.argument)));
+          return true;
+        case kInfoSingle:
+          out = Value::real(singleToDouble(static_cast<std::uint32_t>(head.argument)));
+          return true;
+        case kInfoDouble:
+          out = Value::real(doubleFromBits(head.argument));
+          return true;
+        default:
+          return fail("simple value other than false and true");
+      }
+    default:
+      return fail("unknown major type");
+  }
+}
+
+bool CborReader::readArray(std::uint64_t count, int depth, Array& out) {
+  if (!enter(depth)) return false;
+  // Every element takes at least one byte.
+  if (count > remaining()) return fail("array length runs past the end");
+  out.reserve(static_cast<std::size_t>(std::min(count, kMaximumReservation)));
+  for (std::uint64_t i = 0; i < count; ++i) {
+    out.emplace_back(Number());
+    if (!readValue(depth + 1, out.back())) return false;
+  }
+  return true;
+}
+
+template <class Entries>
+bool CborReader::readMap(std::uint64_t count, int depth, Entries& out) {
+  if (!enter(depth)) return false;
+  // Every entry takes at least two bytes.
+  if (count > remaining() / 2) return fail("map length runs past the end");
+  out.reserve(static_cast<std::size_t>(std::min(count, kMaximumReservation)));
+  for (std::uint64_t i = 0; i < count; ++i) {
+    Head keyHead;
+    if (!readHead(keyHead)) return false;
+    if (keyHead.major != kMajorText) return fail("map key is not a text string");
+    std::string_view key;
+    if (!takeText(keyHead.argument, key)) return false;
+    Value value{Number()};
+    if (!readValue(depth + 1, value)) return false;
+    out.append(std::string(key), std::move(value));
+  }
+  if (hasDuplicateKey(out.entries())) return fail("duplicate map key");
+  return true;
+}
+
+bool CborReader::readTagged(std::uint64_t tag, int depth, Value& out) {
+  switch (tag) {
+    case kCborDateTag:
+      return readDate(out);
+    case kCborSetTag:
+      return readSet(depth, out);
+    case kCborObjectTag:
+      return readObject(depth, out);
+    default:
+      return fail("tag other than 1, 27 and 258");
+  }
+}
+
+bool CborReader::readDate(Value& out) {
+  Head head;
+  if (!readHead(head)) return false;
+  double seconds;
+  if (head.major == kMajorUnsigned) {
+    seconds = static_cast<double>(head.argument);
+  } else if (head.major == kMajorNegative) {
+    if (head.argument > kLargestNegativeArgument) return fail("integer below -2^63");
+    seconds = static_cast<double>(static_cast<std::int64_t>(~head.argument));
+  } else if (head.major == kMajorSimple && head.info == kInfoHalf) {
+    seconds = halfToDouble(static_cast<std::uint16_t>(head.argument));
+  } else if (head.major == kMajorSimple && head.info == kInfoSingle) {
+    seconds = singleToDouble(static_cast<std::uint32_t>(head.argument));
+  } else if (head.major == kMajorSimple && head.info == kInfoDouble) {
+    seconds = doubleFromBits(head.argument);
+  } else {
+    return fail("date is not a number");
+  }
+  out = Value(Date{seconds});
+  return true;
+}
+
+bool CborReader::readSet(int depth, Value& out) {
+  Head head;
+  if (!readHead(head)) return false;
+  if (head.major != kMajorArray) return fail("set is not an array");
+  Array elements;
+  if (!readArray(head.argument, depth, elements)) return false;
+  if (!checkDistinct(elements)) return false;
+  out = Value(Set{std::move(elements)});
+  return true;
+}
+
+// Sorting the canonical forms finds equal elements in O(n log n); equal canonical forms are
+// confirmed with Value's equality, which differs only for dates holding NaN.
+bool CborReader::checkDistinct(const Array& elements) {
+  if (elements.size() < 2) return true;
+  Data canonical;
+  std::vector<std::pair<std::size_t, std::size_t>> spans;  // offset, length
+  spans.reserve(elements.size());
+  {
+    CborWriter writer(canonical);
+    for (const Value& element : elements) {
+      const std::size_t start = writer.size();
+      writer.writeCanonical(element);
+      spans.emplace_back(start, writer.size() - start);
+    }
+  }
+  auto bytesOf = [&canonical, &spans](std::size_t index) {
+    return std::string_view(reinterpret_cast<const char*>(canonical.data()) + spans[index].first,
+                            spans[index].second);
+  };
+  std::vector<std::size_t> order(elements.size());
+  std::iota(order.begin(), order.end(), std::size_t{0});
+  std::sort(order.begin(), order.end(),
+            [&bytesOf](std::size_t a, std::size_t b) { return bytesOf(a) < bytesOf(b); });
+  for (std::size_t i = 1; i < order.size(); ++i) {
+    if (bytesOf(order[i - 1]) == bytesOf(order[i]) &&
+        elements[order[i - 1]] == elements[order[i]]) {
+      return fail("duplicate set element");
+    }
+  }
+  return true;
+}
+
+bool CborReader::readObject(int depth, Value& out) {
+  Head head;
+  if (!readHead(head)) return false;
+  if (head.major != kMajorArray) return fail("object is not an array");
+  if (!enter(depth)) return false;
+  if (head.argument == 0) return fail("object without a class name");
+  if (head.argument > remaining()) return fail("object length runs past the end");
+
+  Head nameHead;
+  if (!readHead(nameHead)) return false;
+  if (nameHead.major != kMajorText) return fail("object without a class name");
+  const std::uint8_t* name = nullptr;
+  if (!takeBytes(nameHead.argument, name)) return false;
+  DecodeFunction decode = m_classes.find(std::string_view(
+      reinterpret_cast<const char*>(name), static_cast<std::size_t>(nameHead.argument)));
+  if (decode == nullptr) return fail("unknown class");
+
+  if (m_form == ArchiveForm::Sequential) {
+    SequentialItems items(*this, head.argument - 1, depth + 1);
+    Result<ObjectRef> object = decode(items);
+    return finishObject(std::move(object), items.allTaken(), out);
+  }
+
+  if (head.argument != 2) return fail("keyed object is not a class name and a map");
+  Head mapHead;
+  if (!readHead(mapHead)) return false;
+  if (mapHead.major != kMajorMap) return fail("keyed object without a map of items");
+  EntryList entries;
+  if (!readMap(mapHead.argument, depth + 1, entries)) return false;
+  KeyedItems items(entries.entries());
+  Result<ObjectRef> object = decode(items);
+  return finishObject(std::move(object), items.allTaken(), out);
+}
+
+bool CborReader::finishObject(Result<ObjectRef> object, bool allItemsTaken, Value& out) {
+  // A parse failure stands even when the decode function chose to ignore it.
+  if (m_failure) return false;
+  if (!object) {
+    const Error& error = object.error();
+    if (error.isPosix() && error.code() == EIO) return fail(std::move(object).error());
+    return fail(archiveFault("object refused its items: " + error.description()));
+  }
+  if (object.value() == nullptr) return fail("class made no object");
+  if (!allItemsTaken) return fail("object has items its class does not read");
+  out = Value(std::move(object).value());
+  return true;
+}
+
+}  // namespace krv

@@ -1,0 +1,151 @@
+#pragma once
+// Test support (header only, used by the platform and filesystem tests): a temporary folder tree
+// under /tmp with a small vocabulary to fill it, whose teardown first lifts every immutable and
+// append-only flag so that the tree can always be deleted; and inPrivateMount, which runs a piece
+// of test code in a forked child that has a private mount namespace with a fresh file system.
+
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <sched.h>
+#include <sys/ioctl.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
+#include <stdexcept>
+#include <string>
+
+namespace krv::test {
+
+// The kernel's inode flags of a regular file or folder (-1 when they cannot be read).
+inline int kernelFlags(const std::string& path) {
+  int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
+  if (fd < 0) return -1;
+  int flags = 0;
+  int result = ::ioctl(fd, FS_IOC_GETFLAGS, &flags);
+  ::close(fd);
+  return result == 0 ? flags : -1;
+}
+
+// What `chattr` does: sets the kernel flags of a regular file or folder directly.
+inline bool setKernelFlags(const std::string& path, int flags) {
+  int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
+  if (fd < 0) return false;
+  int result = ::ioctl(fd, FS_IOC_SETFLAGS, &flags);
+  ::close(fd);
+  return result == 0;
+}
+
+class TestFileTree {
+ public:
+  TestFileTree() {
+    char pattern[] = "/tmp/krv-fm-XXXXXX";
+    if (::mkdtemp(pattern) == nullptr) throw std::runtime_error("mkdtemp");
+    m_root = pattern;
+  }
+  ~TestFileTree() { removeAll(m_root); }
+  TestFileTree(const TestFileTree&) = delete;
+  TestFileTree& operator=(const TestFileTree&) = delete;
+
+  const std::string& root() const { return m_root; }
+  std::string path(const std::string& relative) const { return m_root + "/" + relative; }
+
+  std::string makeFile(const std::string& relative, const std::string& contents = "",
+                       mode_t mode = 0644) const {
+    std::string full = path(relative);
+    int fd = ::open(full.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
+    if (fd < 0) throw std::runtime_error("open " + full);
+    bool written =
+        ::write(fd, contents.data(), contents.size()) == static_cast<ssize_t>(contents.size());
+    ::fchmod(fd, mode);
+    ::close(fd);
+    if (!written) throw std::runtime_error("write " + full);
+    return full;
+  }
+  std::string makeFolder(const std::string& relative, mode_t mode = 0755) const {
+    std::string full = path(relative);
+    if (::mkdir(full.c_str(), mode) != 0) throw std::runtime_error("mkdir " + full);
+    return full;
+  }
+  std::string makeLink(const std::string& relative, const std::string& destination) const {
+    std::string full = path(relative);
+    if (::symlink(destination.c_str(), full.c_str()) != 0) {
+      throw std::runtime_error("symlink " + full);
+    }
+    return full;
+  }
+  std::string makeFifo(const std::string& relative) const {
+    std::string full = path(relative);
+    if (::mkfifo(full.c_str(), 0644) != 0) throw std::runtime_error("mkfifo " + full);
+    return full;
+  }
+  bool exists(const std::string& relative) const {
+    struct stat status {};
+    return ::lstat(path(relative).c_str(), &status) == 0;
+  }
+
+  // Lifts immutable and append-only flags everywhere below `top`, then deletes it.
+  static void removeAll(const std::string& top) {
+    std::error_code error;
+    auto unprotect = [](const std::string& path) {
+      int flags = kernelFlags(path);
+      if (flags > 0 && (flags & (FS_IMMUTABLE_FL | FS_APPEND_FL)) != 0) {
+        setKernelFlags(path, flags & ~(FS_IMMUTABLE_FL | FS_APPEND_FL));
+      }
+    };
+    unprotect(top);
+    for (auto it = std::filesystem::recursive_directory_iterator(
+             top, std::filesystem::directory_options::skip_permission_denied, error);
+         !error && it != std::filesystem::recursive_directory_iterator(); it.increment(error)) {
+      if (!it->is_symlink(error)) unprotect(it->path());
+    }
+    std::filesystem::remove_all(top, error);
+  }
+
+ private:
+  std::string m_root;
+};
+
+// Runs `body` in a forked child with a private mount namespace in which a new file system of
+// `type` ("tmpfs", "ramfs") is mounted on `mountPoint`; answers what body answered, or a text
+// starting with "child:" when the child could not run it. The mount ends with the child.
+inline std::string inPrivateMount(const std::string& mountPoint, const char* type,
+                                  const std::function<std::string()>& body) {
+  int ends[2];
+  if (::pipe2(ends, O_CLOEXEC) != 0) return "child: pipe";
+  pid_t child = ::fork();
+  if (child < 0) return "child: fork";
+  if (child == 0) {
+    ::close(ends[0]);
+    std::string answer;
+    if (::unshare(CLONE_NEWNS) != 0) {
+      answer = "child: unshare";
+    } else if (::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
+      answer = "child: private";
+    } else if (::mount(type, mountPoint.c_str(), type, 0, nullptr) != 0) {
+      answer = "child: mount";
+    } else {
+      answer = body();
+    }
+    (void)!::write(ends[1], answer.data(), answer.size());
+    ::_exit(0);
+  }
+  ::close(ends[1]);
+  std::string answer;
+  char buffer[4096];
+  ssize_t count;
+  while ((count = ::read(ends[0], buffer, sizeof buffer)) > 0) {
+    answer.append(buffer, static_cast<std::size_t>(count));
+  }
+  ::close(ends[0]);
+  int status = 0;
+  ::waitpid(child, &status, 0);
+  if (!WIFEXITED(status)) return "child: crashed";
+  return answer;
+}
+
+}  // namespace krv::test

@@ -1,0 +1,173 @@
+#include "tests/support/ServiceProcess.h"
+
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <mutex>
+#include <thread>
+
+#include "foundation/System.h"
+
+extern char** environ;
+
+namespace krv::test {
+
+struct ServiceProcess::State {
+  pid_t pid = -1;
+  bool reaped = false;
+  int status = 0;
+  std::thread reader;
+  mutable std::mutex mutex;
+  std::string standardError;
+};
+
+Result<UniqueFd> listenOnUnixSocket(const std::string& path, mode_t mode) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  if (path.empty() || path.size() >= sizeof address.sun_path) {
+    return Error::posix(ENAMETOOLONG, "socket path");
+  }
+  std::memcpy(address.sun_path, path.data(), path.size());
+  int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (fd < 0) return Error::fromErrno("socket");
+  UniqueFd socket(fd);
+  if (Result<struct stat> existing = sys::lstat(path); existing && S_ISSOCK(existing->st_mode)) {
+    ::unlink(path.c_str());
+  }
+  if (::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+    return Error::fromErrno("bind");
+  }
+  if (::chmod(path.c_str(), mode) != 0) return Error::fromErrno("chmod");
+  if (::listen(fd, 64) != 0) return Error::fromErrno("listen");
+  return socket;
+}
+
+ServiceProcess::ServiceProcess(std::unique_ptr<State> state) : m_state(std::move(state)) {}
+ServiceProcess::ServiceProcess(ServiceProcess&&) noexcept = default;
+ServiceProcess& ServiceProcess::operator=(ServiceProcess&& other) noexcept {
+  if (this != &other) {
+    terminate();
+    m_state = std::move(other.m_state);
+  }
+  return *this;
+}
+
+ServiceProcess::~ServiceProcess() { terminate(); }
+
+Result<ServiceProcess> ServiceProcess::start(const ServiceLaunch& launch) {
+  KRV_TRY(UniqueFd socket, listenOnUnixSocket(launch.socketPath, launch.socketMode));
+  KRV_TRY(sys::PipeEnds errorPipe, sys::pipe());
+
+  // Everything the child needs is prepared before fork(): after it only async-signal-safe calls.
+  std::vector<std::string> arguments{launch.executable};
+  arguments.insert(arguments.end(), launch.arguments.begin(), launch.arguments.end());
+  std::vector<char*> argv;
+  for (std::string& argument : arguments) argv.push_back(argument.data());
+  argv.push_back(nullptr);
+  std::vector<std::string> environment;
+  for (char** entry = environ; *entry != nullptr; ++entry) {
+    std::string_view text(*entry);
+    if (text.rfind("LISTEN_", 0) == 0) continue;
+    environment.emplace_back(text);
+  }
+  environment.insert(environment.end(), launch.environment.begin(), launch.environment.end());
+  environment.emplace_back("LISTEN_FDS=1");
+  environment.emplace_back("LISTEN_FDNAMES=MasterSocket");
+  environment.emplace_back("LISTEN_PID=");  // completed in the child
+  char pidText[32] = {};
+  std::vector<char*> envp;
+  for (std::string& entry : environment) envp.push_back(entry.data());
+  envp.back() = pidText;
+  envp.push_back(nullptr);
+
+  pid_t pid = ::fork();
+  if (pid < 0) return Error::fromErrno("fork");
+  if (pid == 0) {
+    // LISTEN_PID=<pid>, written by hand (no allocation after fork).
+    const char prefix[] = "LISTEN_PID=";
+    std::memcpy(pidText, prefix, sizeof prefix - 1);
+    char digits[16];
+    int count = 0;
+    for (long value = ::getpid(); value > 0 && count < 16; value /= 10) {
+      digits[count++] = static_cast<char>('0' + value % 10);
+    }
+    for (int i = 0; i < count; ++i) pidText[sizeof prefix - 1 + i] = digits[count - 1 - i];
+    pidText[sizeof prefix - 1 + count] = '\0';
+
+    if (::dup2(errorPipe.writeEnd.get(), STDERR_FILENO) < 0) ::_exit(127);
+    if (socket.get() == 3) {
+      int flags = ::fcntl(3, F_GETFD);
+      ::fcntl(3, F_SETFD, flags & ~FD_CLOEXEC);
+    } else if (::dup2(socket.get(), 3) < 0) {
+      ::_exit(127);
+    }
+    ::execve(argv[0], argv.data(), envp.data());
+    ::_exit(127);
+  }
+
+  errorPipe.writeEnd.reset();
+  auto state = std::make_unique<State>();
+  state->pid = pid;
+  State* shared = state.get();
+  state->reader = std::thread([shared, readEnd = std::move(errorPipe.readEnd)]() {
+    std::uint8_t buffer[4096];
+    for (;;) {
+      Result<std::size_t> count = sys::read(readEnd.get(), buffer);
+      if (!count || *count == 0) return;
+      std::lock_guard<std::mutex> lock(shared->mutex);
+      shared->standardError.append(reinterpret_cast<const char*>(buffer), *count);
+    }
+  });
+  return ServiceProcess(std::move(state));
+}
+
+pid_t ServiceProcess::pid() const { return m_state ? m_state->pid : -1; }
+
+std::optional<int> ServiceProcess::waitForExit(std::chrono::milliseconds timeout) {
+  if (!m_state) return std::nullopt;
+  if (m_state->reaped) return m_state->status;
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  for (;;) {
+    int status = 0;
+    pid_t done = ::waitpid(m_state->pid, &status, WNOHANG);
+    if (done == m_state->pid) {
+      m_state->reaped = true;
+      m_state->status = status;
+      if (m_state->reader.joinable()) m_state->reader.join();
+      return status;
+    }
+    if (done < 0 && errno != EINTR) return std::nullopt;
+    if (std::chrono::steady_clock::now() >= deadline) return std::nullopt;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+}
+
+bool ServiceProcess::running() {
+  return m_state && !m_state->reaped && !waitForExit(std::chrono::milliseconds(0));
+}
+
+void ServiceProcess::terminate() {
+  if (!m_state) return;
+  if (!m_state->reaped) {
+    ::kill(m_state->pid, SIGTERM);
+    if (!waitForExit(std::chrono::milliseconds(2000))) {
+      ::kill(m_state->pid, SIGKILL);
+      waitForExit(std::chrono::milliseconds(10000));
+    }
+  }
+  if (m_state->reader.joinable()) m_state->reader.join();
+}
+
+std::string ServiceProcess::standardError() const {
+  if (!m_state) return {};
+  std::lock_guard<std::mutex> lock(m_state->mutex);
+  return m_state->standardError;
+}
+
+}  // namespace krv::test

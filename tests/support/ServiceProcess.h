@@ -1,0 +1,64 @@
+#pragma once
+// ServiceProcess: starts a socket-activated service the way the service manager would, for tests.
+//
+// start() binds a Unix stream socket at the given path (replacing a stale socket file), sets its
+// mode (0666 by default, as the shipped socket unit does), listens, and forks; the child moves the
+// socket to descriptor 3, sets LISTEN_PID (its own pid), LISTEN_FDS=1 and
+// LISTEN_FDNAMES=MasterSocket, adds the extra environment (LD_PRELOAD of test wrappers, ...) and
+// executes the binary. The parent keeps nothing of the socket but the file: once the service
+// exits, connections are refused. The service's standard error is collected (read by a thread of
+// the object) and available through standardError().
+//
+// The destructor terminates the service (SIGTERM, then SIGKILL after a grace period) and reaps it.
+// Objects are movable, not copyable; use one from one thread.
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "foundation/Result.h"
+#include "foundation/UniqueFd.h"
+
+namespace krv::test {
+
+struct ServiceLaunch {
+  std::string socketPath;
+  std::string executable;
+  std::vector<std::string> arguments;    // after argv[0]
+  std::vector<std::string> environment;  // extra "NAME=value" entries, added to the inherited ones
+  mode_t socketMode = 0666;
+};
+
+// A listening Unix stream socket bound at path (a stale socket file there is replaced), with the
+// file's mode set to `mode`. Close-on-exec.
+Result<UniqueFd> listenOnUnixSocket(const std::string& path, mode_t mode);
+
+class ServiceProcess {
+ public:
+  static Result<ServiceProcess> start(const ServiceLaunch& launch);
+
+  ServiceProcess(ServiceProcess&&) noexcept;
+  ServiceProcess& operator=(ServiceProcess&&) noexcept;
+  ~ServiceProcess();
+
+  pid_t pid() const;
+  // The exit status (as from waitpid) once the service ended within `timeout`, else nothing.
+  std::optional<int> waitForExit(std::chrono::milliseconds timeout);
+  // True while the process has not been reaped and has not exited.
+  bool running();
+  // SIGTERM, a grace period, SIGKILL; reaps the process.
+  void terminate();
+  // Everything the service wrote to standard error so far.
+  std::string standardError() const;
+
+ private:
+  struct State;
+  explicit ServiceProcess(std::unique_ptr<State> state);
+  std::unique_ptr<State> m_state;
+};
+
+}  // namespace krv::test

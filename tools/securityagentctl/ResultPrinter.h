@@ -1,0 +1,37 @@
+#pragma once
+// How securityagentctl shows what the daemon sends: a progress bar for progress reports, found
+// objects as they arrive, live program output on the client's own output streams, and the final
+// result readably or as JSON. Used by the client's one thread.
+
+#include <cstdio>
+#include <string>
+
+#include "foundation/Error.h"
+
+namespace krv::ctl {
+
+// A value as JSON: data as base64 text, dates as ISO 8601 UTC text, sets as arrays, objects as
+// {"class": name, items...}.
+std::string toJson(const Value& value);
+// The final result as one JSON document: {"domain": ..., "code": ..., "userInfo": {...}}.
+std::string resultToJson(const Error& result);
+// A readable explanation of a result code ("" when there is nothing to add).
+std::string explainResult(const Error& result);
+
+class ResultPrinter {
+ public:
+  ResultPrinter(bool json, bool quiet);
+
+  void report(const Error& report);
+  void finish(const Error& result);
+
+ private:
+  void drawProgress(double progress);
+  void endProgress();
+
+  bool m_json;
+  bool m_showProgress;
+  bool m_progressShown = false;
+};
+
+}  // namespace krv::ctl
