@@ -96,19 +96,23 @@ std::optional<double> parseReal(std::string_view text) {
                     : std::numeric_limits<double>::infinity();
   }
   // Only the plain decimal forms: from_chars would also take "nan(...)" and the like.
+  const auto isDigit = [&body](std::size_t at) {
+    return at < body.size() && body[at] >= '0' && body[at] <= '9';
+  };
   std::size_t i = 0;
-  std::size_t mantissaDigits = 0;
-  while (i < body.size() && body[i] >= '0' && body[i] <= '9') ++i, ++mantissaDigits;
+  while (isDigit(i)) ++i;
+  std::size_t mantissaDigits = i;
   if (i < body.size() && body[i] == '.') {
-    ++i;
-    while (i < body.size() && body[i] >= '0' && body[i] <= '9') ++i, ++mantissaDigits;
+    const std::size_t fraction = ++i;
+    while (isDigit(i)) ++i;
+    mantissaDigits += i - fraction;
   }
   if (mantissaDigits == 0) return std::nullopt;
   if (i < body.size() && (body[i] == 'e' || body[i] == 'E')) {
     ++i;
     if (i < body.size() && (body[i] == '+' || body[i] == '-')) ++i;
     const std::size_t exponentStart = i;
-    while (i < body.size() && body[i] >= '0' && body[i] <= '9') ++i;
+    while (isDigit(i)) ++i;
     if (i == exponentStart) return std::nullopt;
   }
   if (i != body.size()) return std::nullopt;

@@ -10,6 +10,7 @@
 // on the next connection. With --once the launcher ends with the first run of PROGRAM and returns
 // its exit status. SIGINT and SIGTERM are passed on to a running PROGRAM and end the launcher.
 
+#include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -48,7 +49,12 @@ pid_t startProgram(int socket, const std::vector<char*>& argv,
   defaults.sa_handler = SIG_DFL;
   ::sigaction(SIGINT, &defaults, nullptr);
   ::sigaction(SIGTERM, &defaults, nullptr);
-  if (::dup2(socket, 3) < 0) ::_exit(127);
+  if (socket == 3) {
+    // dup2 onto itself would keep close-on-exec set.
+    if (::fcntl(3, F_SETFD, 0) != 0) ::_exit(127);
+  } else if (::dup2(socket, 3) < 0) {
+    ::_exit(127);
+  }
   for (const std::string& entry : extraEnvironment) {
     std::size_t equals = entry.find('=');
     ::setenv(entry.substr(0, equals).c_str(), entry.substr(equals + 1).c_str(), 1);
