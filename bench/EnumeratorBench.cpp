@@ -1,7 +1,7 @@
 // Walk speed of KRVDirectoryEnumerator against `find DIR -xdev | wc -l` on the same tree.
 //
 // The tree is built once and kept under /var/tmp/krv-bench-tree-N (N objects, 100,000 unless
-// KRV_BENCH_OBJECTS says otherwise): folders of 10 to 50 empty files and 2 to 5 subfolders, filled
+// KRV_BENCH_OBJECTS says otherwise): folders of 10 to 50 empty files and 3 to 6 subfolders, filled
 // breadth first with a fixed seed, at most 8 levels deep. Caches cannot be dropped here, so every
 // contender is warmed once before it is measured; all times are wall-clock times. After the
 // benchmarks the ratios enumerator/find and the peak memory a walk adds to a process are printed.
@@ -22,6 +22,7 @@
 #include <random>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "filesystem/KRVDirectoryEnumerator.h"
 
@@ -56,13 +57,14 @@ void buildTree(const std::string& root, std::size_t objects) {
       int fd = ::open(name.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
       if (fd >= 0) ::close(fd);
     }
-    std::size_t subfolders = depth < 8 ? 2 + random() % 4 : 0;
+    std::size_t subfolders = depth < 8 ? 3 + random() % 4 : 0;
     for (std::size_t i = 0; i < subfolders && created < objects; ++i, ++created) {
       std::string name = folder + "/folder-" + std::to_string(i);
       ::mkdir(name.c_str(), 0755);
       folders.emplace_back(name, depth + 1);
     }
   }
+  if (created < objects) std::printf("the tree holds only %zu objects\n", created);
   std::ofstream(marker) << created << "\n";
 }
 
@@ -117,9 +119,12 @@ class RecordingReporter : public benchmark::ConsoleReporter {
 };
 
 // The peak resident memory of a fresh process that walks the tree (stay "0" or "1") or only
-// starts ("none"); run through /proc/self/exe so that nothing of this process counts.
+// starts ("none"), so that nothing of this process counts.
 long peakResidentKiB(const char* mode) {
-  std::string command = "/proc/self/exe --walk-only=" + std::string(mode);
+  char self[4096];
+  ssize_t length = ::readlink("/proc/self/exe", self, sizeof self - 1);
+  if (length <= 0) return -1;
+  std::string command = "'" + std::string(self, length) + "' --walk-only=" + mode;
   FILE* pipe = ::popen(command.c_str(), "r");
   long kib = -1;
   if (pipe == nullptr || std::fscanf(pipe, "%ld", &kib) != 1) kib = -1;

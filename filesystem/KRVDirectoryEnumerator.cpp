@@ -113,7 +113,9 @@ std::optional<std::string_view> KRVDirectoryEnumerator::nextObject() {
 
 // Decides with as few system calls as the outcome allows: the kernel's entry type stands in for
 // lstat's file type, and only the stay flag (for the device) or a file system without entry types
-// needs the status of the entry.
+// needs the status of the entry. (The two differ only for an object mounted over an entry, where
+// the kernel reports the covered entry's type; a folder can only be mounted over a folder, so which
+// folders are entered never differs.)
 bool KRVDirectoryEnumerator::shouldEnter(int level, std::size_t nameOffset, std::size_t nameLength,
                                          unsigned char directoryType) {
   const char* name = m_pathBuffer.get() + m_relativeStart + nameOffset;

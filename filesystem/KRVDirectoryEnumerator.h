@@ -82,7 +82,8 @@ class KRVDirectoryEnumerator {
   // The relative path of the next object, or nothing at the end (and on every call after it). The
   // view is NUL-terminated and valid until the next call of a non-const member.
   std::optional<std::string_view> nextObject();
-  // All remaining relative paths, in walk order.
+  // All remaining relative paths, in walk order. Its memory grows with the tree: walks of trees of
+  // unknown size should use nextObject().
   std::vector<std::string> allObjects();
   // Closes the innermost open folder. Right after nextObject() returned a folder that was entered,
   // that skips its contents; after any other entry it closes the folder holding that entry, so
