@@ -52,7 +52,7 @@ class ConnectionChannel final : public PromptChannel {
 
   bool pause(Instant duration) override {
     if (m_gone) return false;
-    auto wait = std::chrono::duration_cast<std::chrono::milliseconds>(duration);
+    auto wait = std::chrono::ceil<std::chrono::milliseconds>(duration);
     m_gone = !waitQuietly(m_connection, deadlineAfter(wait));
     return !m_gone;
   }

@@ -16,8 +16,9 @@ namespace krv::auth {
 namespace {
 
 int millisecondsUntil(Deadline deadline) {
-  auto remaining = std::chrono::duration_cast<std::chrono::milliseconds>(
-      deadline - std::chrono::steady_clock::now());
+  // Rounded up: poll() must not return before the deadline.
+  auto remaining =
+      std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
   if (remaining.count() <= 0) return 0;
   return static_cast<int>(std::min<std::chrono::milliseconds::rep>(remaining.count(), 1 << 30));
 }

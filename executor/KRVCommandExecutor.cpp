@@ -4,6 +4,7 @@
 #include <pthread.h>
 #include <signal.h>
 #include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -33,24 +34,78 @@ std::mutex& executorLock() {
 }
 std::int64_t runningExecutorThreads = 0;
 
-// Opens the write end of the response pipe once the client has opened its read end. The path
-// must still name a FIFO: the client owns it and could have replaced it with a link elsewhere.
+// The signal that ends a wait for a client that never opens its pipe. Its handler does nothing:
+// the signal's only purpose is to make the blocked open() return with EINTR.
+constexpr int kPipeWaitSignal = SIGUSR2;
+
+void ignoreWakeUp(int) {}
+
+void installWakeUpHandler() {
+  static std::once_flag installed;
+  std::call_once(installed, [] {
+    struct sigaction action {};
+    action.sa_handler = ignoreWakeUp;  // no SA_RESTART: the open must be interrupted
+    sigemptyset(&action.sa_mask);
+    ::sigaction(kPipeWaitSignal, &action, nullptr);
+  });
+}
+
+// A timer that signals the calling thread at the deadline and every second after it (a signal
+// that arrives just before the thread blocks is followed by another one).
+class WakeUpTimer {
+ public:
+  explicit WakeUpTimer(std::chrono::seconds delay) {
+    installWakeUpHandler();
+    sigevent event{};
+    event.sigev_notify = SIGEV_THREAD_ID;
+    event.sigev_signo = kPipeWaitSignal;
+    event._sigev_un._tid = static_cast<pid_t>(::gettid());
+    if (::timer_create(CLOCK_MONOTONIC, &event, &m_timer) != 0) return;
+    m_armed = true;
+    itimerspec schedule{};
+    schedule.it_value.tv_sec = delay.count();
+    schedule.it_interval.tv_sec = 1;
+    ::timer_settime(m_timer, 0, &schedule, nullptr);
+  }
+  ~WakeUpTimer() {
+    if (m_armed) ::timer_delete(m_timer);
+  }
+  WakeUpTimer(const WakeUpTimer&) = delete;
+  WakeUpTimer& operator=(const WakeUpTimer&) = delete;
+
+ private:
+  timer_t m_timer{};
+  bool m_armed = false;
+};
+
+// The pipe must still be a FIFO: the client owns it and could have replaced it with a link or a
+// file elsewhere (the open never follows a link).
+Result<UniqueFd> checkedPipe(int fd) {
+  UniqueFd pipe(fd);
+  KRV_TRY(struct stat status, sys::fstat(pipe.get()));
+  if (!S_ISFIFO(status.st_mode)) return Error::posix(EINVAL, "open pipe");
+  return pipe;
+}
+
+// Opens the write end of the response pipe; this waits until the client has opened the read end,
+// but no longer than kPipeOpenTimeout.
 Result<UniqueFd> openResponsePipe(const std::string& path) {
+  constexpr int kFlags = O_WRONLY | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC;
+  int fd = ::open(path.c_str(), kFlags | O_NONBLOCK);
+  if (fd >= 0) {
+    KRV_TRY(UniqueFd pipe, checkedPipe(fd));
+    KRV_TRY_VOID(sys::setNonBlocking(pipe.get(), false));
+    return pipe;
+  }
+  if (errno != ENXIO) return Error::fromErrno("open");
+
   auto deadline = std::chrono::steady_clock::now() + kPipeOpenTimeout;
-  auto pause = std::chrono::microseconds(50);
+  WakeUpTimer timer(kPipeOpenTimeout);
   for (;;) {
-    Result<UniqueFd> pipe = sys::open(path, O_WRONLY | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY);
-    if (pipe) {
-      KRV_TRY(struct stat status, sys::fstat(pipe->get()));
-      if (!S_ISFIFO(status.st_mode)) return Error::posix(EINVAL, "open pipe");
-      KRV_TRY_VOID(sys::setNonBlocking(pipe->get(), false));
-      return pipe;
-    }
-    if (pipe.error().code() != ENXIO || std::chrono::steady_clock::now() >= deadline) {
-      return pipe.error();
-    }
-    std::this_thread::sleep_for(pause);
-    pause = std::min<std::chrono::microseconds>(pause * 2, std::chrono::milliseconds(5));
+    fd = ::open(path.c_str(), kFlags);
+    if (fd >= 0) return checkedPipe(fd);
+    if (errno != EINTR) return Error::fromErrno("open");
+    if (std::chrono::steady_clock::now() >= deadline) return Error::posix(ETIMEDOUT, "open");
   }
 }
 

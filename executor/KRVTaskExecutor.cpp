@@ -4,7 +4,6 @@
 #include <poll.h>
 #include <spawn.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -22,6 +21,10 @@ namespace krv {
 namespace {
 
 constexpr std::size_t kReadChunkSize = 65536;
+// What the final read of one stream takes at most. A program's own output is bounded by its pipe
+// (at most the kernel's pipe-max-size, 1 MiB by default); a descendant that goes on writing after
+// the program ended must not keep the executor reading for ever.
+constexpr std::size_t kMaximumDrain = 1048576 + kReadChunkSize;
 
 bool isOwnedByRootAndNotWritableByOthers(const struct stat& status) {
   return status.st_uid == 0 && status.st_gid == 0 && (status.st_mode & 022) == 0;
@@ -69,12 +72,13 @@ class SpawnAttributes {
 };
 
 // Reads what a stream holds after the program ended: to end of file, or until a descendant that
-// still holds the pipe has nothing more for now (so a lingering grandchild cannot block us).
+// still holds the pipe has nothing more for now (so a lingering grandchild cannot block us), or
+// until kMaximumDrain bytes.
 Data drain(int fd) {
   Data chunk;
   (void)sys::setNonBlocking(fd, true);
   std::uint8_t buffer[kReadChunkSize];
-  for (;;) {
+  while (chunk.size() < kMaximumDrain) {
     ssize_t count = ::read(fd, buffer, sizeof buffer);
     if (count > 0) {
       chunk.insert(chunk.end(), buffer, buffer + count);
@@ -101,7 +105,8 @@ std::mutex& KRVTaskExecutor::environmentLock() {
 }
 
 bool KRVTaskExecutor::hasExecutableSafePermissionsAtPath(const std::string& path) {
-  if (path.empty()) return false;
+  // A NUL would make the kernel check and run a shorter path than the one asked for.
+  if (path.empty() || path.find('\0') != std::string::npos) return false;
   char resolved[PATH_MAX];
   if (::realpath(path.c_str(), resolved) == nullptr) return false;
   std::string program(resolved);
@@ -135,9 +140,14 @@ Result<int> KRVTaskExecutor::executeProgramAtPath(const std::string& path,
   SpawnActions actions;
   SpawnAttributes attributes;
   if (!actions.ok() || !attributes.ok()) return Error::posix(ENOMEM, "posix_spawn");
-  ::posix_spawn_file_actions_adddup2(actions.get(), childInput.get(), STDIN_FILENO);
-  ::posix_spawn_file_actions_adddup2(actions.get(), childOutput.get(), STDOUT_FILENO);
-  ::posix_spawn_file_actions_adddup2(actions.get(), childError.get(), STDERR_FILENO);
+  // Every descriptor of the daemon is close-on-exec; closing all above the standard three also
+  // keeps out any that a library might have opened without the flag.
+  if (::posix_spawn_file_actions_adddup2(actions.get(), childInput.get(), STDIN_FILENO) != 0 ||
+      ::posix_spawn_file_actions_adddup2(actions.get(), childOutput.get(), STDOUT_FILENO) != 0 ||
+      ::posix_spawn_file_actions_adddup2(actions.get(), childError.get(), STDERR_FILENO) != 0 ||
+      ::posix_spawn_file_actions_addclosefrom_np(actions.get(), STDERR_FILENO + 1) != 0) {
+    return Error::posix(ENOMEM, "posix_spawn");
+  }
   // The daemon ignores SIGPIPE and may block signals on this thread; the program starts clean.
   sigset_t defaults;
   sigemptyset(&defaults);
@@ -159,8 +169,8 @@ Result<int> KRVTaskExecutor::executeProgramAtPath(const std::string& path,
   int spawnError = 0;
   {
     std::lock_guard<std::mutex> lock(environmentLock());
-    spawnError = ::posix_spawn(&pid, path.c_str(), actions.get(), attributes.get(), argv.data(),
-                               environ);
+    spawnError =
+        ::posix_spawn(&pid, path.c_str(), actions.get(), attributes.get(), argv.data(), environ);
   }
   childInput.reset();
   childOutput.reset();
@@ -172,7 +182,7 @@ Result<int> KRVTaskExecutor::executeProgramAtPath(const std::string& path,
   m_inputHandle = -1;
   input.writeEnd.reset();
 
-  UniqueFd exitNotice(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)));
+  UniqueFd exitNotice = sys::pidfdOpen(pid).valueOr(UniqueFd());
   pollfd watched[3] = {{output.readEnd.get(), POLLIN, 0},
                        {error.readEnd.get(), POLLIN, 0},
                        {exitNotice.get(), POLLIN, 0}};

@@ -30,6 +30,14 @@ Error KRVCommandExecutor::executeSystemProgramAtPath(const std::string& path,
                                                      const Array& arguments,
                                                      bool keepingPathEnvironment) {
   if (path.empty()) return commandError(kBadArgument);
+  // An argument is passed exactly as the client sent it or not at all: one holding a NUL byte
+  // would reach the program cut short.
+  for (const Value& argument : arguments) {
+    const std::string* text = argument.asString();
+    if (text != nullptr && text->find('\0') != std::string::npos) {
+      return commandError(kBadArgument);
+    }
+  }
   if (!KRVTaskExecutor::hasExecutableSafePermissionsAtPath(path)) {
     return commandErrorWithFailingPath(kUnsafeProgram, path);
   }

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -45,6 +46,10 @@ SystemLog::SystemLog(std::string identification, std::string_view facility, std:
 
 void SystemLog::connectLocked() {
   m_socket.reset();
+  // Without a log socket every message would cost a failed connect: try at most once a second.
+  auto now = std::chrono::steady_clock::now();
+  if (m_lastAttempt && now - *m_lastAttempt < std::chrono::seconds(1)) return;
+  m_lastAttempt = now;
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   if (m_socketPath.size() >= sizeof address.sun_path) return;
@@ -82,6 +87,11 @@ void SystemLog::log(Level level, std::string_view message) {
                                         line.size()});
   }
 
+  if (!m_socket.valid()) connectLocked();
+  if (!m_socket.valid()) {
+    errno = savedErrno;
+    return;
+  }
   std::time_t now = std::time(nullptr);
   std::tm local{};
   ::localtime_r(&now, &local);

@@ -12,7 +12,9 @@
 // Thread-safety: an object may be used from several threads (a mutex serialises sends), though
 // the project gives each thread its own object.
 
+#include <chrono>
 #include <cstdint>
+#include <optional>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -49,6 +51,7 @@ class SystemLog {
   std::string m_socketPath;
   std::mutex m_mutex;
   UniqueFd m_socket;
+  std::optional<std::chrono::steady_clock::time_point> m_lastAttempt;
 };
 
 }  // namespace krv

@@ -1,0 +1,74 @@
+// File object commands that delete: single objects (also the hibernation file), whole trees and
+// the contents of folders. The multi-path commands report progress i/n before each path and stop
+// without a result as soon as the client can no longer be reached.
+
+#include <cerrno>
+
+#include "executor/FileObjectPrimitives.h"
+#include "executor/KRVCommandExecutor.h"
+#include "filesystem/FileManager.h"
+#include "filesystem/PathNames.h"
+
+namespace krv {
+
+namespace {
+
+// The requests were validated, so every path is a string; anything else counts as an empty path.
+const std::string& pathAt(const Array& paths, std::size_t index) {
+  static const std::string kNoPath;
+  const std::string* path = paths[index].asString();
+  return path != nullptr ? *path : kNoPath;
+}
+
+double fractionDone(std::size_t index, std::size_t count) {
+  return static_cast<double>(index) / static_cast<double>(count);
+}
+
+}  // namespace
+
+CommandResult KRVCommandExecutor::deleteFileSystemObjectsAtPaths(const Array& paths,
+                                                                 bool stopOnFirstError) {
+  for (std::size_t i = 0; i < paths.size(); ++i) {
+    if (!sendProgressMessageToClient(fractionDone(i, paths.size()))) return std::nullopt;
+    Status deleted = enforcedDeleteOfFileSystemObjectAtPath(pathAt(paths, i));
+    // Without the stop flag a failure is dropped and the command still succeeds in the end.
+    if (!deleted && stopOnFirstError) return std::move(deleted).error();
+  }
+  return commandSuccess();
+}
+
+CommandResult KRVCommandExecutor::deleteFileSystemObjectsRecursivelyAtPaths(const Array& paths) {
+  for (std::size_t i = 0; i < paths.size(); ++i) {
+    if (!sendProgressMessageToClient(fractionDone(i, paths.size()))) return std::nullopt;
+    Status deleted = enforcedRecursiveDeleteOfFileSystemObjectAtPath(pathAt(paths, i));
+    if (!deleted) return std::move(deleted).error();
+  }
+  return commandSuccess();
+}
+
+CommandResult KRVCommandExecutor::deleteFileSystemFolderContentsAtPaths(const Array& paths) {
+  for (std::size_t i = 0; i < paths.size(); ++i) {
+    if (!sendProgressMessageToClient(fractionDone(i, paths.size()))) return std::nullopt;
+    const std::string& folder = pathAt(paths, i);
+    bool isDirectory = false;
+    if (!FileManager::fileExists(folder, isDirectory)) continue;
+    if (!isDirectory) return FileManager::error(ENOTDIR, folder);
+    Result<std::vector<std::string>> names = FileManager::contentsOfDirectory(folder);
+    if (!names) return std::move(names).error();
+    for (const std::string& name : *names) {
+      Status deleted =
+          enforcedRecursiveDeleteOfFileSystemObjectAtPath(appendingPathComponent(folder, name));
+      if (!deleted) return std::move(deleted).error();
+    }
+  }
+  return commandSuccess();
+}
+
+Error KRVCommandExecutor::deleteHibernationFileAtPath(const std::string& path) {
+  // The path is the client's; it is not checked against where a hibernation file would be.
+  Status deleted = enforcedDeleteOfFileSystemObjectAtPath(path);
+  if (!deleted) return std::move(deleted).error();
+  return commandSuccess();
+}
+
+}  // namespace krv

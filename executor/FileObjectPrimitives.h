@@ -1,0 +1,56 @@
+#pragma once
+// The three primitives the file object commands are built on: deleting one object even when user
+// flags protect it (never when system flags do), deleting a whole tree after lifting the user
+// immutable flag everywhere in it, and setting or clearing the user immutable flag of one object.
+// Also the result codes those commands share.
+//
+// Links: flags are always written with chflags semantics (a final symbolic link is followed).
+// The single delete reads the flags of the object itself and removes the object itself; the flag
+// setter reads and writes what a link points to; the tree delete asks whether the path exists
+// following links (a dangling link is "nothing to delete") and then removes the object itself,
+// never a link's target.
+//
+// Errors: the command error domain for the codes below (with {"FailingPath": path} where noted),
+// otherwise the POSIX domain with the errno of the failed call and {"FailingPath": path}, the path
+// of the object the failure is about. Nothing is logged and nothing is rolled back.
+//
+// Stateless and thread-safe; used on the executor's thread.
+
+#include <cstdint>
+#include <string>
+
+#include "foundation/Result.h"
+
+namespace krv {
+
+// Result codes of the file object commands in the command error domain.
+inline constexpr std::int64_t kFileCommandBadArgument = 3;       // empty path, bad type code
+inline constexpr std::int64_t kFileCommandBackupIsFolder = 7;    // with FailingPath
+inline constexpr std::int64_t kFileCommandNotWritten = 8;        // with FailingPath
+inline constexpr std::int64_t kFileCommandWhiteout = 9;          // never on Linux
+inline constexpr std::int64_t kFileCommandFlagsNotChanged = 10;  // with FailingPath
+inline constexpr std::int64_t kFileCommandSystemProtected = 11;  // with FailingPath
+
+// Whether the flag setter insists that a symbolic link's target exists.
+enum class LinkTargetCheck : std::uint8_t {
+  Off,  // a dangling link succeeds and nothing changes
+  On,   // a dangling link is POSIX ENOENT
+};
+
+// Removes one object (a folder must be empty). User immutable and append-only flags are cleared
+// first, unless a system flag is present too: then the object is refused with code 11 and left as
+// it is, its user flags included.
+Status enforcedDeleteOfFileSystemObjectAtPath(const std::string& path);
+
+// Removes the object and everything below it after clearing the user immutable flag of the object
+// and of every entry below it. A path where nothing exists (a dangling link included) succeeds and
+// nothing is done. User append-only and all system flags are not touched, so an object carrying
+// one makes the removal fail with the file manager's error.
+Status enforcedRecursiveDeleteOfFileSystemObjectAtPath(const std::string& path);
+
+// Sets or clears the user immutable flag (UF_IMMUTABLE) of what the path names, following a link.
+// Clearing where the object or its file system has no flags succeeds (nothing to clear); setting
+// there is POSIX EOPNOTSUPP.
+Status setImmutableFlag(bool set, const std::string& path, LinkTargetCheck check);
+
+}  // namespace krv
