@@ -1,0 +1,67 @@
+#pragma once
+// Test support for the executor tests (header only): an executor whose response pipe is an
+// anonymous pipe the test reads back, and small readers of the messages it wrote. One thread.
+
+#include <fcntl.h>
+#include <signal.h>
+
+#include <string>
+#include <vector>
+
+#include "executor/KRVCommandExecutor.h"
+#include "foundation/System.h"
+#include "protocol/KRVSecurityAgent.h"
+
+namespace krv::test {
+
+class ExecutorWithPipe {
+ public:
+  ExecutorWithPipe() {
+    ::signal(SIGPIPE, SIG_IGN);  // as in the daemon: a gone client is EPIPE, not a signal
+    Result<sys::PipeEnds> ends = sys::pipe();
+    if (!ends) return;
+    m_reader = std::move(ends->readEnd);
+    // Large enough that no test needs a concurrent reader.
+    ::fcntl(ends->writeEnd.get(), F_SETPIPE_SZ, 1 << 20);
+    m_executor.setPipeDescriptor(std::move(ends->writeEnd));
+  }
+
+  KRVCommandExecutor& executor() { return m_executor; }
+  CommandResult run(std::uint32_t code, Array arguments) {
+    auto command = KRVPrivilegedCommand::privilegedCommandWithCode(code, std::move(arguments));
+    return m_executor.executeCommand(*command);
+  }
+  // Every message written since the last call.
+  std::vector<Error> messages() {
+    std::vector<Error> result;
+    (void)sys::setNonBlocking(m_reader.get(), true);
+    for (;;) {
+      Result<Value> object = KRVSecurityAgent::readObjectFromPipe(m_reader.get());
+      if (!object || object->objectAs<Error>() == nullptr) break;
+      result.push_back(*object->objectAs<Error>());
+    }
+    return result;
+  }
+
+ private:
+  KRVCommandExecutor m_executor;
+  UniqueFd m_reader;
+};
+
+inline double progressOf(const Error& message) {
+  const Value* progress = message.userInfo().find("CurrentProgress");
+  return progress != nullptr && progress->asNumber() != nullptr
+             ? progress->asNumber()->doubleValue()
+             : -1.0;
+}
+
+inline std::string textOf(const Error& message, const char* key) {
+  const Value* value = message.userInfo().find(key);
+  if (value == nullptr) return "<none>";
+  if (const Data* data = value->asData()) return std::string(data->begin(), data->end());
+  if (const std::string* text = value->asString()) return *text;
+  if (const Number* number = value->asNumber()) return std::to_string(number->integerValue());
+  return "<other>";
+}
+
+}  // namespace krv::test
