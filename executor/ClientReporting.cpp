@@ -1,6 +1,8 @@
 // The executor's messages to the client: progress reports, payload chunks, live program output
 // and the final message, each one data block on the response pipe.
 
+#include <poll.h>
+
 #include <cerrno>
 #include <cmath>
 
@@ -30,6 +32,13 @@ bool KRVCommandExecutor::sendProgressMessage(const Error& message) {
   m_pipe.reset();
   setPathOfClientCommunicationPipe(std::nullopt);
   return false;
+}
+
+bool KRVCommandExecutor::isClientGone() const {
+  if (!m_pipe.valid()) return true;
+  pollfd pipe{m_pipe.get(), POLLOUT, 0};
+  // The write end of a pipe reports an error once no reader is left.
+  return ::poll(&pipe, 1, 0) == 1 && (pipe.revents & (POLLERR | POLLHUP)) != 0;
 }
 
 bool KRVCommandExecutor::sendProgressMessageToClient(double progress) {

@@ -85,7 +85,9 @@ TEST_F(ReportingTest, ChunksCarryTheirExactProgressValues) {
 }
 
 TEST_F(ReportingTest, AfterAFailedWriteNothingMoreIsSent) {
+  EXPECT_FALSE(m_executor.isClientGone());
   m_reader.reset();  // the client is gone
+  EXPECT_TRUE(m_executor.isClientGone());
   EXPECT_FALSE(m_executor.sendProgressMessageToClient(0.5));
   EXPECT_FALSE(m_executor.sendProgressMessageToClient(0.6));
   EXPECT_FALSE(m_executor.sendPayloadArray(numbers(3), "FileSystemObjects", 10, 0.0));

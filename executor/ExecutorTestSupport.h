@@ -1,15 +1,20 @@
 #pragma once
 // Test support for the executor tests (header only): an executor whose response pipe is an
-// anonymous pipe the test reads back, and small readers of the messages it wrote. One thread.
+// anonymous pipe the test reads back, small readers of the messages it wrote, and the fixture of
+// the file command tests (a temporary tree whose protections are lifted at the end). One thread.
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/stat.h>
 
 #include <string>
 #include <vector>
 
 #include "executor/KRVCommandExecutor.h"
 #include "foundation/System.h"
+#include "platform/FileFlags.h"
+#include "platform/TestFileTree.h"
 #include "protocol/KRVSecurityAgent.h"
 
 namespace krv::test {
@@ -63,5 +68,42 @@ inline std::string textOf(const Error& message, const char* key) {
   if (const Number* number = value->asNumber()) return std::to_string(number->integerValue());
   return "<other>";
 }
+
+// Expects a result of the domain and code, with FailingPath when one is given.
+inline void expectResult(const CommandResult& result, std::string_view domain, std::int64_t code,
+                         const std::string& failingPath = {}) {
+  ASSERT_TRUE(result.has_value()) << "no result";
+  EXPECT_TRUE(result->is(domain, code)) << result->description();
+  if (!failingPath.empty()) {
+    EXPECT_EQ(textOf(*result, "FailingPath"), failingPath);
+  }
+}
+
+class FileCommandTest : public testing::Test {
+ protected:
+  CommandResult run(std::uint32_t code, Array arguments) {
+    return m_client.run(code, std::move(arguments));
+  }
+  std::vector<double> progressValues() {
+    std::vector<double> values;
+    for (const Error& message : m_client.messages()) values.push_back(progressOf(message));
+    return values;
+  }
+  std::string path(const std::string& relative) const { return m_tree.path(relative); }
+  bool exists(const std::string& relative) const { return m_tree.exists(relative); }
+  // The flags word of the object itself; all ones when it cannot be read.
+  std::uint32_t flagsOf(const std::string& relative) const {
+    return readFileFlags(path(relative), LinkHandling::NoFollow).valueOr(0xFFFFFFFFu);
+  }
+  void setFlags(const std::string& relative, std::uint32_t flags) const {
+    ASSERT_TRUE(writeFileFlags(path(relative), flags)) << relative;
+  }
+
+  TestFileTree m_tree;
+  ExecutorWithPipe m_client;
+};
+
+inline Value text(const std::string& value) { return Value(value); }
+inline Value number(std::int64_t value) { return Value::integer(value); }
 
 }  // namespace krv::test

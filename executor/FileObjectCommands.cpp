@@ -128,7 +128,7 @@ Error KRVCommandExecutor::changeProtectionAttributeAtPath(const std::string& pat
       walk->skipDescendents();
       continue;
     }
-    if (Status set = setImmutableFlag(protect, object, LinkTargetCheck::Off); !set) {
+    if (Status set = setImmutableFlag(protect, object, LinkTargetCheck::LeaveLinks); !set) {
       return toError(set);
     }
   }

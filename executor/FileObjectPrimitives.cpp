@@ -70,6 +70,12 @@ Status setImmutableFlag(bool set, const std::string& path, LinkTargetCheck check
   if (path.empty()) return commandError(kFileCommandBadArgument);
   Result<struct statx> object = statusOf(path, LinkHandling::NoFollow);
   if (!object) return FileManager::error(object.error(), path);
+  // In a walk, links are left alone, and so are FIFOs, sockets and devices, which cannot carry
+  // kernel flags on Linux: a socket somewhere in a tree must not stop its protection.
+  if (check == LinkTargetCheck::LeaveLinks && !S_ISREG(object->stx_mode) &&
+      !S_ISDIR(object->stx_mode)) {
+    return {};
+  }
   Result<struct statx> target = statusOf(path, LinkHandling::Follow);
   if (!target) {
     // A dangling link (or a loop of links): nothing to protect or unprotect.
@@ -93,6 +99,8 @@ Status enforcedRecursiveDeleteOfFileSystemObjectAtPath(const std::string& path) 
   bool isDirectory = false;
   if (!FileManager::fileExists(path, isDirectory)) return {};
   KRV_TRY_VOID(checkRemovable(path));
+  Result<struct statx> object = statusOf(path, LinkHandling::NoFollow);
+  if (object && S_ISLNK(object->stx_mode)) return FileManager::removeItem(path);
   KRV_TRY_VOID(setImmutableFlag(false, path, LinkTargetCheck::On));
   if (isDirectory) {
     // A folder that cannot be walked is left to the removal, which reports why.
@@ -100,7 +108,7 @@ Status enforcedRecursiveDeleteOfFileSystemObjectAtPath(const std::string& path) 
     if (walk) {
       while (std::optional<std::string> entry = walk->nextObject()) {
         KRV_TRY_VOID(
-            setImmutableFlag(false, appendingPathComponent(path, *entry), LinkTargetCheck::Off));
+            setImmutableFlag(false, appendingPathComponent(path, *entry), LinkTargetCheck::LeaveLinks));
       }
     }
   }

@@ -31,10 +31,13 @@ inline constexpr std::int64_t kFileCommandWhiteout = 9;          // never on Lin
 inline constexpr std::int64_t kFileCommandFlagsNotChanged = 10;  // with FailingPath
 inline constexpr std::int64_t kFileCommandSystemProtected = 11;  // with FailingPath
 
-// Whether the flag setter insists that a symbolic link's target exists.
+// What the flag setter does with a symbolic link.
 enum class LinkTargetCheck : std::uint8_t {
-  Off,  // a dangling link succeeds and nothing changes
-  On,   // a dangling link is POSIX ENOENT
+  Off,         // follows it; a dangling link succeeds and nothing changes
+  On,          // follows it; a dangling link is POSIX ENOENT
+  LeaveLinks,  // leaves it alone: used for the entries of a walk, whose links may point anywhere
+               // and whose targets were not asked for; FIFOs, sockets and devices (which have
+               // no kernel flags on Linux) are passed over too
 };
 
 // Removes one object (a folder must be empty). User immutable and append-only flags are cleared
@@ -44,7 +47,8 @@ Status enforcedDeleteOfFileSystemObjectAtPath(const std::string& path);
 
 // Removes the object and everything below it after clearing the user immutable flag of the object
 // and of every entry below it. A path where nothing exists (a dangling link included) succeeds and
-// nothing is done. User append-only and all system flags are not touched, so an object carrying
+// nothing is done. A symbolic link is removed without touching any flag, and links inside the tree
+// keep their targets' flags: only what is removed is unprotected. User append-only and all system flags are not touched, so an object carrying
 // one makes the removal fail with the file manager's error.
 Status enforcedRecursiveDeleteOfFileSystemObjectAtPath(const std::string& path);
 

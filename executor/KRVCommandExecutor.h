@@ -78,6 +78,9 @@ class KRVCommandExecutor final : public TaskDelegate {
                         double progressOffset);
   void sendFinalMessageToClientPipeAndClose(const CommandResult& message);
   bool isSendingLiveData() const { return m_isSendingLiveData; }
+  // True when the client has closed its end of the response pipe (or the pipe is closed), found
+  // without writing: long walks that send nothing until their end use it to stop early.
+  bool isClientGone() const;
 
   // ---- External program output (TaskDelegate) ----
   void clearSubCommandOutput();

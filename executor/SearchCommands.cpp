@@ -1,30 +1,322 @@
-// Search and measurement commands: not built yet in this version.
+// Search and measurement commands: the age search (14), inspection (15), the prefix search (16),
+// the storage size of a subtree (17), the multi-pattern search (46) and the object count (51).
+//
+// The walks are meant to be pointed at whole volumes. Per object they make one system call at
+// most where the answer allows it (a status read relative to the open folder, never a path lookup
+// from the root), and they keep nothing per object beyond the object: the age and prefix searches
+// spool their records (executor/ObjectRecords.h), the multi-pattern search holds the records of at
+// most 100 objects, the measurements hold a number. The searches stop without a result once the
+// client is gone: at a failed send, and, in walks that send nothing for a long time, when the
+// response pipe shows that nobody reads it any more. The count alone never stops for that: only
+// its abort marker stops it.
+
+#include <fcntl.h>
+#include <limits.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <ctime>
+#include <memory>
+#include <vector>
 
 #include "executor/KRVCommandExecutor.h"
+#include "executor/ObjectRecords.h"
+#include "filesystem/FileManager.h"
+#include "filesystem/FolderReader.h"
+#include "filesystem/KRVDirectoryEnumerator.h"
+#include "filesystem/PathNames.h"
+#include "foundation/System.h"
+#include "protocol/CommandTable.h"
 
 namespace krv {
 
-CommandResult KRVCommandExecutor::searchForFileSystemObjectsOlderThanDays(const std::string&,
-                                                                          std::uint64_t, bool) {
-  return commandNotAvailable();
+namespace {
+
+constexpr std::int64_t kSearchBadArgument = 3;
+constexpr std::size_t kPayloadGranularity = 100;
+constexpr double kSearchStartProgress = 0.05;
+constexpr double kPatternSearchStartProgress = 0.01;
+constexpr double kSecondsPerDay = 86400.0;
+constexpr std::uint64_t kCountReportInterval = 500;
+// How many objects a walk that sends nothing handles between two looks at its client.
+constexpr std::uint64_t kClientCheckInterval = 4096;
+
+constexpr std::uint64_t kNothingThere = 0;
+constexpr std::uint64_t kFolderThere = 1;
+constexpr std::uint64_t kOtherThere = 2;
+
+// The start shared by the searches and the storage size: a non-empty base path that, with its
+// symbolic links resolved, names a folder. `resolved` receives that path.
+std::optional<Error> resolveSearchBase(const std::string& path, std::string& resolved) {
+  if (path.empty()) return commandError(kSearchBadArgument);
+  resolved = FileManager::resolvingSymlinksInPath(path);
+  bool isDirectory = false;
+  if (!FileManager::fileExists(resolved, isDirectory)) return Error::posix(ENOENT);
+  if (!isDirectory) return Error::posix(ENOTDIR);
+  return std::nullopt;
 }
-Error KRVCommandExecutor::inspectFileSystemObjectAtPath(const std::string&) {
-  return commandNotAvailable();
+
+double secondsSince1970Now() {
+  struct timespec now {};
+  ::clock_gettime(CLOCK_REALTIME, &now);
+  return dateFromTimestamp(now.tv_sec, static_cast<std::uint32_t>(now.tv_nsec)).secondsSince1970;
 }
-CommandResult KRVCommandExecutor::searchForFileSystemObjectsWithPrefix(const std::string&,
-                                                                       const std::string&,
-                                                                       const std::string&, bool) {
-  return commandNotAvailable();
+
+// The date the age search judges the walk's current object by: its modification date, or for a
+// symbolic link that of the object the link names (one level; a link to a link answers the second
+// link). The status is read relative to the open folder, which answers what the absolute path
+// would; links, which are rare, take the file manager's route with the path.
+std::optional<Date> ageTestDate(const KRVDirectoryEnumerator& walk) {
+  Result<struct stat> status = sys::statAt(walk.currentEntryDirectoryFd(),
+                                           walk.currentEntryName().data(), AT_SYMLINK_NOFOLLOW);
+  if (!status) return std::nullopt;
+  if (S_ISLNK(status->st_mode)) {
+    Result<FileAttributes> target = FileManager::attributesOfItem(
+        std::string(walk.currentAbsolutePath()), LinkTraversal::OneLevel);
+    if (!target) return std::nullopt;
+    return target->modificationDate;
+  }
+  return dateFromTimestamp(status->st_mtim.tv_sec,
+                           static_cast<std::uint32_t>(status->st_mtim.tv_nsec));
 }
-Error KRVCommandExecutor::getStorageSizeOfSubtreeAtPath(const std::string&) {
-  return commandNotAvailable();
+
+// The text after the last "." of a name; nothing when the name has no ".".
+std::optional<std::string_view> nameExtension(std::string_view name) {
+  std::size_t dot = name.rfind('.');
+  if (dot == std::string_view::npos) return std::nullopt;
+  return name.substr(dot + 1);
 }
-CommandResult KRVCommandExecutor::searchForFileSystemObjectsWithNamePatterns(const std::string&,
-                                                                             bool, const Array&) {
-  return commandNotAvailable();
+
+bool hasPrefix(std::string_view name, std::string_view prefix) {
+  return !prefix.empty() && name.starts_with(prefix);
 }
-Error KRVCommandExecutor::countFileSystemObjectsAtPath(const std::string&, const std::string&) {
-  return commandNotAvailable();
+
+// One (kind, pattern) pair of the multi-pattern search.
+struct NamePattern {
+  enum class Kind : std::uint8_t { Equals, BeginsWith, Extension };
+  Kind kind;
+  std::string text;
+
+  bool matches(std::string_view name) const {
+    switch (kind) {
+      case Kind::Equals:
+        return name == text;
+      case Kind::BeginsWith:
+        return name.starts_with(text);
+      case Kind::Extension: {
+        std::optional<std::string_view> extension = nameExtension(name);
+        return extension && *extension == text;
+      }
+    }
+    return false;
+  }
+};
+
+// The pairs of the request: a non-zero even number of strings, each kind one of "0", "1", "2",
+// each pattern non-empty. Nothing when the list breaks a rule.
+std::optional<std::vector<NamePattern>> namePatterns(const Array& strings) {
+  if (strings.empty() || strings.size() % 2 != 0) return std::nullopt;
+  std::vector<NamePattern> patterns;
+  patterns.reserve(strings.size() / 2);
+  for (std::size_t i = 0; i < strings.size(); i += 2) {
+    const std::string* kind = strings[i].asString();
+    const std::string* text = strings[i + 1].asString();
+    if (kind == nullptr || text == nullptr || kind->size() != 1 || text->empty()) {
+      return std::nullopt;
+    }
+    switch ((*kind)[0]) {
+      case '0':
+        patterns.push_back({NamePattern::Kind::Equals, *text});
+        break;
+      case '1':
+        patterns.push_back({NamePattern::Kind::BeginsWith, *text});
+        break;
+      case '2':
+        patterns.push_back({NamePattern::Kind::Extension, *text});
+        break;
+      default:
+        return std::nullopt;
+    }
+  }
+  return patterns;
+}
+
+bool matchesAny(const std::vector<NamePattern>& patterns, std::string_view name) {
+  for (const NamePattern& pattern : patterns) {
+    if (pattern.matches(name)) return true;
+  }
+  return false;
+}
+
+Error successWithSize(std::uint64_t size) {
+  Dictionary userInfo;
+  userInfo.set(key::kSize, Value::unsignedInteger(size));
+  return commandError(0, std::move(userInfo));
+}
+
+}  // namespace
+
+CommandResult KRVCommandExecutor::searchForFileSystemObjectsOlderThanDays(const std::string& path,
+                                                                          std::uint64_t days,
+                                                                          bool stayOnFileSystem) {
+  std::string base;
+  if (std::optional<Error> refused = resolveSearchBase(path, base)) return refused;
+  if (!sendProgressMessageToClient(kSearchStartProgress)) return std::nullopt;
+
+  const double threshold = static_cast<double>(days) * kSecondsPerDay;
+  // All records go out in one payload whose chunk progress depends on their number, so they are
+  // gathered first; the spool keeps that from growing the daemon's memory.
+  ObjectRecordSpool found;
+  std::unique_ptr<KRVDirectoryEnumerator> walk =
+      KRVDirectoryEnumerator::enumeratorAtPath(base, stayOnFileSystem);
+  std::uint64_t seen = 0;
+  while (walk && walk->nextObject()) {
+    if (++seen % kClientCheckInterval == 0 && isClientGone()) return std::nullopt;
+    std::optional<Date> date = ageTestDate(*walk);
+    if (!date) continue;
+    // An age of exactly the threshold counts; a date in the future has a negative age.
+    const double age = -(date->secondsSince1970 - secondsSince1970Now());
+    if (!(age >= threshold)) continue;
+    if (std::optional<ObjectRecord> record =
+            objectRecordForPath(std::string(walk->currentAbsolutePath()))) {
+      found.append(*record);
+    }
+  }
+  if (!found.sendPayload(*this, key::kFileSystemObjects, kPayloadGranularity,
+                         kSearchStartProgress)) {
+    return std::nullopt;
+  }
+  return commandSuccess();
+}
+
+Error KRVCommandExecutor::inspectFileSystemObjectAtPath(const std::string& path) {
+  if (path.empty()) return commandError(kSearchBadArgument);
+  bool isDirectory = false;
+  std::uint64_t existence = kNothingThere;
+  if (FileManager::fileExists(FileManager::resolvingSymlinksInPath(path), isDirectory)) {
+    existence = isDirectory ? kFolderThere : kOtherThere;
+  }
+  Dictionary userInfo;
+  userInfo.set(key::kExistenceInfo, Value::unsignedInteger(existence));
+  return commandError(0, std::move(userInfo));
+}
+
+CommandResult KRVCommandExecutor::searchForFileSystemObjectsWithPrefix(const std::string& path,
+                                                                       const std::string& prefix,
+                                                                       const std::string& extension,
+                                                                       bool matchFolders) {
+  std::string base;
+  if (std::optional<Error> refused = resolveSearchBase(path, base)) return refused;
+  if (!sendProgressMessageToClient(kSearchStartProgress)) return std::nullopt;
+
+  // The folder is read as the file manager lists it, one batch at a time, so that a folder of
+  // millions of names needs no list of them; a listing that fails lists nothing.
+  ObjectRecordSpool found;
+  Result<UniqueFd> folder = sys::open(base, O_RDONLY | O_DIRECTORY | O_NOCTTY | O_NONBLOCK);
+  if (folder) {
+    FolderReader reader(std::move(*folder), FolderReader::kLargeBuffer);
+    std::uint64_t seen = 0;
+    while (std::optional<FolderReader::Entry> entry = reader.next()) {
+      if (++seen % kClientCheckInterval == 0 && isClientGone()) return std::nullopt;
+      if (!hasPrefix(entry->name, prefix)) continue;
+      if (!extension.empty() && nameExtension(entry->name) != std::string_view(extension)) {
+        continue;
+      }
+      const std::string object = appendingPathComponent(base, entry->name);
+      bool isDirectory = false;
+      if (!FileManager::fileExists(object, isDirectory) || isDirectory != matchFolders) continue;
+      if (std::optional<ObjectRecord> record = objectRecordForPath(object)) found.append(*record);
+    }
+    if (reader.error()) found.clear();
+  }
+  if (!found.sendPayload(*this, key::kFileSystemObjects, kPayloadGranularity,
+                         kSearchStartProgress)) {
+    return std::nullopt;
+  }
+  return commandSuccess();
+}
+
+Error KRVCommandExecutor::getStorageSizeOfSubtreeAtPath(const std::string& path) {
+  std::string base;
+  if (std::optional<Error> refused = resolveSearchBase(path, base)) return *refused;
+
+  std::uint64_t total = 0;
+  Result<FileManagerEnumerator> walk = FileManager::enumerator(base);
+  if (walk) {
+    // The object's absolute path is the base, a separator (none after "/") and the relative path.
+    // A path the kernel would refuse as too long cannot be measured and adds nothing; every other
+    // object is read relative to its open folder, which answers what the path would.
+    const std::size_t baseLength = base.size() + (base == "/" ? 0 : 1);
+    std::uint64_t seen = 0;
+    while (std::optional<std::string_view> relative = walk->nextRelativePath()) {
+      // Nobody can receive the size any more: the walk ends early, and the final message fails.
+      if (++seen % kClientCheckInterval == 0 && isClientGone()) break;
+      if (baseLength + relative->size() >= PATH_MAX) continue;
+      Result<struct stat> status =
+          sys::statAt(walk->currentDirectoryFd(), walk->currentName().data(), AT_SYMLINK_NOFOLLOW);
+      // The logical length, summed modulo 2^64: links with their own length, each hard link once.
+      if (status) total += static_cast<std::uint64_t>(status->st_size);
+    }
+  }
+  return successWithSize(total);
+}
+
+CommandResult KRVCommandExecutor::searchForFileSystemObjectsWithNamePatterns(
+    const std::string& path, bool stayOnFileSystem, const Array& patterns) {
+  std::string base;
+  if (std::optional<Error> refused = resolveSearchBase(path, base)) return refused;
+  std::optional<std::vector<NamePattern>> table = namePatterns(patterns);
+  if (!table) return commandError(kSearchBadArgument);
+  if (!sendProgressMessageToClient(kPatternSearchStartProgress)) return std::nullopt;
+
+  // The counting pass gives the total that the progress of the matching pass is measured by.
+  std::uint64_t total = 0;
+  std::unique_ptr<KRVDirectoryEnumerator> walk =
+      KRVDirectoryEnumerator::enumeratorAtPath(base, stayOnFileSystem);
+  while (walk && walk->nextObject()) {
+    if (++total % kClientCheckInterval == 0 && isClientGone()) return std::nullopt;
+  }
+  if (total == 0) return Error::posix(ENOENT);
+
+  walk = KRVDirectoryEnumerator::enumeratorAtPath(base, stayOnFileSystem);
+  Array found;
+  std::uint64_t index = 0;
+  while (walk && walk->nextObject()) {
+    ++index;
+    if (matchesAny(*table, walk->currentEntryName())) {
+      addFileSystemObjectInfoToArray(found, std::string(walk->currentAbsolutePath()));
+    }
+    if (index % kPayloadGranularity != 0) continue;
+    // A tree that grew since the count gives offsets beyond 1.0; they are sent as they are.
+    const double progress = static_cast<double>(index) / static_cast<double>(total);
+    if (!sendPayloadArray(found, key::kFileSystemObjects, kPayloadGranularity, progress)) {
+      return std::nullopt;
+    }
+    found.clear();
+  }
+  if (!sendPayloadArray(found, key::kFileSystemObjects, kPayloadGranularity, 1.0)) {
+    return std::nullopt;
+  }
+  return commandSuccess();
+}
+
+Error KRVCommandExecutor::countFileSystemObjectsAtPath(const std::string& path,
+                                                       const std::string& markerPath) {
+  if (path.empty() || markerPath.empty()) return Error::posix(EINVAL);
+  // The base is taken as given (not resolved); a missing base counts as no folder.
+  bool isDirectory = false;
+  if (!FileManager::fileExists(path, isDirectory) || !isDirectory) return Error::posix(ENOTDIR);
+
+  std::uint64_t counter = 1;  // the base folder
+  std::unique_ptr<KRVDirectoryEnumerator> walk =
+      KRVDirectoryEnumerator::enumeratorAtPath(path, /*stayOnFileSystem=*/true);
+  while (walk && walk->nextObject()) {
+    if (++counter % kCountReportInterval != 0) continue;
+    if (FileManager::fileExists(markerPath)) break;
+    // A sign of life; a client that is gone does not stop the count, only the marker does.
+    (void)sendProgressMessageToClient(0.0);
+  }
+  return successWithSize(counter);
 }
 
 }  // namespace krv

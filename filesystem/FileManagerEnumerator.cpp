@@ -24,6 +24,21 @@ Result<FileManagerEnumerator> FileManagerEnumerator::open(const std::string& pat
 }
 
 std::optional<std::string> FileManagerEnumerator::nextObject() {
+  std::optional<std::string_view> path = nextRelativePath();
+  if (!path) return std::nullopt;
+  return std::string(*path);
+}
+
+std::string_view FileManagerEnumerator::currentName() const {
+  if (m_levels.empty() || m_nameStart > m_path.size()) return {};
+  return std::string_view(m_path).substr(m_nameStart);
+}
+
+int FileManagerEnumerator::currentDirectoryFd() const {
+  return m_levels.empty() ? -1 : m_levels.back().reader.fd();
+}
+
+std::optional<std::string_view> FileManagerEnumerator::nextRelativePath() {
   if (m_descendPending) descend();
   while (!m_levels.empty()) {
     Level& level = m_levels.back();
@@ -47,7 +62,7 @@ std::optional<std::string> FileManagerEnumerator::nextObject() {
     }
     m_lastIsDirectory = isDirectory;
     m_descendPending = isDirectory;
-    return m_path;
+    return std::string_view(m_path);
   }
   m_lastIsDirectory = false;
   return std::nullopt;

@@ -17,6 +17,7 @@
 #include <cstddef>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "filesystem/FolderReader.h"
@@ -34,6 +35,14 @@ class FileManagerEnumerator {
 
   // The relative path of the next object, or nothing when the walk is over.
   std::optional<std::string> nextObject();
+  // The same without a copy: a view of the walk's own path, valid until the next call of a
+  // non-const member.
+  std::optional<std::string_view> nextRelativePath();
+  // The object handed out last, for *at() calls: its name (NUL-terminated), and the open folder
+  // that holds it (owned by the walk; -1 once the walk is over). Valid until the next call of a
+  // non-const member.
+  std::string_view currentName() const;
+  int currentDirectoryFd() const;
   // The object handed out last is not descended into (no effect unless it is a folder).
   void skipDescendents() { m_descendPending = false; }
   // Whether the object handed out last is a folder (not a link to one).

@@ -1,0 +1,292 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <linux/fs.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <ctime>
+#include <fstream>
+#include <sstream>
+
+#include "executor/ExecutorTestSupport.h"
+#include "filesystem/FileManagerAdditions.h"
+
+namespace krv {
+namespace {
+
+using test::expectResult;
+using test::number;
+using test::text;
+
+std::string contentsOf(const std::string& path) {
+  std::ifstream file(path);
+  std::stringstream contents;
+  contents << file.rdbuf();
+  return contents.str();
+}
+
+struct stat statusOf(const std::string& path) {
+  struct stat status {};
+  ::lstat(path.c_str(), &status);
+  return status;
+}
+
+class ObjectCommandTest : public test::FileCommandTest {
+ protected:
+  // A file with attributes that an overwrite must keep.
+  std::string makeConfiguration(const std::string& name) {
+    std::string file = m_tree.makeFile(name, "old", 0640);
+    EXPECT_EQ(::chown(file.c_str(), 1, 2), 0);
+    EXPECT_TRUE(writeHfsCodes(file, {0x54455854, 0x74747874}, LinkHandling::NoFollow));
+    EXPECT_TRUE(setHidden(true, file));
+    return file;
+  }
+  void expectConfigurationKept(const std::string& file) {
+    struct stat status = statusOf(file);
+    EXPECT_EQ(status.st_mode & 07777, 0640u);
+    EXPECT_EQ(status.st_uid, 1u);
+    EXPECT_EQ(status.st_gid, 2u);
+    EXPECT_EQ(readHfsCodes(file, LinkHandling::NoFollow).valueOr({}),
+              (HfsCodes{0x54455854, 0x74747874}));
+    EXPECT_TRUE(isHiddenObject(file));
+  }
+};
+
+TEST_F(ObjectCommandTest, OverwriteKeepsAttributesAndABackupOfTheResolvedFile) {
+  const std::string file = makeConfiguration("conf");
+  m_tree.makeFile("conf.backup", "stale");
+  m_tree.makeLink("alias", "conf");
+  expectResult(run(4, {text(path("alias")), Value(Data{'n', 'e', 'w'}), number(0)}),
+               kCommandErrorDomain, 0);
+  EXPECT_EQ(contentsOf(file), "new");
+  expectConfigurationKept(file);
+  EXPECT_EQ(contentsOf(path("conf.backup")), "old");
+  EXPECT_TRUE(S_ISLNK(statusOf(path("alias")).st_mode));
+
+  expectResult(run(4, {text(file), Value(Data{'2'}), number(1)}), kCommandErrorDomain, 0);
+  EXPECT_EQ(contentsOf(file), "2");
+  EXPECT_FALSE(exists("conf.backup"));
+
+  // A backup slot that is a folder: nothing changes.
+  m_tree.makeFolder("conf.backup");
+  expectResult(run(4, {text(file), Value(Data{'3'}), number(0)}), kCommandErrorDomain, 7,
+               path("conf.backup"));
+  EXPECT_EQ(contentsOf(file), "2");
+
+  expectResult(run(4, {text(path("missing")), Value(Data{}), number(0)}), kPosixErrorDomain, ENOENT,
+               path("missing"));
+  expectResult(run(4, {text(path("conf.backup")), Value(Data{}), number(0)}), kPosixErrorDomain,
+               EISDIR, path("conf.backup"));
+  expectResult(run(4, {text(""), Value(Data{}), number(0)}), kCommandErrorDomain, 3);
+}
+
+TEST_F(ObjectCommandTest, OverwriteSucceedsWhenTheContentCannotBeWritten) {
+  const std::string file = makeConfiguration("limited");
+  // Files may grow to 4 bytes only: the write of ten fails with EFBIG after the first four.
+  struct rlimit saved {};
+  ::getrlimit(RLIMIT_FSIZE, &saved);
+  auto savedHandler = ::signal(SIGXFSZ, SIG_IGN);
+  struct rlimit limited = saved;
+  limited.rlim_cur = 4;
+  ::setrlimit(RLIMIT_FSIZE, &limited);
+  CommandResult result = run(4, {text(file), Value(Data(10, 'x')), number(0)});
+  ::setrlimit(RLIMIT_FSIZE, &saved);
+  ::signal(SIGXFSZ, savedHandler);
+  expectResult(result, kCommandErrorDomain, 0);
+  EXPECT_EQ(contentsOf(file), "xxxx");
+  expectConfigurationKept(file);
+  EXPECT_EQ(contentsOf(path("limited.backup")), "old");
+}
+
+TEST_F(ObjectCommandTest, CreatesRootOwnedObjectsOfTheThreeTypesOnly) {
+  // A set-group-id folder of another group would hand its group on; the mask would cut the mode.
+  m_tree.makeFolder("shared");
+  ASSERT_EQ(::chown(path("shared").c_str(), 0, 1000), 0);
+  ASSERT_EQ(::chmod(path("shared").c_str(), 02755), 0);
+  const mode_t mask = ::umask(077);
+  for (const auto& [type, mode] : {std::pair{"F", S_IFREG | 0644}, std::pair{"D", S_IFDIR | 0755},
+                                   std::pair{"X", S_IFREG | 0755}}) {
+    const std::string object = path(std::string("shared/") + type);
+    expectResult(run(5, {text(object), text(type)}), kCommandErrorDomain, 0);
+    struct stat status = statusOf(object);
+    EXPECT_EQ(status.st_mode & ~S_ISGID, static_cast<mode_t>(mode)) << type;
+    EXPECT_EQ(status.st_uid, 0u);
+    EXPECT_EQ(status.st_gid, 0u) << type;
+    EXPECT_EQ(status.st_size, S_ISREG(status.st_mode) ? 0 : status.st_size);
+  }
+  ::umask(mask);
+  for (const char* type : {"f", "", "FF", "Z", "\xff"}) {
+    expectResult(run(5, {text(path("bad")), text(type)}), kCommandErrorDomain, 3);
+  }
+  expectResult(run(5, {text(""), text("F")}), kCommandErrorDomain, 3);
+  m_tree.makeLink("dangling", path("nowhere"));  // something is there, even if it leads nowhere
+  expectResult(run(5, {text(path("dangling")), text("F")}), kPosixErrorDomain, EEXIST,
+               path("dangling"));
+  expectResult(run(5, {text(path("no/file")), text("F")}), kCommandErrorDomain, 8, path("no/file"));
+  expectResult(run(5, {text(path("no/folder")), text("D")}), kPosixErrorDomain, ENOENT,
+               path("no/folder"));
+}
+
+TEST_F(ObjectCommandTest, RenamesWithinAndAcrossFileSystemsButNeverOverAnObject) {
+  m_tree.makeFile("a", "A");
+  m_tree.makeFile("b", "B");
+  expectResult(run(6, {text(path("a")), text(path("b"))}), kPosixErrorDomain, EEXIST, path("b"));
+  expectResult(run(6, {text(path("a")), text(path("c"))}), kCommandErrorDomain, 0);
+  EXPECT_EQ(contentsOf(path("c")), "A");
+
+  m_tree.makeFolder("folder");
+  m_tree.makeFile("folder/inner", "I");
+  m_tree.makeFolder("mnt");
+  std::string summary = test::inPrivateMount(path("mnt"), "tmpfs", [&] {
+    test::ExecutorWithPipe client;
+    std::string codes;
+    for (const char* name : {"c", "folder"}) {
+      CommandResult result = client.run(6, {text(path(name)), text(path("mnt/") + name)});
+      codes += result ? std::to_string(result->code()) + " " : "none ";
+    }
+    return codes + contentsOf(path("mnt/c")) + contentsOf(path("mnt/folder/inner")) +
+           (exists("c") || exists("folder") ? " left" : "");
+  });
+  EXPECT_EQ(summary, "0 0 AI");
+}
+
+TEST_F(ObjectCommandTest, ProtectsRecursivelyAndStaysOnTheFileSystemWhenAsked) {
+  m_tree.makeFolder("p");
+  m_tree.makeFolder("p/d");
+  m_tree.makeFile("p/d/f");
+  m_tree.makeLink("p/dangling", path("nowhere"));
+  m_tree.makeFolder("p/mnt");
+  auto protect = [&](bool on, bool recursively, bool stay) {
+    return run(10, {text(path("p")), number(on), number(recursively), number(stay)});
+  };
+  expectResult(protect(true, false, false), kCommandErrorDomain, 0);
+  EXPECT_EQ(flagsOf("p"), kUserImmutableFlag);
+  EXPECT_EQ(flagsOf("p/d"), 0u);
+  expectResult(protect(true, true, false), kCommandErrorDomain, 0);
+  EXPECT_EQ(flagsOf("p/d") & flagsOf("p/d/f") & flagsOf("p/mnt"), kUserImmutableFlag);
+  expectResult(protect(false, true, false), kCommandErrorDomain, 0);
+  EXPECT_EQ(flagsOf("p") | flagsOf("p/d") | flagsOf("p/d/f"), 0u);
+
+  // tmpfs below: with the stay flag its mount point and contents are left alone.
+  std::string summary = test::inPrivateMount(path("p/mnt"), "tmpfs", [&] {
+    m_tree.makeFile("p/mnt/g");
+    test::ExecutorWithPipe client;
+    std::string flags;
+    for (bool stay : {true, false}) {
+      CommandResult result = client.run(10, {text(path("p")), number(1), number(1), number(stay)});
+      flags += std::to_string(result ? result->code() : -1) + ":" +
+               std::to_string(flagsOf("p/mnt")) + "," + std::to_string(flagsOf("p/mnt/g")) + " ";
+    }
+    test::TestFileTree::removeAll(path("p/mnt/g"));
+    return flags;
+  });
+  EXPECT_EQ(summary, "0:0,0 0:2,2 ");
+  expectResult(protect(false, true, false), kCommandErrorDomain, 0);
+
+  // Objects without kernel flags: nothing to clear, nothing that could be set.
+  m_tree.makeFifo("fifo");
+  expectResult(run(10, {text(path("fifo")), number(1), number(0), number(0)}), kPosixErrorDomain,
+               EOPNOTSUPP, path("fifo"));
+  expectResult(run(10, {text(path("fifo")), number(0), number(0), number(0)}), kCommandErrorDomain,
+               0);
+  // A system flag is not the user's to clear.
+  m_tree.makeFile("system");
+  setFlags("system", kSystemImmutableFlag);
+  expectResult(run(10, {text(path("system")), number(0), number(0), number(0)}),
+               kCommandErrorDomain, 0);
+  EXPECT_EQ(flagsOf("system"), kSystemImmutableFlag);
+  for (const char* missing : {"p/dangling", "missing"}) {
+    expectResult(run(10, {text(path(missing)), number(1), number(0), number(0)}), kPosixErrorDomain,
+                 ENOENT, path(missing));
+  }
+}
+
+TEST_F(ObjectCommandTest, RemovesEveryProtectionAndKeepsTheOtherFlags) {
+  m_tree.makeFile("locked");
+  setFlags("locked",
+           kSystemImmutableFlag | kSystemAppendFlag | kUserAppendFlag | kHiddenFlag | kNoDumpFlag);
+  expectResult(run(11, {text(path("locked"))}), kCommandErrorDomain, 0);
+  EXPECT_EQ(flagsOf("locked"), kHiddenFlag | kNoDumpFlag);
+  m_tree.makeFile("chattr");
+  ASSERT_TRUE(test::setKernelFlags(path("chattr"), FS_IMMUTABLE_FL));
+  expectResult(run(11, {text(path("chattr"))}), kCommandErrorDomain, 0);
+  EXPECT_EQ(flagsOf("chattr"), 0u);
+  expectResult(run(11, {text(path("missing"))}), kPosixErrorDomain, ENOENT, path("missing"));
+}
+
+TEST_F(ObjectCommandTest, LabelsLinksAndTouches) {
+  const std::string file = m_tree.makeFile("file");
+  expectResult(run(12, {text(file), number(0x41424344), number(0x45464748), number(0)}),
+               kCommandErrorDomain, 0);
+  EXPECT_EQ(readHfsCodes(file, LinkHandling::NoFollow).valueOr({}),
+            (HfsCodes{0x41424344, 0x45464748}));
+  EXPECT_TRUE(isHiddenObject(file));
+  expectResult(run(12, {text(file), number(0), number(0), number(1)}), kCommandErrorDomain, 0);
+  EXPECT_FALSE(isHiddenObject(file));
+  expectResult(run(12, {text(file), number(0x100000000), number(0), number(1)}),
+               kCommandErrorDomain, 3);
+  expectResult(run(12, {text(path("missing")), number(1), number(1), number(1)}), kPosixErrorDomain,
+               ENOENT, path("missing"));
+
+  expectResult(run(13, {text(path("soft")), text("../relative/x"), number(0)}), kCommandErrorDomain,
+               0);
+  char destination[64] = {};
+  EXPECT_EQ(::readlink(path("soft").c_str(), destination, sizeof destination - 1), 13);
+  EXPECT_STREQ(destination, "../relative/x");
+  expectResult(run(13, {text(path("hard")), text(file), number(1)}), kCommandErrorDomain, 0);
+  EXPECT_EQ(statusOf(path("hard")).st_ino, statusOf(file).st_ino);
+  expectResult(run(13, {text(path("hard")), text(file), number(1)}), kPosixErrorDomain, EEXIST,
+               path("hard"));
+
+  // Touching through a link reaches the file; the link itself keeps its time.
+  const struct timespec old[2] = {{1000, 0}, {1000, 0}};
+  ::utimensat(AT_FDCWD, file.c_str(), old, 0);
+  m_tree.makeLink("link", "file");
+  ::utimensat(AT_FDCWD, path("link").c_str(), old, AT_SYMLINK_NOFOLLOW);
+  expectResult(run(48, {text(path("link"))}), kCommandErrorDomain, 0);
+  EXPECT_GE(statusOf(file).st_mtime, std::time(nullptr) - 60);
+  EXPECT_EQ(statusOf(path("link")).st_mtime, 1000);
+  for (const char* missing : {"soft", "missing"}) {
+    expectResult(run(48, {text(path(missing))}), kPosixErrorDomain, ENOENT, path(missing));
+  }
+}
+
+// Whatever the client sends, every command answers with a result code.
+TEST_F(ObjectCommandTest, HostilePathsGetAnAnswerNeverACrash) {
+  m_tree.makeFolder("cwd");
+  UniqueFd savedDirectory(::open(".", O_PATH | O_DIRECTORY | O_CLOEXEC));
+  ASSERT_EQ(::chdir(path("cwd").c_str()), 0);  // ".." stays inside the tree
+  std::string deep = path("cwd");
+  while (deep.size() < 5000) deep += "/long-name";
+  const std::string paths[] = {
+      "", "..", "../cwd/..", deep, "\xff", "a/../..b", std::string("x\0/etc", 6)};
+  for (const std::string& p : paths) {
+    const Array commands[] = {
+        {text(p), Value(Data{1}), number(1)},  // code 4 ...
+        {text(p), text("F")},
+        {text(p), text(p)},
+        {text("1"), text(p), text(p)},
+        {text(p)},
+        {text(p)},
+        {text(p), number(1), number(1), number(1)},
+        {text(p)},
+        {text(p), number(-1), number(1), number(0)},
+        {text(p), text(p), number(1)},
+        {text(p)},
+        {text(p)},  // ... code 49
+    };
+    const std::uint32_t codes[] = {4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 48, 49};
+    for (std::size_t i = 0; i < std::size(codes); ++i) {
+      CommandResult result = run(codes[i], commands[i]);
+      ASSERT_TRUE(result.has_value()) << codes[i];
+      EXPECT_TRUE(result->domain() == kCommandErrorDomain || result->domain() == kPosixErrorDomain);
+    }
+    (void)m_client.messages();
+  }
+  ASSERT_EQ(::fchdir(savedDirectory.get()), 0);
+}
+
+}  // namespace
+}  // namespace krv

@@ -1,0 +1,242 @@
+// Object records and the spool that holds the records of a search until it knows their number.
+
+#include "executor/ObjectRecords.h"
+
+#include <fcntl.h>
+
+#include <cstring>
+#include <span>
+
+#include "executor/KRVCommandExecutor.h"
+#include "filesystem/FileAttributes.h"
+#include "filesystem/FileManager.h"
+#include "foundation/System.h"
+#include "protocol/CommandTable.h"
+
+namespace krv {
+namespace {
+
+// The encoded form of one record: path length (32 bits), the path's bytes, the type's index in
+// kTypeNames (8 bits), size (64 bits), modification date (a double), mode (32 bits); host order,
+// since the bytes never leave this process.
+constexpr std::string_view kTypeNames[] = {
+    kFileTypeRegular,          kFileTypeDirectory,    kFileTypeSymbolicLink, kFileTypeSocket,
+    kFileTypeCharacterSpecial, kFileTypeBlockSpecial, kFileTypeUnknown,
+};
+constexpr std::uint8_t kUnknownTypeIndex = 6;
+constexpr std::size_t kFixedPart = 4 + 1 + 8 + 8 + 4;
+// No path the file system can name is longer; anything longer is not a record of this spool.
+constexpr std::uint32_t kLongestPath = 1024 * 1024;
+constexpr std::size_t kFileReadSize = 64 * 1024;
+
+std::uint8_t typeIndex(std::string_view type) {
+  for (std::uint8_t i = 0; i < std::size(kTypeNames); ++i) {
+    if (kTypeNames[i] == type) return i;
+  }
+  return kUnknownTypeIndex;
+}
+
+template <class T>
+void put(std::vector<char>& out, const T& value) {
+  const char* bytes = reinterpret_cast<const char*>(&value);
+  out.insert(out.end(), bytes, bytes + sizeof value);
+}
+
+template <class T>
+T take(const char*& in) {
+  T value;
+  std::memcpy(&value, in, sizeof value);
+  in += sizeof value;
+  return value;
+}
+
+void encode(const ObjectRecord& record, std::vector<char>& out) {
+  put(out, static_cast<std::uint32_t>(record.path.size()));
+  out.insert(out.end(), record.path.begin(), record.path.end());
+  put(out, typeIndex(record.type));
+  put(out, record.size);
+  put(out, record.modificationDate.secondsSince1970);
+  put(out, record.posixMode);
+}
+
+enum class Decoded : std::uint8_t { Record, Incomplete, Malformed };
+
+// Decodes the record at the start of `bytes`; `used` is its length.
+Decoded decode(std::span<const char> bytes, ObjectRecord& record, std::size_t& used) {
+  if (bytes.size() < 4) return Decoded::Incomplete;
+  const char* in = bytes.data();
+  auto pathLength = take<std::uint32_t>(in);
+  if (pathLength > kLongestPath) return Decoded::Malformed;
+  if (bytes.size() < kFixedPart + pathLength) return Decoded::Incomplete;
+  record.path.assign(in, pathLength);
+  in += pathLength;
+  auto type = take<std::uint8_t>(in);
+  record.type = kTypeNames[type < std::size(kTypeNames) ? type : kUnknownTypeIndex];
+  record.size = take<std::uint64_t>(in);
+  record.modificationDate.secondsSince1970 = take<double>(in);
+  record.posixMode = take<std::uint32_t>(in);
+  used = kFixedPart + pathLength;
+  return Decoded::Record;
+}
+
+}  // namespace
+
+std::optional<ObjectRecord> objectRecordForPath(const std::string& path) {
+  Result<FileAttributes> attributes = FileManager::attributesOfItem(path);
+  if (!attributes) return std::nullopt;
+  return ObjectRecord{path, attributes->type, attributes->size, attributes->modificationDate,
+                      attributes->posixPermissions};
+}
+
+Value objectRecordValue(const ObjectRecord& record) {
+  Dictionary dictionary;
+  dictionary.reserve(5);
+  dictionary.append(std::string(key::kPath), Value(record.path));
+  dictionary.append(std::string(key::kType), Value(record.type));
+  dictionary.append(std::string(key::kSize), Value::unsignedInteger(record.size));
+  dictionary.append(std::string(key::kModificationDate), Value(record.modificationDate));
+  dictionary.append(std::string(key::kPOSIXMode), Value::unsignedInteger(record.posixMode));
+  return Value(std::move(dictionary));
+}
+
+bool addFileSystemObjectInfoToArray(Array& array, const std::string& path) {
+  std::optional<ObjectRecord> record = objectRecordForPath(path);
+  if (!record) return false;
+  array.push_back(objectRecordValue(*record));
+  return true;
+}
+
+// Hands the records out in the order they were added: first those in the file, then those still
+// in memory (a spill always writes whole records, so no record straddles the two).
+class ObjectRecordSpool::Reader {
+ public:
+  explicit Reader(const ObjectRecordSpool& spool) : m_spool(spool) {}
+
+  std::optional<ObjectRecord> next() {
+    ObjectRecord record;
+    std::size_t used = 0;
+    while (m_fileOffset < m_spool.m_fileLength || m_position < m_window.size()) {
+      std::span<const char> rest(m_window.data() + m_position, m_window.size() - m_position);
+      Decoded result = decode(rest, record, used);
+      if (result == Decoded::Record) {
+        m_position += used;
+        return record;
+      }
+      if (result == Decoded::Malformed || !readMore()) break;
+    }
+    m_fileOffset = m_spool.m_fileLength;  // the file is done with (or cannot be trusted)
+    m_window.clear();
+    m_position = 0;
+
+    std::span<const char> memory(m_spool.m_memory);
+    if (m_memoryPosition >= memory.size()) return std::nullopt;
+    if (decode(memory.subspan(m_memoryPosition), record, used) != Decoded::Record) {
+      m_memoryPosition = memory.size();
+      return std::nullopt;
+    }
+    m_memoryPosition += used;
+    return record;
+  }
+
+ private:
+  bool readMore() {
+    if (m_fileOffset >= m_spool.m_fileLength) return false;
+    m_window.erase(m_window.begin(), m_window.begin() + static_cast<std::ptrdiff_t>(m_position));
+    m_position = 0;
+    std::size_t kept = m_window.size();
+    std::uint64_t left = m_spool.m_fileLength - m_fileOffset;
+    std::size_t wanted = left < kFileReadSize ? static_cast<std::size_t>(left) : kFileReadSize;
+    m_window.resize(kept + wanted);
+    Result<std::size_t> count = sys::readAt(
+        m_spool.m_file.get(),
+        std::span<std::uint8_t>(reinterpret_cast<std::uint8_t*>(m_window.data() + kept), wanted),
+        static_cast<off_t>(m_fileOffset));
+    if (!count || *count == 0) {
+      m_window.resize(kept);
+      return false;
+    }
+    m_window.resize(kept + *count);
+    m_fileOffset += *count;
+    return true;
+  }
+
+  const ObjectRecordSpool& m_spool;
+  std::vector<char> m_window;
+  std::size_t m_position = 0;
+  std::uint64_t m_fileOffset = 0;
+  std::size_t m_memoryPosition = 0;
+};
+
+ObjectRecordSpool::ObjectRecordSpool(std::size_t memoryBudget,
+                                     std::vector<std::string> spillFolders)
+    : m_memoryBudget(memoryBudget), m_spillFolders(std::move(spillFolders)) {}
+
+void ObjectRecordSpool::append(const ObjectRecord& record) {
+  encode(record, m_memory);
+  ++m_count;
+  if (m_memory.size() >= m_memoryBudget) spill();
+}
+
+void ObjectRecordSpool::spill() {
+  if (m_fileUnavailable) return;
+  if (!m_file) {
+    for (const std::string& folder : m_spillFolders) {
+      Result<UniqueFd> file = sys::open(folder, O_TMPFILE | O_RDWR | O_NOCTTY, 0600);
+      if (file) {
+        m_file = std::move(*file);
+        break;
+      }
+    }
+    if (!m_file) {
+      m_fileUnavailable = true;
+      return;
+    }
+  }
+  std::span<const std::uint8_t> bytes(reinterpret_cast<const std::uint8_t*>(m_memory.data()),
+                                      m_memory.size());
+  if (!sys::writeAll(m_file.get(), bytes)) {
+    // The file holds its whole records up to m_fileLength; these stay in memory.
+    m_fileUnavailable = true;
+    return;
+  }
+  m_fileLength += m_memory.size();
+  m_memory.clear();
+}
+
+void ObjectRecordSpool::clear() {
+  m_memory.clear();
+  m_file.reset();
+  m_fileLength = 0;
+  m_fileUnavailable = false;
+  m_count = 0;
+}
+
+bool ObjectRecordSpool::sendPayload(KRVCommandExecutor& executor, std::string_view key,
+                                    std::size_t granularity, double progressOffset) {
+  Reader reader(*this);
+  // Each chunk goes out as a payload no larger than the granularity, which the executor sends as
+  // one message carrying exactly the progress value it is given.
+  auto sendChunk = [&](std::uint64_t size, double progress) {
+    Array chunk;
+    chunk.reserve(static_cast<std::size_t>(size));
+    for (std::uint64_t i = 0; i < size; ++i) {
+      std::optional<ObjectRecord> record = reader.next();
+      if (!record) break;
+      chunk.push_back(objectRecordValue(*record));
+    }
+    return executor.sendPayloadArray(chunk, key, granularity, progress);
+  };
+
+  const std::uint64_t count = m_count;
+  if (count <= granularity) return sendChunk(count, progressOffset);
+  const std::uint64_t fullChunks = count / granularity;
+  const double divisor = static_cast<double>(fullChunks + 1);
+  for (std::uint64_t i = 0; i < fullChunks; ++i) {
+    double progress = (static_cast<double>(i) / divisor) * (1.0 - progressOffset) + progressOffset;
+    if (!sendChunk(granularity, progress)) return false;
+  }
+  if (fullChunks * granularity >= count) return true;
+  return sendChunk(count - fullChunks * granularity, progressOffset);
+}
+
+}  // namespace krv
