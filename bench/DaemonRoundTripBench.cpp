@@ -79,12 +79,18 @@ int main(int argc, char** argv) {
     return 1;
   }
   std::string binaries = argc > 2 ? argv[2] : KRV_BINARY_DIR;
-  Result<test::ServiceProcess> authority = test::ServiceProcess::start(
-      {"/run/com.tavorin.system.authority.socket",
-       binaries + "/authorization/service/com.tavorin.system.authority", {}, {}, 0666});
-  Result<test::ServiceProcess> daemon = test::ServiceProcess::start(
-      {"/run/com.tavorin.system.securityagent3.socket",
-       binaries + "/daemon/com.tavorin.system.securityagent3", {}, {}, 0666});
+  Result<test::ServiceProcess> authority =
+      test::ServiceProcess::start({"/run/com.tavorin.system.authority.socket",
+                                   binaries + "/authorization/service/com.tavorin.system.authority",
+                                   {},
+                                   {},
+                                   0666});
+  Result<test::ServiceProcess> daemon =
+      test::ServiceProcess::start({"/run/com.tavorin.system.securityagent3.socket",
+                                   binaries + "/daemon/com.tavorin.system.securityagent3",
+                                   {},
+                                   {},
+                                   0666});
   if (!authority || !daemon) {
     std::fprintf(stderr, "cannot start the services\n");
     return 1;
@@ -112,8 +118,9 @@ int main(int argc, char** argv) {
               daemonRate);
   std::printf("bare socket floor:        %.0f round trips per second\n", floorRate);
   std::printf("ratio (floor / daemon):   %.2f  (goal: at most 5)\n", floorRate / daemonRate);
-  std::printf("daemon resident memory:   %ld KiB after 100, %ld KiB after %d more (%+ld KiB; goal: "
-              "within 1024)\n",
-              after100, afterAll, done, afterAll - after100);
+  std::printf(
+      "daemon resident memory:   %ld KiB after 100, %ld KiB after %d more (%+ld KiB; goal: "
+      "within 1024)\n",
+      after100, afterAll, done, afterAll - after100);
   return done == requests ? 0 : 1;
 }

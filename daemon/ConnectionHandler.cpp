@@ -121,8 +121,7 @@ int SecurityAgentDaemon::handleConnectionRequest(int socket) {
         response = KRVSecurityAgent::transportError(kTransportAccepted, std::move(userInfo));
         auto executor = std::make_unique<KRVCommandExecutor>();
         executor->useAppleSystemLoggingWithIdentification(
-            kDaemonIdentification, kDaemonFacility,
-            m_debug ? SystemLog::kCopyToStandardError : 0);
+            kDaemonIdentification, kDaemonFacility, m_debug ? SystemLog::kCopyToStandardError : 0);
         executor->setPathOfClientCommunicationPipe(*pipePath);
         KRVCommandExecutor::startThread(std::move(executor), std::move(command));
         break;

@@ -6,7 +6,8 @@
 
 namespace krv {
 
-[[gnu::used, gnu::section(".krv_job_description")]] static const char kJobDescription[] = R"(<?xml version="1.0" encoding="UTF-8"?>
+[[gnu::used, gnu::section(".krv_job_description")]] static const char kJobDescription[] =
+    R"(<?xml version="1.0" encoding="UTF-8"?>
 <!DOCTYPE plist PUBLIC "-//Apple//DTD PLIST 1.0//EN" "http://www.apple.com/DTDs/PropertyList-1.0.dtd">
 <plist version="1.0">
 <dict>
@@ -30,7 +31,8 @@ namespace krv {
 </plist>
 )";
 
-[[gnu::used, gnu::section(".krv_bundle_information")]] static const char kBundleInformation[] = R"(<?xml version="1.0" encoding="UTF-8"?>
+[[gnu::used, gnu::section(".krv_bundle_information")]] static const char kBundleInformation[] =
+    R"(<?xml version="1.0" encoding="UTF-8"?>
 <!DOCTYPE plist PUBLIC "-//Apple//DTD PLIST 1.0//EN" "http://www.apple.com/DTDs/PropertyList-1.0.dtd">
 <plist version="1.0">
 <dict>

@@ -43,8 +43,7 @@ int setSocketMode(int fd, bool nonBlocking) {
 
 SecurityAgentDaemon::SecurityAgentDaemon(bool debug)
     : m_debug(debug),
-      m_log(kDaemonIdentification, kDaemonFacility,
-            debug ? SystemLog::kCopyToStandardError : 0) {}
+      m_log(kDaemonIdentification, kDaemonFacility, debug ? SystemLog::kCopyToStandardError : 0) {}
 
 int SecurityAgentDaemon::setupFailure(const char* message) {
   m_log.log(SystemLog::Level::Error, message);

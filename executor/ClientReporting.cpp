@@ -28,7 +28,8 @@ bool KRVCommandExecutor::sendProgressMessage(const Error& message) {
   int result = KRVSecurityAgent::writeObject(&message, m_pipe.get());
   if (result == 0) return true;
   errno = result;
-  if (m_log) m_log->log(SystemLog::Level::Error, "Could not transfer progress data back to client (%m).");
+  if (m_log)
+    m_log->log(SystemLog::Level::Error, "Could not transfer progress data back to client (%m).");
   m_pipe.reset();
   setPathOfClientCommunicationPipe(std::nullopt);
   return false;
@@ -98,9 +99,8 @@ void KRVCommandExecutor::receiveTaskOutput(const Data& data, bool isError) {
   // Collected always (the final result carries all output); beyond what one data block can carry
   // the result could not be transferred anyway, so further bytes are not kept.
   Data& collected = isError ? m_incomingStdErrData : m_incomingStdOutData;
-  const std::size_t room = kMaximumCollectedOutput > collected.size()
-                               ? kMaximumCollectedOutput - collected.size()
-                               : 0;
+  const std::size_t room =
+      kMaximumCollectedOutput > collected.size() ? kMaximumCollectedOutput - collected.size() : 0;
   collected.insert(collected.end(), data.begin(),
                    data.begin() + static_cast<std::ptrdiff_t>(std::min(room, data.size())));
   if (!m_isSendingLiveData) return;

@@ -107,8 +107,8 @@ Status enforcedRecursiveDeleteOfFileSystemObjectAtPath(const std::string& path) 
     Result<FileManagerEnumerator> walk = FileManager::enumerator(path);
     if (walk) {
       while (std::optional<std::string> entry = walk->nextObject()) {
-        KRV_TRY_VOID(
-            setImmutableFlag(false, appendingPathComponent(path, *entry), LinkTargetCheck::LeaveLinks));
+        KRV_TRY_VOID(setImmutableFlag(false, appendingPathComponent(path, *entry),
+                                      LinkTargetCheck::LeaveLinks));
       }
     }
   }

@@ -48,8 +48,9 @@ Status enforcedDeleteOfFileSystemObjectAtPath(const std::string& path);
 // Removes the object and everything below it after clearing the user immutable flag of the object
 // and of every entry below it. A path where nothing exists (a dangling link included) succeeds and
 // nothing is done. A symbolic link is removed without touching any flag, and links inside the tree
-// keep their targets' flags: only what is removed is unprotected. User append-only and all system flags are not touched, so an object carrying
-// one makes the removal fail with the file manager's error.
+// keep their targets' flags: only what is removed is unprotected. User append-only and all system
+// flags are not touched, so an object carrying one makes the removal fail with the file manager's
+// error.
 Status enforcedRecursiveDeleteOfFileSystemObjectAtPath(const std::string& path);
 
 // Sets or clears the user immutable flag (UF_IMMUTABLE) of what the path names, following a link.

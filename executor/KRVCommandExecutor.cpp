@@ -171,7 +171,8 @@ void KRVCommandExecutor::executeCommandInNewThread(
   }
   const int code = static_cast<int>(command->commandCode());
   const void* thread = reinterpret_cast<const void*>(::pthread_self());
-  m_log->log(SystemLog::Level::Debug, format("Thread %p running for request type %d.", thread, code));
+  m_log->log(SystemLog::Level::Debug,
+             format("Thread %p running for request type %d.", thread, code));
 
   Result<UniqueFd> pipe = openResponsePipe(*m_pipePath);
   if (!pipe) {

@@ -138,8 +138,8 @@ class KRVCommandExecutor final : public TaskDelegate {
   Error touchFileSystemObjectAtPath(const std::string& path);
 
   // ---- Searches and measurements (SearchCommands.cpp) ----
-  CommandResult searchForFileSystemObjectsOlderThanDays(const std::string& path,
-                                                        std::uint64_t days, bool stayOnFileSystem);
+  CommandResult searchForFileSystemObjectsOlderThanDays(const std::string& path, std::uint64_t days,
+                                                        bool stayOnFileSystem);
   Error inspectFileSystemObjectAtPath(const std::string& path);
   CommandResult searchForFileSystemObjectsWithPrefix(const std::string& path,
                                                      const std::string& prefix,

@@ -1,13 +1,14 @@
 #pragma once
 // Fatal assertions for programming errors (never for client errors): they print the source unit,
 // the function and the failed condition to standard error and abort the process. They stay active
-// in every build type, since a root daemon must not continue in a state it was never meant to be in.
+// in every build type, since a root daemon must not continue in a state it was never meant to be
+// in.
 
 #include <cstdio>
 #include <cstdlib>
 
-#define KRV_ASSERT(condition, unit)                                                       \
-  do {                                                                                    \
+#define KRV_ASSERT(condition, unit)                                                            \
+  do {                                                                                         \
     if (!(condition)) ::krv::assertionFailure(unit, __func__, #condition, __FILE__, __LINE__); \
   } while (false)
 

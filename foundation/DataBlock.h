@@ -27,7 +27,8 @@ namespace krv {
 inline constexpr std::string_view kDataBlockMarker = "***KRVSecurityAgentDataBlock";
 inline constexpr std::size_t kDataBlockHeaderSize = 36;
 inline constexpr std::size_t kDataBlockMaximumSize = 1048576;
-inline constexpr std::size_t kDataBlockMaximumPayload = kDataBlockMaximumSize - kDataBlockHeaderSize;
+inline constexpr std::size_t kDataBlockMaximumPayload =
+    kDataBlockMaximumSize - kDataBlockHeaderSize;
 // The largest single transfer the low-level loops accept.
 inline constexpr std::size_t kMaximumTransfer = 1048576;
 
@@ -43,8 +44,7 @@ int writeToPipe(int fd, const std::uint8_t* bytes, std::size_t length,
 int readFromPipe(int fd, std::uint8_t* buffer, std::size_t length, std::size_t* count);
 
 // Writes one block holding the payload. An empty payload writes nothing and succeeds.
-int writeDataBlock(int fd, std::span<const std::uint8_t> payload,
-                   BlockSink sink = BlockSink::Pipe);
+int writeDataBlock(int fd, std::span<const std::uint8_t> payload, BlockSink sink = BlockSink::Pipe);
 // Reads one block and returns its payload; on failure the POSIX error carries the error number
 // (which is also left in errno for EINVAL and EIO).
 Result<Data> readDataBlock(int fd);

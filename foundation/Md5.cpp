@@ -93,7 +93,8 @@ Md5::Digest Md5::finish() {
   update(lengthBytes);
   Digest digest;
   for (int i = 0; i < 4; ++i) {
-    for (int j = 0; j < 4; ++j) digest[i * 4 + j] = static_cast<std::uint8_t>(m_state[i] >> (8 * j));
+    for (int j = 0; j < 4; ++j)
+      digest[i * 4 + j] = static_cast<std::uint8_t>(m_state[i] >> (8 * j));
   }
   return digest;
 }

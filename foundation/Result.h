@@ -23,7 +23,7 @@ class [[nodiscard]] Result {
  public:
   using ValueType = T;
 
-  Result(T value) : m_storage(std::in_place_index<0>, std::move(value)) {}  // NOLINT
+  Result(T value) : m_storage(std::in_place_index<0>, std::move(value)) {}      // NOLINT
   Result(Error error) : m_storage(std::in_place_index<1>, std::move(error)) {}  // NOLINT
 
   bool ok() const { return m_storage.index() == 0; }
@@ -91,16 +91,16 @@ using Status = Result<void>;
 #define KRV_CONCAT_INNER(a, b) a##b
 #define KRV_CONCAT(a, b) KRV_CONCAT_INNER(a, b)
 
-#define KRV_TRY_IMPL(temporary, declaration, expression) \
-  auto temporary = (expression);                         \
+#define KRV_TRY_IMPL(temporary, declaration, expression)    \
+  auto temporary = (expression);                            \
   if (!temporary.ok()) return std::move(temporary).error(); \
   declaration = std::move(temporary).value()
 
 #define KRV_TRY(declaration, expression) \
   KRV_TRY_IMPL(KRV_CONCAT(krvTryResult_, __LINE__), declaration, expression)
 
-#define KRV_TRY_VOID(expression)                                     \
-  do {                                                               \
-    auto krvTryStatus = (expression);                                \
+#define KRV_TRY_VOID(expression)                                    \
+  do {                                                              \
+    auto krvTryStatus = (expression);                               \
     if (!krvTryStatus.ok()) return std::move(krvTryStatus).error(); \
   } while (false)

@@ -22,9 +22,9 @@ int facilityCode(std::string_view name) {
     int code;
   };
   static constexpr Entry kFacilities[] = {
-      {"Kernel", 0},   {"User", 1},     {"Mail", 2},     {"Daemon", 3},   {"Auth", 4},
-      {"Syslog", 5},   {"Local0", 16},  {"Local1", 17},  {"Local2", 18},  {"Local3", 19},
-      {"Local4", 20},  {"Local5", 21},  {"Local6", 22},  {"Local7", 23},
+      {"Kernel", 0},  {"User", 1},    {"Mail", 2},    {"Daemon", 3},  {"Auth", 4},
+      {"Syslog", 5},  {"Local0", 16}, {"Local1", 17}, {"Local2", 18}, {"Local3", 19},
+      {"Local4", 20}, {"Local5", 21}, {"Local6", 22}, {"Local7", 23},
   };
   for (const Entry& entry : kFacilities) {
     if (entry.name == name) return entry.code;
@@ -83,8 +83,8 @@ void SystemLog::log(Level level, std::string_view message) {
   std::lock_guard<std::mutex> lock(m_mutex);
   if (m_options & kCopyToStandardError) {
     std::string line = m_identification + "[" + std::to_string(pid) + "]: " + text + "\n";
-    (void)sys::writeAll(STDERR_FILENO, {reinterpret_cast<const std::uint8_t*>(line.data()),
-                                        line.size()});
+    (void)sys::writeAll(STDERR_FILENO,
+                        {reinterpret_cast<const std::uint8_t*>(line.data()), line.size()});
   }
 
   if (!m_socket.valid()) connectLocked();

@@ -14,8 +14,8 @@
 
 #include <chrono>
 #include <cstdint>
-#include <optional>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 

@@ -35,9 +35,9 @@ using Array = std::vector<Value>;
 class Number {
  public:
   enum class Kind : std::uint8_t {
-    Integer,          // any value in the signed 64-bit range
-    LargeUnsigned,    // values above 2^63-1 (up to 2^64-1)
-    Real,             // double
+    Integer,        // any value in the signed 64-bit range
+    LargeUnsigned,  // values above 2^63-1 (up to 2^64-1)
+    Real,           // double
     Boolean,
   };
 

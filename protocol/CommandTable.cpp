@@ -74,12 +74,24 @@ constexpr CommandRecord kCommandTable[] = {
 static_assert(std::size(kCommandTable) == kNumberOfCommandCodes);
 
 constexpr std::string_view kUserInformationKeys[] = {
-    key::kCommandImplementationVersion, key::kAgentVersionMajor, key::kAgentVersionMinor,
-    key::kAgentVersionBuild,            key::kOutputChannel,     key::kErrorChannel,
-    key::kFailingPath,                  key::kUnderlyingErrorCode, key::kCurrentProgress,
-    key::kFileSystemObjects,            key::kPath,              key::kType,
-    key::kSize,                         key::kModificationDate,  key::kPOSIXMode,
-    key::kExistenceInfo,                key::kUnderlyingErrorMessage, key::kMismatchList,
+    key::kCommandImplementationVersion,
+    key::kAgentVersionMajor,
+    key::kAgentVersionMinor,
+    key::kAgentVersionBuild,
+    key::kOutputChannel,
+    key::kErrorChannel,
+    key::kFailingPath,
+    key::kUnderlyingErrorCode,
+    key::kCurrentProgress,
+    key::kFileSystemObjects,
+    key::kPath,
+    key::kType,
+    key::kSize,
+    key::kModificationDate,
+    key::kPOSIXMode,
+    key::kExistenceInfo,
+    key::kUnderlyingErrorMessage,
+    key::kMismatchList,
 };
 
 constexpr const char* kCheckFailed = "security-related consistency check failed:";
@@ -92,9 +104,10 @@ std::optional<std::string> firstInconsistency(std::span<const CommandRecord> tab
   for (const CommandRecord& record : table) {
     const unsigned code = record.code;
     if (record.sendsProgressReports && record.sendsLiveOutputReports) {
-      return format("%s: command code %u defines intermediate reports both for progress and output "
-                    "purposes!\n",
-                    name.c_str(), code);
+      return format(
+          "%s: command code %u defines intermediate reports both for progress and output "
+          "purposes!\n",
+          name.c_str(), code);
     }
     if (record.numberOfArguments == 0 && record.signature != nullptr) {
       return format("%s: %s argument type specified for command code %u!\n", name.c_str(),

@@ -116,9 +116,9 @@ Status KRVPrivilegedCommand::preAuthorizeOnClient() {
   std::int32_t status = auth::Authorization::create(authorization);
   m_authorization = std::move(authorization);
   if (status == auth::kStatusSuccess) {
-    status = m_authorization->copyRights(
-        rightNameUTF8String(),
-        auth::kFlagInteractionAllowed | auth::kFlagExtendRights | auth::kFlagPreAuthorize);
+    status = m_authorization->copyRights(rightNameUTF8String(), auth::kFlagInteractionAllowed |
+                                                                    auth::kFlagExtendRights |
+                                                                    auth::kFlagPreAuthorize);
   }
   if (status == auth::kStatusSuccess) {
     status = m_authorization->makeExternalForm(m_authorizationToken);

@@ -47,7 +47,7 @@ class KRVPrivilegedCommand final : public Archivable {
   // A command for the code and arguments, or null for a code of 55 or more. The token is cleared,
   // the user identifier is the caller's (getuid), the flag is cleared.
   static std::unique_ptr<KRVPrivilegedCommand> privilegedCommandWithCode(std::uint32_t code,
-                                                                          Array arguments);
+                                                                         Array arguments);
 
   // Code 0, no arguments, no token, user 0, flag cleared.
   KRVPrivilegedCommand() = default;

@@ -73,9 +73,8 @@ TEST(KRVPrivilegedCommandTest, RoundTripsInBothArchiveForms) {
   command->setDeauthorizesAfterExecution(true);
   for (bool keyed : {false, true}) {
     Data archive = keyed ? archiveKeyed(*command) : archiveSequential(*command);
-    Result<Value> decoded = keyed
-                                ? unarchiveKeyed(archive, KRVPrivilegedCommand::transportClasses())
-                                : decode(archive);
+    Result<Value> decoded =
+        keyed ? unarchiveKeyed(archive, KRVPrivilegedCommand::transportClasses()) : decode(archive);
     ASSERT_TRUE(decoded) << decoded.error().description();
     const auto* copy = decoded->objectAs<KRVPrivilegedCommand>();
     ASSERT_NE(copy, nullptr);

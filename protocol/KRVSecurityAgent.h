@@ -79,7 +79,8 @@ class KRVSecurityAgent {
 
   // A session, or nothing when no file exists at the request socket's path (the daemon is not
   // installed or not listening). `socketPath` exists for clients of a daemon at another path.
-  static std::optional<KRVSecurityAgent> init(std::string socketPath = pathForCommunicationSocket());
+  static std::optional<KRVSecurityAgent> init(
+      std::string socketPath = pathForCommunicationSocket());
 
   void setReportHandler(ReportHandler handler) { m_reportHandler = std::move(handler); }
   // The classes the client accepts on the response pipe (the comparison adds its snapshots).

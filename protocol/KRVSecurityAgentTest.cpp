@@ -118,14 +118,14 @@ TEST(DataBlockTest, RejectsDamagedAndShortBlocks) {
 
 TEST(ObjectTransferTest, HostilePayloadsAreArchiveFaults) {
   const Data payloads[] = {
-      {0xD8, 0x1B},                                  // truncated
+      {0xD8, 0x1B},                                            // truncated
       {0x9B, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF},  // array of 2^64-1 elements
-      {0xD8, 0x1C, 0x80},                            // tag 28
-      {0xA2, 0x61, 'a', 0x01, 0x61, 'a', 0x02},      // duplicate key
-      {0x62, 0xC3, 0x28},                            // invalid UTF-8
-      {0x01, 0x01},                                  // trailing bytes
+      {0xD8, 0x1C, 0x80},                                      // tag 28
+      {0xA2, 0x61, 'a', 0x01, 0x61, 'a', 0x02},                // duplicate key
+      {0x62, 0xC3, 0x28},                                      // invalid UTF-8
+      {0x01, 0x01},                                            // trailing bytes
       {0xD8, 0x1B, 0x82, 0x67, 'N', 'S', 'E', 'r', 'r', 'o', 'r', 0x01},  // wrong arity
-      {0xD8, 0x1B, 0x81, 0x63, 'F', 'o', 'o'},       // unknown class
+      {0xD8, 0x1B, 0x81, 0x63, 'F', 'o', 'o'},                            // unknown class
   };
   for (const Data& payload : payloads) {
     SocketPair pair;

@@ -64,8 +64,7 @@ void DaemonTest::TearDown() {
     EXPECT_FALSE(hasSanitizerReport(m_daemon->standardError())) << daemonLog();
   }
   if (m_authority) {
-    EXPECT_FALSE(hasSanitizerReport(m_authority->standardError()))
-        << m_authority->standardError();
+    EXPECT_FALSE(hasSanitizerReport(m_authority->standardError())) << m_authority->standardError();
   }
 }
 
@@ -98,7 +97,8 @@ ProgramRun runProgram(const std::string& path, const std::vector<std::string>& a
     }
     std::vector<char*> argv;
     argv.push_back(const_cast<char*>(path.c_str()));
-    for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
+    for (const std::string& argument : arguments)
+      argv.push_back(const_cast<char*>(argument.c_str()));
     argv.push_back(nullptr);
     ::execv(path.c_str(), argv.data());
     ::_exit(127);

@@ -35,7 +35,8 @@ std::unique_ptr<KRVPrivilegedCommand> command(std::uint32_t code, Array argument
 // A request object written item by item, so that it can break the rules the real class keeps.
 class RawRequest final : public Archivable {
  public:
-  RawRequest(std::int64_t code, Array arguments) : m_code(code), m_arguments(std::move(arguments)) {}
+  RawRequest(std::int64_t code, Array arguments)
+      : m_code(code), m_arguments(std::move(arguments)) {}
   std::string_view className() const override { return "KRVPrivilegedCommand"; }
   void encode(Encoder& encoder) const override {
     encoder.encodeInteger("Version", 310);
@@ -143,9 +144,8 @@ TEST_F(DaemonTest, CreatesTheResponsePipeForTheRequestingUser) {
 }
 
 TEST_F(DaemonTest, ShutdownLetsARunningCommandFinishThenExits) {
-  auto whoami = std::async(std::launch::async, [this] {
-    return runCommand(3, {Value::integer(2)});
-  });
+  auto whoami =
+      std::async(std::launch::async, [this] { return runCommand(3, {Value::integer(2)}); });
   ASSERT_TRUE(waitForLog("running for request type 3.", 5s));
   Error acknowledgement = runCommand(2, {});
   EXPECT_TRUE(acknowledgement.is("com.tavorin.securityagent", 0)) << acknowledgement.description();
@@ -195,9 +195,8 @@ TEST_F(DaemonTest, AClientThatDisappearsEndsOnlyItsCommand) {
 TEST_F(DaemonTest, ThrottlesOnceElevenCommandsRun) {
   std::vector<std::future<Error>> commands;
   for (int i = 0; i < 12; ++i) {
-    commands.push_back(std::async(std::launch::async, [this] {
-      return runCommand(3, {Value::integer(3)});
-    }));
+    commands.push_back(
+        std::async(std::launch::async, [this] { return runCommand(3, {Value::integer(3)}); }));
     // Each command must be counted before the next request arrives.
     std::string started = "running for request type 3.";
     auto deadline = std::chrono::steady_clock::now() + 3s;

@@ -23,8 +23,8 @@ Result<Value> parseNumber(const std::string& text) {
   if (text.empty()) return usageError("an empty number");
   errno = 0;
   char* end = nullptr;
-  const bool isReal = text.find_first_of(".eE") != std::string::npos &&
-                      text.rfind("0x", 0) == std::string::npos;
+  const bool isReal =
+      text.find_first_of(".eE") != std::string::npos && text.rfind("0x", 0) == std::string::npos;
   if (isReal) {
     double value = std::strtod(text.c_str(), &end);
     if (*end != '\0' || errno == ERANGE) return usageError("not a number: " + text);

@@ -24,7 +24,8 @@ TEST(CommandLineTest, NamesAndCodesSelectTheSameCommand) {
 }
 
 TEST(CommandLineTest, ConvertsArgumentsByTheSignature) {
-  Result<Options> options = parseCommandLine({"--json", "search-aged-files", "/var/tmp", "30", "yes"});
+  Result<Options> options =
+      parseCommandLine({"--json", "search-aged-files", "/var/tmp", "30", "yes"});
   ASSERT_TRUE(options);
   EXPECT_TRUE(options->json);
   EXPECT_EQ(options->commandCode, 14u);

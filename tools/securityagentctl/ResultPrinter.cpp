@@ -165,7 +165,8 @@ std::string describeRecord(const Dictionary& record) {
   for (const auto& [key, value] : record) {
     if (!line.empty()) line += '\t';
     if (key == key::kPOSIXMode && value.asNumber() != nullptr) {
-      line += format("%04llo", static_cast<unsigned long long>(value.asNumber()->unsignedIntegerValue()));
+      line += format("%04llo",
+                     static_cast<unsigned long long>(value.asNumber()->unsignedIntegerValue()));
     } else {
       line += readableValue(value);
     }

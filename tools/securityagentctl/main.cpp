@@ -37,9 +37,8 @@ int main(int argc, char** argv) {
                  socketPath.c_str());
     return 3;
   }
-  std::unique_ptr<KRVPrivilegedCommand> command =
-      KRVPrivilegedCommand::privilegedCommandWithCode(options->commandCode,
-                                                      std::move(options->arguments));
+  std::unique_ptr<KRVPrivilegedCommand> command = KRVPrivilegedCommand::privilegedCommandWithCode(
+      options->commandCode, std::move(options->arguments));
   ctl::ResultPrinter printer(options->json, options->quiet);
   agent->setReportHandler([&printer](const Error& report) { printer.report(report); });
   Error result = agent->executeAtomicPrivilegedCommand(*command, options->deauthorize);
