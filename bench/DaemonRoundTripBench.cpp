@@ -45,29 +45,54 @@ bool versionRoundTrip(KRVSecurityAgent& agent) {
 }
 
 // The floor: a server thread answering each connection's block with one block.
-double floorRoundTripsPerSecond(int count, std::size_t requestSize, std::size_t replySize) {
-  Result<UniqueFd> listening = test::listenOnUnixSocket(kFloorSocket, 0666);
-  if (!listening) return 0;
-  std::thread server([&] {
-    Data reply(replySize, 0x42);
-    for (int i = 0; i < count; ++i) {
-      UniqueFd connection(::accept4(listening->get(), nullptr, nullptr, SOCK_CLOEXEC));
-      if (!connection) return;
-      if (!readDataBlock(connection.get())) return;
-      writeDataBlock(connection.get(), reply);
-    }
-  });
-  Data request(requestSize, 0x17);
-  auto start = Clock::now();
-  for (int i = 0; i < count; ++i) {
-    Result<UniqueFd> socket = KRVSecurityAgent::openRequestSocketAtPath(kFloorSocket);
-    if (!socket) break;
-    writeDataBlock(socket->get(), request, BlockSink::Socket);
-    if (!readDataBlock(socket->get())) break;
+class FloorServer {
+ public:
+  FloorServer(std::size_t replySize) {
+    Result<UniqueFd> listening = test::listenOnUnixSocket(kFloorSocket, 0666);
+    if (!listening) return;
+    m_listening = std::move(*listening);
+    m_thread = std::thread([this, replySize] {
+      Data reply(replySize, 0x42);
+      for (;;) {
+        UniqueFd connection(::accept4(m_listening.get(), nullptr, nullptr, SOCK_CLOEXEC));
+        if (!connection || m_stop) return;
+        if (!readDataBlock(connection.get())) continue;
+        writeDataBlock(connection.get(), reply);
+      }
+    });
   }
-  double seconds = std::chrono::duration<double>(Clock::now() - start).count();
-  server.join();
-  return count / seconds;
+  ~FloorServer() {
+    m_stop = true;
+    (void)KRVSecurityAgent::openRequestSocketAtPath(kFloorSocket);  // wakes the accept
+    if (m_thread.joinable()) m_thread.join();
+  }
+
+ private:
+  UniqueFd m_listening;
+  std::atomic<bool> m_stop{false};
+  std::thread m_thread;
+};
+
+bool floorRoundTrip(const Data& request) {
+  Result<UniqueFd> socket = KRVSecurityAgent::openRequestSocketAtPath(kFloorSocket);
+  if (!socket) return false;
+  writeDataBlock(socket->get(), request, BlockSink::Socket);
+  return readDataBlock(socket->get()).ok();
+}
+
+// The best rate of several rounds: the machine's other work only ever makes a round slower.
+template <class RoundTrip>
+double bestRate(int rounds, int perRound, RoundTrip roundTrip) {
+  double best = 0;
+  for (int round = 0; round < rounds; ++round) {
+    auto start = Clock::now();
+    for (int i = 0; i < perRound; ++i) {
+      if (!roundTrip()) return 0;
+    }
+    double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    best = std::max(best, perRound / seconds);
+  }
+  return best;
 }
 
 }  // namespace
@@ -101,26 +126,28 @@ int main(int argc, char** argv) {
   for (int i = 0; i < 100; ++i) versionRoundTrip(*agent);
   long after100 = residentKiB(daemon->pid());
 
-  auto start = Clock::now();
-  int done = 0;
-  for (; done < requests; ++done) {
-    if (!versionRoundTrip(*agent)) break;
-  }
-  double seconds = std::chrono::duration<double>(Clock::now() - start).count();
-  long afterAll = residentKiB(daemon->pid());
-  double daemonRate = done / seconds;
-
   auto probe = KRVPrivilegedCommand::privilegedCommandWithCode(1, {});
-  std::size_t requestSize = archiveSequential(*probe).size();
-  double floorRate = floorRoundTripsPerSecond(requests, requestSize, 160);
+  Data request = archiveSequential(*probe);
+  FloorServer floor(160);
+  // Alternate rounds of both, so that both see the same machine.
+  constexpr int kRounds = 10;
+  const int perRound = std::max(1, requests / kRounds);
+  double daemonRate = 0;
+  double floorRate = 0;
+  for (int round = 0; round < kRounds; ++round) {
+    daemonRate =
+        std::max(daemonRate, bestRate(1, perRound, [&] { return versionRoundTrip(*agent); }));
+    floorRate = std::max(floorRate, bestRate(1, perRound, [&] { return floorRoundTrip(request); }));
+  }
+  long afterAll = residentKiB(daemon->pid());
 
-  std::printf("version round trips:      %d in %.2f s = %.0f per second\n", done, seconds,
-              daemonRate);
+  std::printf("version round trips:      %.0f per second (best of %d rounds of %d)\n", daemonRate,
+              kRounds, perRound);
   std::printf("bare socket floor:        %.0f round trips per second\n", floorRate);
   std::printf("ratio (floor / daemon):   %.2f  (goal: at most 5)\n", floorRate / daemonRate);
   std::printf(
-      "daemon resident memory:   %ld KiB after 100, %ld KiB after %d more (%+ld KiB; goal: "
-      "within 1024)\n",
-      after100, afterAll, done, afterAll - after100);
-  return done == requests ? 0 : 1;
+      "daemon resident memory:   %ld KiB after 100 requests, %ld KiB after %d more "
+      "(%+ld KiB; goal: within 1024)\n",
+      after100, afterAll, perRound * kRounds, afterAll - after100);
+  return daemonRate > 0 && floorRate > 0 ? 0 : 1;
 }

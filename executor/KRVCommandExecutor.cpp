@@ -28,6 +28,8 @@ constexpr const char* kUnit = "KRVCommandExecutor";
 // otherwise keep its command's thread, and with it the daemon, alive for ever.
 constexpr std::chrono::seconds kPipeOpenTimeout{60};
 
+constexpr std::size_t kCommandThreadStackSize = 1024 * 1024;
+
 std::mutex& executorLock() {
   static std::mutex lock;
   return lock;
@@ -148,18 +150,50 @@ void KRVCommandExecutor::setPathOfClientCommunicationPipe(std::optional<std::str
   m_pipe.release();  // never closes: callers close first
 }
 
+namespace {
+
+// What a command thread owns: its executor and its command.
+struct ThreadWork {
+  std::unique_ptr<KRVCommandExecutor> executor;
+  std::shared_ptr<const KRVPrivilegedCommand> command;
+};
+
+void* runCommandThread(void* argument) {
+  std::unique_ptr<ThreadWork> work(static_cast<ThreadWork*>(argument));
+  try {
+    work->executor->executeCommandInNewThread(std::move(work->command));
+  } catch (...) {
+    // No exception may leave a thread: report and end this command only.
+    if (work->executor->log() != nullptr) {
+      work->executor->log()->log(SystemLog::Level::Error,
+                                 "Unexpected failure of a command thread.");
+    }
+  }
+  return nullptr;
+}
+
+}  // namespace
+
 void KRVCommandExecutor::startThread(std::unique_ptr<KRVCommandExecutor> executor,
                                      std::shared_ptr<const KRVPrivilegedCommand> command) {
-  std::thread([executor = std::move(executor), command = std::move(command)]() mutable {
-    try {
-      executor->executeCommandInNewThread(std::move(command));
-    } catch (...) {
-      // No exception may leave a thread: report and end this command only.
-      if (executor->log() != nullptr) {
-        executor->log()->log(SystemLog::Level::Error, "Unexpected failure of a command thread.");
-      }
-    }
-  }).detach();
+  auto work = std::make_unique<ThreadWork>(ThreadWork{std::move(executor), std::move(command)});
+  pthread_attr_t attributes;
+  ::pthread_attr_init(&attributes);
+  ::pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
+  // Commands keep their large buffers off the stack; a smaller stack makes every thread cheaper.
+  ::pthread_attr_setstacksize(&attributes, kCommandThreadStackSize);
+  pthread_t thread;
+  int error = ::pthread_create(&thread, &attributes, runCommandThread, work.get());
+  ::pthread_attr_destroy(&attributes);
+  if (error == 0) {
+    work.release();  // the thread owns it now
+    return;
+  }
+  // Without a thread the command cannot run; its client sees the pipe end without a result.
+  errno = error;
+  if (work->executor->log() != nullptr) {
+    work->executor->log()->log(SystemLog::Level::Error, "Could not start a command thread (%m)");
+  }
 }
 
 void KRVCommandExecutor::executeCommandInNewThread(

@@ -4,11 +4,13 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <limits>
 
 #include "foundation/System.h"
 
@@ -39,6 +41,7 @@ SystemLog::SystemLog(std::string identification, std::string_view facility, std:
     : m_identification(std::move(identification)),
       m_facility(facilityCode(facility)),
       m_options(options),
+      m_pid(static_cast<long>(::getpid())),
       m_socketPath(std::move(socketPath)) {
   std::lock_guard<std::mutex> lock(m_mutex);
   connectLocked();
@@ -46,10 +49,16 @@ SystemLog::SystemLog(std::string identification, std::string_view facility, std:
 
 void SystemLog::connectLocked() {
   m_socket.reset();
-  // Without a log socket every message would cost a failed connect: try at most once a second.
-  auto now = std::chrono::steady_clock::now();
-  if (m_lastAttempt && now - *m_lastAttempt < std::chrono::seconds(1)) return;
-  m_lastAttempt = now;
+  // Without a log socket every message would cost a failed connect: after a failure, no log object
+  // of the process tries the same socket again for a second.
+  static std::atomic<std::int64_t> lastSystemLogFailure{std::numeric_limits<std::int64_t>::min() /
+                                                        2};
+  std::atomic<std::int64_t>& lastFailure =
+      m_socketPath == kDefaultSocketPath ? lastSystemLogFailure : m_lastFailure;
+  const std::int64_t now = std::chrono::duration_cast<std::chrono::milliseconds>(
+                               std::chrono::steady_clock::now().time_since_epoch())
+                               .count();
+  if (now - lastFailure.load(std::memory_order_relaxed) < 1000) return;
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   if (m_socketPath.size() >= sizeof address.sun_path) return;
@@ -57,7 +66,10 @@ void SystemLog::connectLocked() {
   int fd = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   if (fd < 0) return;
   UniqueFd socket(fd);
-  if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) return;
+  if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+    lastFailure.store(now, std::memory_order_relaxed);
+    return;
+  }
   m_socket = std::move(socket);
 }
 
@@ -78,7 +90,7 @@ std::string SystemLog::expandErrno(std::string_view message, int errnoValue) {
 void SystemLog::log(Level level, std::string_view message) {
   const int savedErrno = errno;
   std::string text = expandErrno(message, savedErrno);
-  const long pid = static_cast<long>(::getpid());
+  const long pid = m_pid;
 
   std::lock_guard<std::mutex> lock(m_mutex);
   if (m_options & kCopyToStandardError) {

@@ -12,8 +12,10 @@
 // Thread-safety: an object may be used from several threads (a mutex serialises sends), though
 // the project gives each thread its own object.
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <limits>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -48,10 +50,11 @@ class SystemLog {
   std::string m_identification;
   int m_facility;
   std::uint32_t m_options;
+  long m_pid;  // the daemon never logs from a forked child
+  std::atomic<std::int64_t> m_lastFailure{std::numeric_limits<std::int64_t>::min() / 2};
   std::string m_socketPath;
   std::mutex m_mutex;
   UniqueFd m_socket;
-  std::optional<std::chrono::steady_clock::time_point> m_lastAttempt;
 };
 
 }  // namespace krv
