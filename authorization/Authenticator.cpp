@@ -52,8 +52,8 @@ int converse(int count, const pam_message** messages, pam_response** responses, 
   *responses = nullptr;
   if (conversation->abort != Abort::None) return PAM_CONV_ERR;
 
-  auto* replies = static_cast<pam_response*>(std::calloc(static_cast<std::size_t>(count),
-                                                         sizeof(pam_response)));
+  auto* replies = static_cast<pam_response*>(
+      std::calloc(static_cast<std::size_t>(count), sizeof(pam_response)));
   if (replies == nullptr) return PAM_BUF_ERR;
   for (int i = 0; i < count; ++i) {
     const pam_message* message = messages[i];
@@ -121,7 +121,7 @@ class Transaction {
  public:
   explicit Transaction(pam_handle_t* handle) : m_handle(handle) {}
   ~Transaction() {
-    if (m_handle != nullptr) ::pam_end(m_handle, m_status | PAM_DATA_SILENT);
+    if (m_handle != nullptr) ::pam_end(m_handle, m_status);
   }
   Transaction(const Transaction&) = delete;
   Transaction& operator=(const Transaction&) = delete;

@@ -130,8 +130,8 @@ std::string_view styleName(PromptStyle style) {
 }
 
 std::optional<PromptStyle> styleNamed(std::string_view name) {
-  for (PromptStyle style : {PromptStyle::Secret, PromptStyle::Visible, PromptStyle::Error,
-                            PromptStyle::Information}) {
+  for (PromptStyle style :
+       {PromptStyle::Secret, PromptStyle::Visible, PromptStyle::Error, PromptStyle::Information}) {
     if (styleName(style) == name) return style;
   }
   return std::nullopt;
@@ -266,7 +266,8 @@ Data encodeRequest(const Request& request) {
   dictionary.append(std::string(kOperationKey), Value(operationName(request.operation)));
   const unsigned fields = spec != nullptr ? spec->required | spec->optional : 0;
   if (fields & kToken) {
-    dictionary.append(std::string(kTokenKey), Value(Data(request.token.begin(), request.token.end())));
+    dictionary.append(std::string(kTokenKey),
+                      Value(Data(request.token.begin(), request.token.end())));
   }
   if (fields & kRight) dictionary.append(std::string(kRightKey), Value(request.right));
   if (fields & kFlags) dictionary.append(std::string(kFlagsKey), Value::integer(request.flags));
@@ -350,7 +351,8 @@ Result<ServiceMessage> decodeServiceMessage(std::span<const std::uint8_t> payloa
   }
   const std::int64_t code = status->asNumber()->integerValue();
   if (code < std::numeric_limits<std::int32_t>::min() ||
-      code > std::numeric_limits<std::int32_t>::max() || status->asNumber()->kind() != Number::Kind::Integer) {
+      code > std::numeric_limits<std::int32_t>::max() ||
+      status->asNumber()->kind() != Number::Kind::Integer) {
     return archiveFault("status out of range");
   }
   message.status = static_cast<std::int32_t>(code);

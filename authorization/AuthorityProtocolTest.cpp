@@ -33,10 +33,9 @@ Dictionary with(Dictionary dictionary, std::string_view key, Value value) {
 
 TEST(AuthorityProtocolTest, EveryOperationRoundTrips) {
   std::vector<Request> requests;
-  for (Operation operation :
-       {Operation::Create, Operation::CopyRights, Operation::Free, Operation::Validate,
-        Operation::DestroyRights, Operation::RightGet, Operation::RightSet,
-        Operation::RightRemove}) {
+  for (Operation operation : {Operation::Create, Operation::CopyRights, Operation::Free,
+                              Operation::Validate, Operation::DestroyRights, Operation::RightGet,
+                              Operation::RightSet, Operation::RightRemove}) {
     Request r;
     r.operation = operation;
     r.token.fill(0x5a);
@@ -112,13 +111,11 @@ TEST(AuthorityProtocolTest, RefusesMalformedRequestsWithTheirStatus) {
        kStatusInvalidSet},
       {"flags as boolean", archive(with(copyRights(), "Flags", Value::boolean(true))),
        kStatusInvalidSet},
-      {"flags as real", archive(with(copyRights(), "Flags", Value::real(2.0))),
-       kStatusInvalidSet},
+      {"flags as real", archive(with(copyRights(), "Flags", Value::real(2.0))), kStatusInvalidSet},
       {"right with slash", archive(with(copyRights(), "Right", Value("com/test"))),
        kStatusInvalidSet},
       {"right dot dot", archive(with(copyRights(), "Right", Value(".."))), kStatusInvalidSet},
-      {"right as data", archive(with(copyRights(), "Right", Value(Data{'a'}))),
-       kStatusInvalidSet},
+      {"right as data", archive(with(copyRights(), "Right", Value(Data{'a'}))), kStatusInvalidSet},
       {"user -1", archive(with(validate, "User", Value::unsignedInteger(0xffffffffu))),
        kStatusInvalidSet},
       {"user above 32 bits", archive(with(validate, "User", Value::integer(1LL << 32))),
@@ -188,7 +185,10 @@ TEST(AuthorityProtocolTest, SanitizedMessagesAreSafeForATerminal) {
       {"\x1b]0;owned\x07Password:", "?]0;owned?Password:"},
       {"del\x7f", "del?"},
       {"caf\xc3\xa9", "caf\xc3\xa9"},
-      {"C1 \xc2\x9b" "31m", "C1 \xef\xbf\xbd\xef\xbf\xbd" "31m"},
+      {"C1 \xc2\x9b"
+       "31m",
+       "C1 \xef\xbf\xbd\xef\xbf\xbd"
+       "31m"},
       {"bad \xff byte", "bad \xef\xbf\xbd byte"},
       {"overlong \xc0\xaf", "overlong \xef\xbf\xbd\xef\xbf\xbd"},
       {"surrogate \xed\xa0\x80", "surrogate \xef\xbf\xbd\xef\xbf\xbd\xef\xbf\xbd"},

@@ -111,8 +111,7 @@ void AuthorityServer::accept(int listeningSocket) {
       std::size_t& ofUser = m_perUser[uid];
       if (m_userConnections >= m_limits.connections || ofUser >= m_limits.connectionsPerUser) {
         if (ofUser == 0) m_perUser.erase(uid);
-        m_log.log(Level::Warning,
-                  format("Too many connections (uid %u): connection refused", uid));
+        m_log.log(Level::Warning, format("Too many connections (uid %u): connection refused", uid));
         return;
       }
       ++ofUser;

@@ -1,13 +1,12 @@
 #include "authorization/AuthorityService.h"
 
-#include <fcntl.h>
-
 #include <cerrno>
 #include <utility>
 
 #include "authorization/MessageChannel.h"
 #include "authorization/Secret.h"
 #include "foundation/Format.h"
+#include "foundation/System.h"
 
 namespace krv::auth {
 
@@ -30,8 +29,8 @@ class ConnectionChannel final : public PromptChannel {
 
   std::optional<Answer> ask(const Prompt& prompt) override {
     if (!tell(prompt)) return std::nullopt;
-    Result<Data> payload = receiveMessage(m_connection, kMaximumAnswerPayload,
-                                          deadlineAfter(m_timeouts.answer));
+    Result<Data> payload =
+        receiveMessage(m_connection, kMaximumAnswerPayload, deadlineAfter(m_timeouts.answer));
     if (!payload) {
       m_gone = true;
       return std::nullopt;
@@ -104,8 +103,8 @@ void AuthorityService::serve(int connection, Peer& peer) {
     request = std::move(decoded.request);
     reply.status = decoded.status;
     if (decoded.status != kStatusSuccess) {
-      log(Level::Warning, format("Refused malformed request from uid %u (status %d)", peer.uid,
-                                 decoded.status));
+      log(Level::Warning,
+          format("Refused malformed request from uid %u (status %d)", peer.uid, decoded.status));
     }
   }
 
@@ -151,8 +150,8 @@ AuthorityService::Reply AuthorityService::create(Peer& peer) {
   creator.uid = peer.uid;
   creator.session = peer.session;
   if (peer.process.valid()) {
-    int duplicate = ::fcntl(peer.process.get(), F_DUPFD_CLOEXEC, 0);
-    if (duplicate >= 0) creator.process.reset(duplicate);
+    // Without a copy the token lives until it is freed or unused for long enough.
+    creator.process = sys::duplicate(peer.process.get()).valueOr(UniqueFd());
   }
   ExternalForm token{};
   Reply reply;
@@ -179,8 +178,12 @@ const Rule* AuthorityService::ruleOf(const std::string& right) {
       return rule;
     }
     case RightsStore::State::Missing:
-      log(Level::Info, format("Right '%s' is not defined: denied", right.c_str()));
-      return nullptr;
+      // A right nobody defined falls back to the rule "default" (an administrator must
+      // authenticate), as clients of this authorization model expect. So a command works the very
+      // first time, before the daemon that defines its right has ever been started.
+      log(Level::Debug,
+          format("Right '%s' is not defined: the rule \"default\" applies", right.c_str()));
+      return findRule("default");
     case RightsStore::State::Unsafe:
       log(Level::Error, format("Definition of right '%s' is unsafe (%s): denied", right.c_str(),
                                lookup.problem.c_str()));
@@ -221,8 +224,7 @@ AuthorityService::Reply AuthorityService::copyRights(int connection, const Peer&
       m_tokens.evaluate(entry->id, request.right, rule, subjectOf(peer.uid, rule), Use::Client);
   switch (verdict) {
     case Verdict::Granted:
-      log(Level::Debug,
-          format("Right '%s' granted to uid %u", request.right.c_str(), peer.uid));
+      log(Level::Debug, format("Right '%s' granted to uid %u", request.right.c_str(), peer.uid));
       reply.status = kStatusSuccess;
       return reply;
     case Verdict::Denied:
@@ -306,9 +308,8 @@ std::int32_t AuthorityService::authenticate(int connection, const Peer& peer,
       }
       case AuthenticationOutcome::Failed:
         m_backOff.recordFailure(account);
-        log(Level::Warning,
-            format("Authentication as '%s' for uid %u failed (attempt %d of %d)",
-                   account.c_str(), peer.uid, attempt, kMaximumPasswordAttempts));
+        log(Level::Warning, format("Authentication as '%s' for uid %u failed (attempt %d of %d)",
+                                   account.c_str(), peer.uid, attempt, kMaximumPasswordAttempts));
         if (attempt < kMaximumPasswordAttempts &&
             !channel.tell(Prompt{PromptStyle::Error, kRetryMessage})) {
           clientGone = true;
@@ -370,9 +371,8 @@ AuthorityService::Reply AuthorityService::validate(const Peer& peer, const Reque
     return reply;
   }
   if (entry->creatorUid != request.user) {
-    log(Level::Warning,
-        format("Authorization of uid %u presented for uid %u: denied", entry->creatorUid,
-               request.user));
+    log(Level::Warning, format("Authorization of uid %u presented for uid %u: denied",
+                               entry->creatorUid, request.user));
     reply.status = kStatusDenied;
     return reply;
   }
@@ -380,8 +380,8 @@ AuthorityService::Reply AuthorityService::validate(const Peer& peer, const Reque
   switch (m_tokens.evaluate(entry->id, request.right, rule, subjectOf(request.user, rule),
                             Use::Validation)) {
     case Verdict::Granted:
-      log(Level::Debug, format("Right '%s' validated for uid %u", request.right.c_str(),
-                               request.user));
+      log(Level::Debug,
+          format("Right '%s' validated for uid %u", request.right.c_str(), request.user));
       reply.status = kStatusSuccess;
       break;
     case Verdict::Denied:
@@ -452,8 +452,8 @@ AuthorityService::Reply AuthorityService::rightSet(const Peer& peer, const Reque
     reply.status = kStatusInternal;
     return reply;
   }
-  log(Level::Info, format("Right '%s' defined with rule '%s'", request.right.c_str(),
-                          definition->rule.c_str()));
+  log(Level::Info,
+      format("Right '%s' defined with rule '%s'", request.right.c_str(), definition->rule.c_str()));
   return reply;
 }
 

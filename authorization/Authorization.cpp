@@ -8,8 +8,8 @@
 #include <cstring>
 #include <mutex>
 
-#include "authorization/Authorization.h"
 #include "authorization/AuthorityProtocol.h"
+#include "authorization/Authorization.h"
 #include "authorization/MessageChannel.h"
 #include "authorization/PromptHandler.h"
 #include "authorization/Secret.h"

@@ -89,7 +89,8 @@ std::int32_t rightExists(std::string_view rightName);
 // rightGet: the definition into *definition (when not null). For a file that exists but cannot be
 // used, kStatusSuccess with *definition untouched and the reason in *problem (when not null).
 // kStatusDenied when the right is not defined.
-std::int32_t rightGet(std::string_view rightName, Value* definition, std::string* problem = nullptr);
+std::int32_t rightGet(std::string_view rightName, Value* definition,
+                      std::string* problem = nullptr);
 // rightSet: writes the definition (atomically, replacing an existing one). kStatusInvalidSet for a
 // malformed name or definition or an unknown rule.
 std::int32_t rightSet(std::string_view rightName, const Value& definition);

@@ -31,8 +31,9 @@ Instant BackOff::delayBefore(const std::string& account) const {
 void BackOff::recordFailure(const std::string& account) {
   std::lock_guard<std::mutex> lock(m_mutex);
   const Instant now = m_clock.now();
-  std::erase_if(m_entries,
-                [&](const Entry& entry) { return now - entry.lastFailure >= m_limits.forgetAfter; });
+  std::erase_if(m_entries, [&](const Entry& entry) {
+    return now - entry.lastFailure >= m_limits.forgetAfter;
+  });
   for (Entry& entry : m_entries) {
     if (entry.account != account) continue;
     ++entry.failures;
@@ -40,10 +41,9 @@ void BackOff::recordFailure(const std::string& account) {
     return;
   }
   if (m_entries.size() >= m_limits.capacity && !m_entries.empty()) {
-    auto oldest = std::min_element(m_entries.begin(), m_entries.end(),
-                                   [](const Entry& a, const Entry& b) {
-                                     return a.lastFailure < b.lastFailure;
-                                   });
+    auto oldest = std::min_element(
+        m_entries.begin(), m_entries.end(),
+        [](const Entry& a, const Entry& b) { return a.lastFailure < b.lastFailure; });
     m_entries.erase(oldest);
   }
   m_entries.push_back(Entry{account, 1, now});

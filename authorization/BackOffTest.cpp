@@ -11,7 +11,7 @@ using std::chrono::seconds;
 TEST(BackOffTest, DelaysGrowAfterTheThirdFailureUpToTheCap) {
   ManualClock clock;
   BackOff backOff(clock);
-  const seconds expected[] = {seconds(0), seconds(0), seconds(2), seconds(4), seconds(8),
+  const seconds expected[] = {seconds(0),  seconds(0),  seconds(2),  seconds(4), seconds(8),
                               seconds(16), seconds(32), seconds(60), seconds(60)};
   for (seconds delay : expected) {
     backOff.recordFailure("alice");

@@ -41,8 +41,6 @@ std::shared_ptr<PromptHandler> currentPromptHandler() {
   return g_handler;
 }
 
-
-
 namespace {
 
 constexpr int kEndingSignals[] = {SIGINT,  SIGQUIT, SIGTSTP, SIGHUP,

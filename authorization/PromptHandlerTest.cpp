@@ -43,10 +43,12 @@ class PromptHandlerTest : public ::testing::Test {
     return std::move(child).value();
   }
 
-  // Reads what the child wrote to the terminal until `expected` shows up (or 5 s pass).
+  // Reads what the child writes to the terminal until `expected` shows up (or 5 s pass) and
+  // returns it; the next call starts after it.
   std::string readUntil(std::string_view expected) {
     const auto deadline = std::chrono::steady_clock::now() + 5s;
-    while (m_screen.find(expected) == std::string::npos &&
+    std::size_t found = std::string::npos;
+    while ((found = m_screen.find(expected)) == std::string::npos &&
            std::chrono::steady_clock::now() < deadline) {
       pollfd entry{m_master.get(), POLLIN, 0};
       if (::poll(&entry, 1, 100) <= 0) continue;
@@ -54,12 +56,15 @@ class PromptHandlerTest : public ::testing::Test {
       ssize_t count = ::read(m_master.get(), buffer, sizeof buffer);
       if (count > 0) m_screen.append(buffer, static_cast<std::size_t>(count));
     }
-    return m_screen;
+    EXPECT_NE(found, std::string::npos) << "waiting for '" << expected << "'";
+    const std::size_t end = found == std::string::npos ? m_screen.size() : found + expected.size();
+    std::string seen = m_screen.substr(0, end);
+    m_screen.erase(0, end);
+    return seen;
   }
 
   void type(std::string_view text) {
-    ASSERT_EQ(::write(m_master.get(), text.data(), text.size()),
-              static_cast<ssize_t>(text.size()));
+    ASSERT_EQ(::write(m_master.get(), text.data(), text.size()), static_cast<ssize_t>(text.size()));
   }
 
   bool echoing() {
@@ -72,6 +77,16 @@ class PromptHandlerTest : public ::testing::Test {
   UniqueFd m_slave;
   std::string m_screen;
 };
+
+std::string lineFrom(test::ChildProcess& child) {
+  Result<std::string> line = child.channel().receive(5s);
+  return line ? *line : "<" + line.error().description() + ">";
+}
+
+int exitCodeOf(test::ChildProcess& child) {
+  Result<int> code = child.wait(5s);
+  return code ? *code : -1;
+}
 
 int askAndReport(test::LineChannel& parent) {
   TerminalPromptHandler handler;
@@ -90,8 +105,8 @@ TEST_F(PromptHandlerTest, ReadsThePasswordFromTheTerminalWithoutEcho) {
   readUntil("Password:");
   EXPECT_FALSE(echoing()) << "echo is off while the user types";
   type("s3cret words\n");
-  EXPECT_EQ(*child.channel().receive(5s), "response:s3cret words");
-  EXPECT_EQ(*child.wait(), 0);
+  EXPECT_EQ(lineFrom(child), "response:s3cret words");
+  EXPECT_EQ(exitCodeOf(child), 0);
   EXPECT_TRUE(echoing()) << "the terminal is restored";
   EXPECT_EQ(readUntil("\n").find("s3cret"), std::string::npos) << "the password was never shown";
 }
@@ -108,9 +123,9 @@ TEST_F(PromptHandlerTest, AnInterruptRestoresTheTerminalAndStillReachesTheProgra
   ASSERT_FALSE(echoing());
   type("half-typed");
   ::kill(child.pid(), SIGINT);
-  EXPECT_EQ(*child.channel().receive(5s), "cancel:");
-  EXPECT_EQ(*child.channel().receive(5s), "interrupted") << "the signal was delivered again";
-  EXPECT_EQ(*child.wait(), 0);
+  EXPECT_EQ(lineFrom(child), "cancel:");
+  EXPECT_EQ(lineFrom(child), "interrupted") << "the signal was delivered again";
+  EXPECT_EQ(exitCodeOf(child), 0);
   EXPECT_TRUE(echoing());
 }
 
@@ -118,14 +133,14 @@ TEST_F(PromptHandlerTest, EndOfInputAndOverlongLinesCancel) {
   test::ChildProcess child = startOnTerminal(askAndReport);
   readUntil("Password:");
   type("\x04");  // ^D on an empty line
-  EXPECT_EQ(*child.channel().receive(5s), "cancel:");
-  EXPECT_EQ(*child.wait(), 0);
+  EXPECT_EQ(lineFrom(child), "cancel:");
+  EXPECT_EQ(exitCodeOf(child), 0);
 
   test::ChildProcess again = startOnTerminal(askAndReport);
   readUntil("Password:");
   type(std::string(Secret::kCapacity + 10, 'x') + "\n");
-  EXPECT_EQ(*again.channel().receive(5s), "cancel:");
-  EXPECT_EQ(*again.wait(), 0);
+  EXPECT_EQ(lineFrom(again), "cancel:");
+  EXPECT_EQ(exitCodeOf(again), 0);
   EXPECT_TRUE(echoing());
 }
 

@@ -194,8 +194,8 @@ RightsStore::Lookup RightsStore::lookup(std::string_view name) const {
   }
   Result<Value> value = plist::readXml(bytes);
   if (!value) {
-    return problem(State::Broken, "not an XML property list: " +
-                                      plist::describeParseError(value.error()));
+    return problem(State::Broken,
+                   "not an XML property list: " + plist::describeParseError(value.error()));
   }
   Result<RightDefinition> definition = definitionFromValue(*value);
   if (!definition) return problem(State::Broken, "not a right definition");
@@ -211,9 +211,8 @@ Status RightsStore::set(std::string_view name, const RightDefinition& definition
   KRV_TRY(UniqueFd folder, openStoreFolder(m_directory, true));
   KRV_TRY(std::string temporary, temporaryName(name));
 
-  KRV_TRY(UniqueFd file,
-          sys::openAt(folder.get(), temporary.c_str(),
-                      O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_NOCTTY, 0644));
+  KRV_TRY(UniqueFd file, sys::openAt(folder.get(), temporary.c_str(),
+                                     O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_NOCTTY, 0644));
   auto discard = [&](Error error) {
     ::unlinkat(folder.get(), temporary.c_str(), 0);
     return error;

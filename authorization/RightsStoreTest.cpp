@@ -34,8 +34,8 @@ class RightsStoreTest : public ::testing::Test {
     ::mkdir(m_folder.c_str(), 0755);
     UniqueFd fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode));
     ASSERT_TRUE(fd.valid());
-    ASSERT_TRUE(sys::writeAll(fd.get(), {reinterpret_cast<const std::uint8_t*>(contents.data()),
-                                         contents.size()}));
+    ASSERT_TRUE(sys::writeAll(
+        fd.get(), {reinterpret_cast<const std::uint8_t*>(contents.data()), contents.size()}));
     ASSERT_EQ(::fchmod(fd.get(), mode), 0);
   }
   std::string xml(const Value& value) {
@@ -122,9 +122,9 @@ TEST_F(RightsStoreTest, SetWritesAnXmlFileThatLookupReads) {
   Result<std::string> contents = sys::readFile(file("com.test.clock"), 4096);
   ASSERT_TRUE(contents.ok());
   EXPECT_NE(contents->find("<plist"), std::string::npos);
-  EXPECT_EQ(*plist::readXml({reinterpret_cast<const std::uint8_t*>(contents->data()),
-                             contents->size()}),
-            definitionValue({"default", "Set the clock"}));
+  EXPECT_EQ(
+      *plist::readXml({reinterpret_cast<const std::uint8_t*>(contents->data()), contents->size()}),
+      definitionValue({"default", "Set the clock"}));
 }
 
 TEST_F(RightsStoreTest, SetReplacesADefinitionAndLeavesNoTemporaryFile) {
@@ -196,8 +196,7 @@ TEST_F(RightsStoreTest, UnsafeAndBrokenFilesExistButAreNeverUsed) {
          writeFile(path, std::string(kMaximumDefinitionFileSize + 1, ' '));
        },
        RightsStore::State::Broken},
-      {"empty", [&](const std::string& path) { writeFile(path, ""); },
-       RightsStore::State::Broken},
+      {"empty", [&](const std::string& path) { writeFile(path, ""); }, RightsStore::State::Broken},
   };
   ::mkdir(m_folder.c_str(), 0755);
   int index = 0;

@@ -1,8 +1,8 @@
 #pragma once
 // Secret: a small buffer for a password on its way between the user and PAM. Its storage is
-// allocated once, at the first append, with a fixed capacity (it never reallocates, so no stray copies are left behind
-// in freed memory) and wiped with explicit_bzero when the secret is cleared, moved from or
-// destroyed. Movable, not copyable; not synchronised.
+// allocated once, at the first append, with a fixed capacity (it never reallocates, so no stray
+// copies are left behind in freed memory) and wiped with explicit_bzero when the secret is cleared,
+// moved from or destroyed. Movable, not copyable; not synchronised.
 //
 // wipe() is the same erasure for other buffers that held a secret (a message payload, a string).
 
@@ -35,7 +35,9 @@ class Secret {
   bool append(std::string_view bytes);
   void clear();
 
-  std::string_view view() const { return m_bytes ? std::string_view(m_bytes.get(), m_size) : std::string_view(); }
+  std::string_view view() const {
+    return m_bytes ? std::string_view(m_bytes.get(), m_size) : std::string_view();
+  }
   std::size_t size() const { return m_size; }
   bool empty() const { return m_size == 0; }
 

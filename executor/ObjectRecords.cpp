@@ -3,15 +3,17 @@
 #include "executor/ObjectRecords.h"
 
 #include <fcntl.h>
+#include <limits.h>
 
 #include <cstring>
 #include <span>
 
 #include "executor/KRVCommandExecutor.h"
 #include "filesystem/FileAttributes.h"
-#include "filesystem/FileManager.h"
+#include "foundation/Assert.h"
 #include "foundation/System.h"
 #include "protocol/CommandTable.h"
+#include "protocol/KRVSecurityAgent.h"
 
 namespace krv {
 namespace {
@@ -82,16 +84,25 @@ Decoded decode(std::span<const char> bytes, ObjectRecord& record, std::size_t& u
 }  // namespace
 
 std::optional<ObjectRecord> objectRecordForPath(const std::string& path) {
-  Result<FileAttributes> attributes = FileManager::attributesOfItem(path);
-  if (!attributes) return std::nullopt;
-  return ObjectRecord{path, attributes->type, attributes->size, attributes->modificationDate,
-                      attributes->posixPermissions};
+  if (path.find('\0') != std::string::npos) return std::nullopt;
+  Result<struct stat> status = sys::lstat(path);
+  if (!status) return std::nullopt;
+  return objectRecordFromStatus(path, *status);
 }
 
-Value objectRecordValue(const ObjectRecord& record) {
+std::optional<ObjectRecord> objectRecordFromStatus(std::string_view path,
+                                                   const struct stat& status) {
+  if (path.size() >= PATH_MAX) return std::nullopt;
+  return ObjectRecord{
+      std::string(path), fileTypeName(status.st_mode), static_cast<std::uint64_t>(status.st_size),
+      dateFromTimestamp(status.st_mtim.tv_sec, static_cast<std::uint32_t>(status.st_mtim.tv_nsec)),
+      static_cast<std::uint32_t>(status.st_mode & 07777)};
+}
+
+Value objectRecordValue(ObjectRecord record) {
   Dictionary dictionary;
   dictionary.reserve(5);
-  dictionary.append(std::string(key::kPath), Value(record.path));
+  dictionary.append(std::string(key::kPath), Value(std::move(record.path)));
   dictionary.append(std::string(key::kType), Value(record.type));
   dictionary.append(std::string(key::kSize), Value::unsignedInteger(record.size));
   dictionary.append(std::string(key::kModificationDate), Value(record.modificationDate));
@@ -102,7 +113,7 @@ Value objectRecordValue(const ObjectRecord& record) {
 bool addFileSystemObjectInfoToArray(Array& array, const std::string& path) {
   std::optional<ObjectRecord> record = objectRecordForPath(path);
   if (!record) return false;
-  array.push_back(objectRecordValue(*record));
+  array.push_back(objectRecordValue(std::move(*record)));
   return true;
 }
 
@@ -213,18 +224,24 @@ void ObjectRecordSpool::clear() {
 
 bool ObjectRecordSpool::sendPayload(KRVCommandExecutor& executor, std::string_view key,
                                     std::size_t granularity, double progressOffset) {
+  KRV_ASSERT(!key.empty() && granularity != 0 && progressOffset >= 0.0, "ObjectRecordSpool");
   Reader reader(*this);
-  // Each chunk goes out as a payload no larger than the granularity, which the executor sends as
-  // one message carrying exactly the progress value it is given.
+  // Each chunk is one payload message, built in place: the shape of the executor's payload chunks
+  // (progress first, then the records under the key), without copying the records once more.
   auto sendChunk = [&](std::uint64_t size, double progress) {
     Array chunk;
     chunk.reserve(static_cast<std::size_t>(size));
     for (std::uint64_t i = 0; i < size; ++i) {
       std::optional<ObjectRecord> record = reader.next();
       if (!record) break;
-      chunk.push_back(objectRecordValue(*record));
+      chunk.push_back(objectRecordValue(std::move(*record)));
     }
-    return executor.sendPayloadArray(chunk, key, granularity, progress);
+    Dictionary userInfo;
+    userInfo.reserve(2);
+    userInfo.append(std::string(key::kCurrentProgress), Value::real(progress));
+    userInfo.append(std::string(key), Value(std::move(chunk)));
+    return executor.sendProgressMessage(
+        KRVSecurityAgent::transportError(kTransportIntermediateReport, std::move(userInfo)));
   };
 
   const std::uint64_t count = m_count;

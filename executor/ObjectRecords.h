@@ -1,9 +1,12 @@
 #pragma once
 // Object records, the dictionaries the searches send for every object they find:
 //   {"Path", "Type", "Size", "ModificationDate", "POSIXMode"}, in that order,
-// read from the object itself (a final symbolic link is not followed). An object whose attributes
-// cannot be read gets no record. Every attribute of a record is known on this system, so a record
-// that exists always holds all five keys.
+// read from the object itself (a final symbolic link is not followed): the file manager's type
+// name, the logical length, the modification date and the permission bits (mode & 07777), all of
+// them from the object's status. An object whose status cannot be read gets no record, and so
+// does one whose absolute path is longer than the kernel accepts (PATH_MAX), even when a walk
+// could read it relative to its folder: the record's path would name nothing. Every attribute of
+// a record is known on this system, so a record that exists always holds all five keys.
 //
 // ObjectRecordSpool collects the records of a search that must know how many it found before it
 // sends the first one (the progress values of the chunks depend on the total). It keeps them in a
@@ -15,6 +18,8 @@
 //
 // Errors: none are reported. A file that cannot be written is given up (the records that reached
 // it are kept, the rest stay in memory). Not synchronised: one spool, one thread.
+
+#include <sys/stat.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -40,10 +45,14 @@ struct ObjectRecord {
   bool operator==(const ObjectRecord& other) const = default;
 };
 
-// The record of the object at the absolute `path`; nothing when its attributes cannot be read.
+// The record of the object at the absolute `path`; nothing when its status cannot be read.
 std::optional<ObjectRecord> objectRecordForPath(const std::string& path);
+// The record of the object at `path` from a status already read (lstat-like, for example relative
+// to the object's folder); nothing when the path is too long to name the object.
+std::optional<ObjectRecord> objectRecordFromStatus(std::string_view path,
+                                                   const struct stat& status);
 // The dictionary form clients receive.
-Value objectRecordValue(const ObjectRecord& record);
+Value objectRecordValue(ObjectRecord record);
 // Appends the record of the object at `path` when there is one; answers whether it did.
 bool addFileSystemObjectInfoToArray(Array& array, const std::string& path);
 

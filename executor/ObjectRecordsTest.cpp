@@ -37,8 +37,6 @@ class PipedExecutor {
     }
     return result;
   }
-  void closeReader() { m_reader.reset(); }
-
   KRVCommandExecutor executor;
 
  private:
@@ -107,23 +105,6 @@ TEST(ObjectRecordSpoolTest, ClearForgetsEverythingIncludingTheFile) {
   const Array& records = *sent[0].userInfo().find("FileSystemObjects")->asArray();
   ASSERT_EQ(records.size(), 1u);
   EXPECT_EQ(records[0], objectRecordValue(recordNumber(7)));
-}
-
-TEST(ObjectRecordSpoolTest, StopsSendingWhenTheClientIsGone) {
-  ObjectRecordSpool spool;
-  for (std::size_t i = 0; i < 300; ++i) spool.append(recordNumber(i));
-  PipedExecutor client;
-  client.closeReader();
-  EXPECT_FALSE(spool.sendPayload(client.executor, "FileSystemObjects", 100, 0.05));
-}
-
-TEST(ObjectRecordTest, AMissingObjectHasNoRecord) {
-  Array array;
-  EXPECT_FALSE(addFileSystemObjectInfoToArray(array, "/nonexistent-krv-folder/object"));
-  EXPECT_TRUE(array.empty());
-  EXPECT_TRUE(addFileSystemObjectInfoToArray(array, "/"));
-  ASSERT_EQ(array.size(), 1u);
-  EXPECT_EQ(*array[0].asDictionary()->find("Type")->asString(), "NSFileTypeDirectory");
 }
 
 }  // namespace

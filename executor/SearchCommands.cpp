@@ -3,9 +3,10 @@
 //
 // The walks are meant to be pointed at whole volumes. Per object they make one system call at
 // most where the answer allows it (a status read relative to the open folder, never a path lookup
-// from the root), and they keep nothing per object beyond the object: the age and prefix searches
-// spool their records (executor/ObjectRecords.h), the multi-pattern search holds the records of at
-// most 100 objects, the measurements hold a number. The searches stop without a result once the
+// from the root); the age search and the storage size share those reads with a helper thread
+// (executor/FolderBatches.h). They keep nothing per object beyond the object: the age and prefix
+// searches spool their records (executor/ObjectRecords.h), the multi-pattern search holds the
+// records of at most 100 objects, the measurements hold a number. The searches stop without a result once the
 // client is gone: at a failed send, and, in walks that send nothing for a long time, when the
 // response pipe shows that nobody reads it any more. The count alone never stops for that: only
 // its abort marker stops it.
@@ -17,8 +18,10 @@
 #include <cerrno>
 #include <ctime>
 #include <memory>
+#include <utility>
 #include <vector>
 
+#include "executor/FolderBatches.h"
 #include "executor/KRVCommandExecutor.h"
 #include "executor/ObjectRecords.h"
 #include "filesystem/FileManager.h"
@@ -62,22 +65,38 @@ double secondsSince1970Now() {
   return dateFromTimestamp(now.tv_sec, static_cast<std::uint32_t>(now.tv_nsec)).secondsSince1970;
 }
 
-// The date the age search judges the walk's current object by: its modification date, or for a
-// symbolic link that of the object the link names (one level; a link to a link answers the second
-// link). The status is read relative to the open folder, which answers what the absolute path
+// The status of the walk's current object itself, read relative to its open folder: what lstat of
+// its absolute path would answer, without looking the path up from the root.
+Result<struct stat> currentStatus(const KRVDirectoryEnumerator& walk) {
+  return sys::statAt(walk.currentEntryDirectoryFd(), walk.currentEntryName().data(),
+                     AT_SYMLINK_NOFOLLOW);
+}
+
+// The age search's test of the objects of one batch; the records of those old enough go into the
+// batch. An object is judged by its modification date, a symbolic link by that of the object it
+// names (one level; a link to a link answers the second link), and the record describes the
+// object itself. Statuses are read relative to the folder, which answers what the absolute path
 // would; links, which are rare, take the file manager's route with the path.
-std::optional<Date> ageTestDate(const KRVDirectoryEnumerator& walk) {
-  Result<struct stat> status = sys::statAt(walk.currentEntryDirectoryFd(),
-                                           walk.currentEntryName().data(), AT_SYMLINK_NOFOLLOW);
-  if (!status) return std::nullopt;
-  if (S_ISLNK(status->st_mode)) {
-    Result<FileAttributes> target = FileManager::attributesOfItem(
-        std::string(walk.currentAbsolutePath()), LinkTraversal::OneLevel);
-    if (!target) return std::nullopt;
-    return target->modificationDate;
-  }
-  return dateFromTimestamp(status->st_mtim.tv_sec,
-                           static_cast<std::uint32_t>(status->st_mtim.tv_nsec));
+void judgeAges(FolderBatches::Batch& batch, double threshold) {
+  std::string path;
+  batch.forEachName([&](const char* name) {
+    Result<struct stat> status = sys::statAt(batch.folder.get(), name, AT_SYMLINK_NOFOLLOW);
+    if (!status) return;
+    path.assign(batch.folderPath).append(name);
+    Date date = dateFromTimestamp(status->st_mtim.tv_sec,
+                                  static_cast<std::uint32_t>(status->st_mtim.tv_nsec));
+    if (S_ISLNK(status->st_mode)) {
+      Result<FileAttributes> target = FileManager::attributesOfItem(path, LinkTraversal::OneLevel);
+      if (!target) return;
+      date = target->modificationDate;
+    }
+    // An age of exactly the threshold counts; a date in the future has a negative age.
+    const double age = -(date.secondsSince1970 - secondsSince1970Now());
+    if (!(age >= threshold)) return;
+    if (std::optional<ObjectRecord> record = objectRecordFromStatus(path, *status)) {
+      batch.records.push_back(std::move(*record));
+    }
+  });
 }
 
 // The text after the last "." of a name; nothing when the name has no ".".
@@ -167,21 +186,22 @@ CommandResult KRVCommandExecutor::searchForFileSystemObjectsOlderThanDays(const 
   // All records go out in one payload whose chunk progress depends on their number, so they are
   // gathered first; the spool keeps that from growing the daemon's memory.
   ObjectRecordSpool found;
+  // The statuses are read on two threads; the records still arrive in walk order.
+  FolderBatches batches([threshold](FolderBatches::Batch& batch) { judgeAges(batch, threshold); },
+                        [&found](FolderBatches::Batch& batch) {
+                          for (const ObjectRecord& record : batch.records) found.append(record);
+                        });
   std::unique_ptr<KRVDirectoryEnumerator> walk =
       KRVDirectoryEnumerator::enumeratorAtPath(base, stayOnFileSystem);
   std::uint64_t seen = 0;
   while (walk && walk->nextObject()) {
     if (++seen % kClientCheckInterval == 0 && isClientGone()) return std::nullopt;
-    std::optional<Date> date = ageTestDate(*walk);
-    if (!date) continue;
-    // An age of exactly the threshold counts; a date in the future has a negative age.
-    const double age = -(date->secondsSince1970 - secondsSince1970Now());
-    if (!(age >= threshold)) continue;
-    if (std::optional<ObjectRecord> record =
-            objectRecordForPath(std::string(walk->currentAbsolutePath()))) {
-      found.append(*record);
-    }
+    const std::string_view object = walk->currentAbsolutePath();
+    const std::string_view name = walk->currentEntryName();
+    batches.add(walk->currentEntryDirectoryFd(), object.substr(0, object.size() - name.size()),
+                name);
   }
+  batches.finish();
   if (!found.sendPayload(*this, key::kFileSystemObjects, kPayloadGranularity,
                          kSearchStartProgress)) {
     return std::nullopt;
@@ -241,6 +261,15 @@ Error KRVCommandExecutor::getStorageSizeOfSubtreeAtPath(const std::string& path)
   if (std::optional<Error> refused = resolveSearchBase(path, base)) return *refused;
 
   std::uint64_t total = 0;
+  FolderBatches batches(
+      [](FolderBatches::Batch& batch) {
+        batch.forEachName([&batch](const char* name) {
+          Result<struct stat> status = sys::statAt(batch.folder.get(), name, AT_SYMLINK_NOFOLLOW);
+          if (status) batch.length += static_cast<std::uint64_t>(status->st_size);
+        });
+      },
+      // The logical lengths, summed modulo 2^64: links with their own length, each hard link once.
+      [&total](FolderBatches::Batch& batch) { total += batch.length; });
   Result<FileManagerEnumerator> walk = FileManager::enumerator(base);
   if (walk) {
     // The object's absolute path is the base, a separator (none after "/") and the relative path.
@@ -252,12 +281,12 @@ Error KRVCommandExecutor::getStorageSizeOfSubtreeAtPath(const std::string& path)
       // Nobody can receive the size any more: the walk ends early, and the final message fails.
       if (++seen % kClientCheckInterval == 0 && isClientGone()) break;
       if (baseLength + relative->size() >= PATH_MAX) continue;
-      Result<struct stat> status =
-          sys::statAt(walk->currentDirectoryFd(), walk->currentName().data(), AT_SYMLINK_NOFOLLOW);
-      // The logical length, summed modulo 2^64: links with their own length, each hard link once.
-      if (status) total += static_cast<std::uint64_t>(status->st_size);
+      const std::string_view name = walk->currentName();
+      batches.add(walk->currentDirectoryFd(), relative->substr(0, relative->size() - name.size()),
+                  name);
     }
   }
+  batches.finish();
   return successWithSize(total);
 }
 
@@ -284,7 +313,10 @@ CommandResult KRVCommandExecutor::searchForFileSystemObjectsWithNamePatterns(
   while (walk && walk->nextObject()) {
     ++index;
     if (matchesAny(*table, walk->currentEntryName())) {
-      addFileSystemObjectInfoToArray(found, std::string(walk->currentAbsolutePath()));
+      Result<struct stat> status = currentStatus(*walk);
+      std::optional<ObjectRecord> record =
+          status ? objectRecordFromStatus(walk->currentAbsolutePath(), *status) : std::nullopt;
+      if (record) found.push_back(objectRecordValue(std::move(*record)));
     }
     if (index % kPayloadGranularity != 0) continue;
     // A tree that grew since the count gives offsets beyond 1.0; they are sent as they are.

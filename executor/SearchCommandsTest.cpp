@@ -203,20 +203,6 @@ TEST_F(SearchCommandsTest, AgeSearchRecordDescribesTheObjectItself) {
   }
 }
 
-TEST_F(SearchCommandsTest, AgeSearchSendsItsRecordsInChunksOfAHundred) {
-  makeFiles("base", 250);
-  ASSERT_TRUE(m_executor.searchForFileSystemObjectsOlderThanDays(m_base, 0, false));
-  std::vector<Message> sent = messages();
-  ASSERT_EQ(sent.size(), 4u);
-  EXPECT_EQ(sent[0].progress, 0.05);
-  const std::pair<std::size_t, double> chunks[] = {
-      {100, 0.05}, {100, (1.0 / 3.0) * 0.95 + 0.05}, {50, 0.05}};
-  for (std::size_t i = 0; i < 3; ++i) {
-    EXPECT_EQ(sent[i + 1].records.size(), chunks[i].first) << i;
-    EXPECT_EQ(sent[i + 1].progress, chunks[i].second) << i;
-  }
-}
-
 // ---- Prefix search ----
 
 TEST_F(SearchCommandsTest, PrefixSearchMatchesNameExtensionAndKindOnOneLevel) {
@@ -395,37 +381,6 @@ TEST_F(SearchCommandsTest, StorageSizeAddsLogicalLengthsOfEveryLinkAndName) {
   EXPECT_TRUE(messages().empty());
 }
 
-// Objects whose absolute path is longer than the kernel accepts cannot be measured.
-TEST_F(SearchCommandsTest, StorageSizeLeavesOutObjectsBeyondThePathLimit) {
-  const std::string name(200, 'n');
-  std::vector<UniqueFd> chain;
-  Result<UniqueFd> top = sys::open(m_base, O_RDONLY | O_DIRECTORY);
-  ASSERT_TRUE(top);
-  chain.push_back(std::move(*top));
-  for (int level = 0; level < 25; ++level) {  // 25 * 201 bytes: well past 4,096
-    ASSERT_EQ(::mkdirat(chain.back().get(), name.c_str(), 0755), 0);
-    Result<UniqueFd> next = sys::openAt(chain.back().get(), name.c_str(), O_RDONLY | O_DIRECTORY);
-    ASSERT_TRUE(next);
-    chain.push_back(std::move(*next));
-  }
-  const std::uint64_t before = sizeOf(m_executor.getStorageSizeOfSubtreeAtPath(m_base));
-  auto addFile = [&](int folder, std::size_t length) {
-    UniqueFd file(::openat(folder, "file", O_CREAT | O_WRONLY | O_CLOEXEC, 0644));
-    ASSERT_TRUE(file.valid());
-    ASSERT_EQ(::ftruncate(file.get(), static_cast<off_t>(length)), 0);
-  };
-  addFile(chain.back().get(), 4000);
-  EXPECT_EQ(sizeOf(m_executor.getStorageSizeOfSubtreeAtPath(m_base)), before);
-  addFile(chain[3].get(), 7);
-  EXPECT_EQ(sizeOf(m_executor.getStorageSizeOfSubtreeAtPath(m_base)), before + 7);
-
-  // The tree's teardown works with paths: take the deep part down here.
-  for (std::size_t level = chain.size() - 1; level > 0; --level) {
-    ::unlinkat(chain[level].get(), "file", 0);
-    ASSERT_EQ(::unlinkat(chain[level - 1].get(), name.c_str(), AT_REMOVEDIR), 0);
-  }
-}
-
 // ---- Count ----
 
 TEST_F(SearchCommandsTest, CountIncludesTheBaseAndStopsAtTheMarker) {
@@ -479,40 +434,6 @@ TEST_F(SearchCommandsTest, SearchesStopWhenTheClientIsGoneButTheCountGoesOn) {
   CommandResult count = m_executor.countFileSystemObjectsAtPath(m_base, m_tree.path("marker"));
   ASSERT_TRUE(count);
   EXPECT_EQ(sizeOf(count), 601u);
-}
-
-// ---- Staying on the base's file system ----
-
-TEST_F(SearchCommandsTest, WalksStayOnTheBaseFileSystemWhenAsked) {
-  m_tree.makeFile("base/outside");
-  const std::string volume = m_tree.makeFolder("base/volume");
-  std::string answer = test::inPrivateMount(volume, "tmpfs", [&] {
-    for (const char* name : {"inside1", "inside2"}) {
-      int fd = ::open((volume + "/" + name).c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0644);
-      if (fd < 0) return std::string("cannot create");
-      ::close(fd);
-    }
-    std::string text;
-    CommandResult count = m_executor.countFileSystemObjectsAtPath(m_base, m_tree.path("marker"));
-    text += "count " + std::to_string(sizeOf(count));
-    for (bool stay : {true, false}) {
-      (void)messages();
-      (void)m_executor.searchForFileSystemObjectsOlderThanDays(m_base, 0, stay);
-      text += stay ? "; age staying" : "; age crossing";
-      for (const std::string& path : foundPaths(m_base)) text += " " + path;
-      (void)m_executor.searchForFileSystemObjectsWithNamePatterns(m_base, stay,
-                                                                  {Value("1"), Value("inside")});
-      text += stay ? "; names staying" : "; names crossing";
-      for (const std::string& path : foundPaths(m_base)) text += " " + path;
-    }
-    return text;
-  });
-  if (answer.rfind("child:", 0) == 0) GTEST_SKIP() << "no private mount: " << answer;
-  EXPECT_EQ(answer,
-            "count 3"
-            "; age staying outside volume; names staying"
-            "; age crossing outside volume volume/inside1 volume/inside2"
-            "; names crossing volume/inside1 volume/inside2");
 }
 
 }  // namespace

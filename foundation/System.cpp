@@ -1,5 +1,6 @@
 #include "foundation/System.h"
 
+#include <fcntl.h>
 #include <sys/random.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -84,6 +85,12 @@ Result<struct stat> fstat(int fd) {
   struct stat status {};
   if (::fstat(fd, &status) != 0) return Error::fromErrno("fstat");
   return status;
+}
+
+Result<UniqueFd> duplicate(int fd) {
+  int copy = ::fcntl(fd, F_DUPFD_CLOEXEC, 0);
+  if (copy < 0) return Error::fromErrno("fcntl");
+  return UniqueFd(copy);
 }
 
 Result<struct stat> statAt(int directoryFd, const char* path, int flags) {

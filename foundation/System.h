@@ -35,6 +35,8 @@ Result<std::string> readFile(const std::string& path, std::size_t maxSize);
 Result<struct stat> lstat(const std::string& path);
 Result<struct stat> stat(const std::string& path);
 Result<struct stat> fstat(int fd);
+// A second descriptor for the same open file (F_DUPFD_CLOEXEC).
+Result<UniqueFd> duplicate(int fd);
 // fstatat: status of `path` relative to an open folder; flags as for fstatat (AT_SYMLINK_NOFOLLOW).
 Result<struct stat> statAt(int directoryFd, const char* path, int flags);
 // One getdents64 batch of raw directory records into `buffer`, retried on EINTR; returns the

@@ -1,0 +1,182 @@
+#include "tests/authority/AuthorityFixture.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <memory>
+
+#include "authorization/PromptHandler.h"
+#include "foundation/System.h"
+#include "tests/support/Sandbox.h"
+
+namespace krv::test {
+
+namespace {
+
+constexpr const char* kScratch = "/tmp/krv-authority";
+constexpr const char* kServiceSocket = "/run/com.tavorin.system.authority.socket";
+
+// The sandbox is entered once per test process, before gtest starts any thread.
+class SandboxEnvironment final : public ::testing::Environment {
+ public:
+  void SetUp() override { m_status = enterPrivateSandbox(); }
+  static const Status& status() { return m_status; }
+
+ private:
+  static inline Status m_status;
+};
+
+[[maybe_unused]] ::testing::Environment* const kSandbox =
+    ::testing::AddGlobalTestEnvironment(new SandboxEnvironment);
+
+void writeText(const std::string& path, const std::string& text) {
+  Result<UniqueFd> file = sys::open(path, O_WRONLY | O_CREAT | O_TRUNC, 0644);
+  ASSERT_TRUE(file.ok()) << path;
+  ASSERT_TRUE(sys::writeAll(file->get(),
+                            {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()}));
+}
+
+}  // namespace
+
+void AuthorityFixture::SetUp() {
+  if (::geteuid() != 0) GTEST_SKIP() << "needs root for the sandbox and the service";
+  if (!SandboxEnvironment::status()) {
+    GTEST_SKIP() << "no private sandbox: " << SandboxEnvironment::status().error().description();
+  }
+  if (std::string(KRV_PAM_WRAPPER_LIBRARY).empty() ||
+      std::string(KRV_NSS_WRAPPER_LIBRARY).empty() || std::string(KRV_PAM_MATRIX_MODULE).empty()) {
+    GTEST_SKIP() << "pam_wrapper, pam_matrix or nss_wrapper is not installed";
+  }
+  const std::string scratch = kScratch;
+  ::mkdir(scratch.c_str(), 0755);
+  ::mkdir((scratch + "/pam.d").c_str(), 0755);
+  writeText(scratch + "/passwd",
+            "root:x:0:0:root:/root:/bin/sh\n"
+            "alice:x:1001:1001:Alice:/home/alice:/bin/sh\n"
+            "bob:x:1002:1002:Bob:/home/bob:/bin/sh\n"
+            "carol:x:1003:1003:Carol:/home/carol:/bin/sh\n"
+            "dave:x:1004:1004:Dave:/home/dave:/bin/sh\n"
+            "erin:x:1005:1005:Erin:/home/erin:/bin/sh\n");
+  writeText(scratch + "/group",
+            "root:x:0:\n"
+            "sudo:x:27:alice,carol,dave\n"
+            "alice:x:1001:\n"
+            "bob:x:1002:\n"
+            "carol:x:1003:\n"
+            "dave:x:1004:\n"
+            "erin:x:1005:\n");
+  writeText(scratch + "/passdb",
+            "alice:alice-password:com.tavorin.system.authority\n"
+            "bob:bob-password:com.tavorin.system.authority\n"
+            "carol:carol-password:another.service\n"
+            "dave::com.tavorin.system.authority\n");
+  const std::string module = std::string(KRV_PAM_MATRIX_MODULE) + " passdb=" + scratch + "/passdb";
+  writeText(scratch + "/pam.d/com.tavorin.system.authority",
+            "auth required " + module + "\naccount required " + module + "\n");
+
+  ServiceLaunch launch;
+  launch.socketPath = kServiceSocket;
+  launch.executable = KRV_AUTHORITY_BINARY;
+  launch.arguments = {"d"};  // the log on standard error, for the tests to read
+  launch.environment = {
+      std::string("LD_PRELOAD=") + KRV_PAM_WRAPPER_LIBRARY + ":" + KRV_NSS_WRAPPER_LIBRARY,
+      "PAM_WRAPPER=1",
+      "PAM_WRAPPER_SERVICE_DIR=" + scratch + "/pam.d",
+      // Deep binding does not mix with the sanitizers' interceptors. (Some pam_wrapper releases
+      // read the switch under uid_wrapper's name.)
+      "PAM_WRAPPER_DISABLE_DEEPBIND=1",
+      "UID_WRAPPER_DISABLE_DEEPBIND=1",
+      "NSS_WRAPPER_DISABLE_DEEPBIND=1",
+      "NSS_WRAPPER_PASSWD=" + scratch + "/passwd",
+      "NSS_WRAPPER_GROUP=" + scratch + "/group",
+  };
+  // In sanitizer builds freed memory waits in a quarantine, which the flood test would take for
+  // growth; elsewhere the variable means nothing.
+  const char* sanitizerOptions = std::getenv("ASAN_OPTIONS");
+  launch.environment.push_back(
+      std::string("ASAN_OPTIONS=") +
+      (sanitizerOptions != nullptr ? std::string(sanitizerOptions) + ":" : std::string()) +
+      "quarantine_size_mb=0:thread_local_quarantine_size_kb=0");
+  Result<ServiceProcess> started = ServiceProcess::start(launch);
+  ASSERT_TRUE(started.ok()) << started.error().description();
+  m_service.emplace(std::move(started).value());
+  defineRight(kDefaultRight, "default");
+}
+
+void AuthorityFixture::TearDown() {
+  if (!m_service) return;
+  const std::string log = serviceLog();
+  EXPECT_EQ(log.find("Sanitizer"), std::string::npos) << "the service hit a sanitizer";
+  EXPECT_EQ(log.find("runtime error:"), std::string::npos) << "the service hit a sanitizer";
+  if (HasFailure()) std::fprintf(stderr, "service log:\n%s\n", serviceLog().c_str());
+  m_service->terminate();
+}
+
+void AuthorityFixture::defineRight(const std::string& right, const std::string& rule) {
+  ASSERT_EQ(auth::rightSet(right, Value(rule)), auth::kStatusSuccess) << right;
+}
+
+std::string AuthorityFixture::rightFile(const std::string& right) const {
+  return "/etc/com.tavorin.system.authority/rights.d/" + right + ".plist";
+}
+
+std::vector<std::string> AuthorityFixture::asUser(uid_t uid,
+                                                  const std::function<void(LineChannel&)>& body) {
+  std::vector<std::string> lines;
+  Result<ChildProcess> child = ChildProcess::start({uid, uid}, [&body](LineChannel& parent) {
+    body(parent);
+    return 0;
+  });
+  if (!child) {
+    ADD_FAILURE() << child.error().description();
+    return lines;
+  }
+  for (;;) {
+    Result<std::string> received = child->channel().receive(std::chrono::seconds(60));
+    if (!received) break;
+    lines.push_back(*received);
+  }
+  Result<int> code = child->wait();
+  EXPECT_TRUE(code.ok() && *code == 0) << "the child as uid " << uid << " failed";
+  return lines;
+}
+
+void answerPrompts(std::vector<std::optional<std::string>> responses, int* asked) {
+  auto remaining = std::make_shared<std::vector<std::optional<std::string>>>(std::move(responses));
+  auth::setPromptHandler(
+      std::make_shared<auth::CallbackPromptHandler>([remaining, asked](const auth::Prompt&) {
+        if (asked != nullptr) ++*asked;
+        auth::Answer answer;
+        answer.kind = auth::AnswerKind::Cancel;
+        if (!remaining->empty()) {
+          std::optional<std::string> next = remaining->front();
+          remaining->erase(remaining->begin());
+          if (next) {
+            answer.kind = auth::AnswerKind::Response;
+            answer.response.append(*next);
+          }
+        }
+        return answer;
+      }));
+}
+
+std::string hex(const auth::ExternalForm& token) {
+  static constexpr char kDigits[] = "0123456789abcdef";
+  std::string text;
+  for (std::uint8_t byte : token) {
+    text += kDigits[byte >> 4];
+    text += kDigits[byte & 0xf];
+  }
+  return text;
+}
+
+auth::ExternalForm tokenFromHex(const std::string& text) {
+  auth::ExternalForm token{};
+  for (std::size_t i = 0; i < token.size() && 2 * i + 1 < text.size(); ++i) {
+    token[i] = static_cast<std::uint8_t>(std::stoi(text.substr(2 * i, 2), nullptr, 16));
+  }
+  return token;
+}
+
+}  // namespace krv::test

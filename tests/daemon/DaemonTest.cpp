@@ -12,6 +12,7 @@
 #include <future>
 #include <thread>
 
+#include "authorization/Authorization.h"
 #include "foundation/Archiver.h"
 #include "foundation/DataBlock.h"
 #include "foundation/System.h"
@@ -157,6 +158,35 @@ TEST_F(DaemonTest, ShutdownLetsARunningCommandFinishThenExits) {
   ASSERT_TRUE(status);
   EXPECT_TRUE(WIFEXITED(*status) && WEXITSTATUS(*status) == 0) << *status;
   EXPECT_NE(daemonLog().find("Agent is shutting down."), std::string::npos);
+}
+
+TEST_F(DaemonTest, PreparingUninstallationRemovesEveryRightThenEnds) {
+  const char* legacy = "com.tavorin.remove.system-protecton";
+  ASSERT_EQ(auth::rightSet(legacy, Value("default")), auth::kStatusSuccess);
+  // An administrator's change survives a restart: defined rights are never rewritten.
+  ASSERT_EQ(auth::rightSet("com.tavorin.get.storage-size", Value("allow")), auth::kStatusSuccess);
+  startDaemon();
+  Value definition("");
+  ASSERT_EQ(auth::rightGet("com.tavorin.get.storage-size", &definition), auth::kStatusSuccess);
+  EXPECT_EQ(definition, Value("allow"));
+
+  Error acknowledgement = runCommand(53, {});
+  EXPECT_TRUE(acknowledgement.is("com.tavorin.securityagent", 0)) << acknowledgement.description();
+  EXPECT_TRUE(acknowledgement.userInfo().empty());
+  for (const auto& command : KRVPrivilegedCommand::allImplementedCommandsNeedingAuthorization()) {
+    EXPECT_EQ(auth::rightExists(command->rightName()), auth::kStatusDenied) << command->rightName();
+  }
+  EXPECT_EQ(auth::rightExists(legacy), auth::kStatusDenied);
+  std::optional<int> status = daemon().waitForExit(5s);
+  ASSERT_TRUE(status);
+  EXPECT_TRUE(WIFEXITED(*status) && WEXITSTATUS(*status) == 0);
+  std::string log = daemonLog();
+  EXPECT_NE(log.find("Preparing v3 uninstallation procedure."), std::string::npos);
+  EXPECT_NE(log.find("Removing right definition 'com.tavorin.shutdown.krv-security-tool'"),
+            std::string::npos);
+  EXPECT_NE(log.find("Removing right definition 'com.tavorin.remove.system-protecton'"),
+            std::string::npos);
+  EXPECT_NE(log.find("Handling right definitions succeeded."), std::string::npos);
 }
 
 TEST_F(DaemonTest, ASilentClientIsEndedByTheWatchdog) {

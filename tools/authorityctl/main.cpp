@@ -46,8 +46,8 @@ int failure(const std::string& message) {
 }
 
 int failure(const std::string& what, std::int32_t status) {
-  return failure(what + ": " + std::string(describeStatus(status)) + " (" +
-                 std::to_string(status) + ")");
+  return failure(what + ": " + std::string(describeStatus(status)) + " (" + std::to_string(status) +
+                 ")");
 }
 
 bool checkRightName(const std::string& right) {
@@ -116,7 +116,8 @@ int authorize(const std::string& right) {
                                                 krv::auth::kFlagExtendRights |
                                                 krv::auth::kFlagPreAuthorize);
   authorization->free(krv::auth::kFlagDestroyRights);
-  if (status != krv::auth::kStatusSuccess) return failure("right '" + right + "' not obtained", status);
+  if (status != krv::auth::kStatusSuccess)
+    return failure("right '" + right + "' not obtained", status);
   std::printf("right '%s' obtained\n", right.c_str());
   return 0;
 }

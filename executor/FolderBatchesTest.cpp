@@ -1,0 +1,73 @@
+// The two-thread batches: whoever works a batch, results come back in the order added, and only
+// a bounded number of batches exists at any time.
+
+#include "executor/FolderBatches.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "foundation/System.h"
+
+namespace krv {
+namespace {
+
+TEST(FolderBatchesTest, DeliversInTheOrderAddedWhoeverWorkedTheBatch) {
+  Result<UniqueFd> folder = sys::open("/", O_RDONLY | O_DIRECTORY);
+  ASSERT_TRUE(folder);
+  std::vector<std::string> added;
+  std::vector<std::string> delivered;
+  std::size_t mostPending = 0;
+  std::atomic<int> worked{0};
+  {
+    FolderBatches batches(
+        [&worked](FolderBatches::Batch& batch) {
+          // Uneven work, so that the two threads overtake each other.
+          if (++worked % 3 == 0) std::this_thread::sleep_for(std::chrono::milliseconds(2));
+          batch.forEachName([&batch](const char* name) {
+            batch.records.push_back(ObjectRecord{batch.folderPath + name, {}, 0, {}, 0});
+          });
+        },
+        [&](FolderBatches::Batch& batch) {
+          for (const ObjectRecord& record : batch.records) delivered.push_back(record.path);
+          mostPending = std::max(mostPending, added.size() - delivered.size());
+        });
+    for (int i = 0; i < 20000; ++i) {
+      // New folders now and then, and long runs that fill several batches.
+      std::string folderPath = "folder" + std::to_string(i / (i < 10000 ? 7 : 3000)) + "/";
+      std::string name = "name-" + std::to_string(i);
+      added.push_back(folderPath + name);
+      batches.add(folder->get(), folderPath, name);
+    }
+    batches.finish();
+    EXPECT_EQ(delivered, added);
+  }
+  EXPECT_GT(worked.load(), 50);
+  // At most the bounded number of batches (of about 4 KiB of names each) is ever pending.
+  const std::size_t namesPerBatch = FolderBatches::kBatchBytes / 10 + 1;
+  EXPECT_LE(mostPending, (FolderBatches::kMaximumBatches + 1) * namesPerBatch);
+}
+
+TEST(FolderBatchesTest, DroppingUnfinishedBatchesStopsTheHelper) {
+  Result<UniqueFd> folder = sys::open("/", O_RDONLY | O_DIRECTORY);
+  ASSERT_TRUE(folder);
+  int delivered = 0;
+  {
+    FolderBatches batches(
+        [](FolderBatches::Batch&) { std::this_thread::sleep_for(std::chrono::milliseconds(1)); },
+        [&delivered](FolderBatches::Batch&) { ++delivered; });
+    for (int i = 0; i < 500; ++i) {
+      batches.add(folder->get(), "f" + std::to_string(i) + "/", "x");
+    }
+    // No finish(): the destructor must stop the helper without delivering the rest.
+  }
+  EXPECT_LT(delivered, 500);
+}
+
+}  // namespace
+}  // namespace krv

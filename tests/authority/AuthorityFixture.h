@@ -1,0 +1,70 @@
+#pragma once
+// The fixture of the authorization service's end-to-end tests: a private sandbox (once per test
+// process), a made-up user database (nss_wrapper) and password database (pam_matrix through
+// pam_wrapper), and the real service binary started by socket activation at its real path,
+// "/run/com.tavorin.system.authority.socket", with the wrappers preloaded into it only.
+//
+// The accounts:
+//   alice  1001  administrator (group "sudo")   password "alice-password"
+//   bob    1002  ordinary user                  password "bob-password"
+//   carol  1003  administrator                  password "carol-password", but PAM's account
+//                                               check refuses her for this service
+//   dave   1004  administrator                  empty password
+//   erin   1005  ordinary user                  unknown to PAM
+//   uid 1009 has no account at all.
+
+#include <sys/types.h>
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "authorization/Authorization.h"
+#include "tests/support/ChildProcess.h"
+#include "tests/support/ServiceProcess.h"
+
+namespace krv::test {
+
+inline constexpr uid_t kAlice = 1001;
+inline constexpr uid_t kBob = 1002;
+inline constexpr uid_t kCarol = 1003;
+inline constexpr uid_t kDave = 1004;
+inline constexpr uid_t kErin = 1005;
+inline constexpr uid_t kNobodyKnown = 1009;
+
+inline constexpr const char* kDefaultRight = "com.test.default";
+
+class AuthorityFixture : public ::testing::Test {
+ protected:
+  void SetUp() override;
+  void TearDown() override;
+
+  // Defines a right through the service, as root.
+  void defineRight(const std::string& right, const std::string& rule);
+  std::string rightFile(const std::string& right) const;
+
+  // Runs `body` in a child as the user and returns the lines it sent (until it exits).
+  std::vector<std::string> asUser(uid_t uid, const std::function<void(LineChannel&)>& body);
+
+  ServiceProcess& service() { return *m_service; }
+  std::string serviceLog() const { return m_service ? m_service->standardError() : ""; }
+
+ private:
+  std::optional<ServiceProcess> m_service;
+};
+
+// Installs a prompt handler that answers the prompts with these responses in order (nothing =
+// cancel) and counts the questions in *asked; once the script is used up it cancels.
+void answerPrompts(std::vector<std::optional<std::string>> responses, int* asked = nullptr);
+
+// A service status as a line.
+inline std::string line(std::int32_t status) { return std::to_string(status); }
+
+// Hex text of a token, and back.
+std::string hex(const auth::ExternalForm& token);
+auth::ExternalForm tokenFromHex(const std::string& text);
+
+}  // namespace krv::test

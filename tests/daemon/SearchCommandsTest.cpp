@@ -1,0 +1,186 @@
+// Searches and measurements end to end: the real daemon walks trees in the test's private /tmp,
+// driven through the client library and the real command-line client.
+
+#include <fcntl.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <ctime>
+#include <string>
+#include <vector>
+
+#include "foundation/System.h"
+#include "tests/daemon/DaemonFixture.h"
+
+namespace krv::test {
+namespace {
+
+class SearchCommandsTest : public DaemonTest {
+ protected:
+  void SetUp() override {
+    DaemonTest::SetUp();
+    if (IsSkipped() || HasFatalFailure()) return;
+    ASSERT_EQ(::mkdir(kBase, 0755), 0) << errno;
+  }
+  void TearDown() override {
+    if (m_mounted) ::umount2(kVolume, MNT_DETACH);
+    (void)runProgram("/bin/rm", {"-rf", kBase});
+    DaemonTest::TearDown();
+  }
+
+  static std::string path(const std::string& relative) {
+    return std::string(kBase) + "/" + relative;
+  }
+  static void makeFile(const std::string& relative, time_t modified = 0) {
+    int fd = ::open(path(relative).c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0644);
+    ASSERT_GE(fd, 0) << relative;
+    ::close(fd);
+    if (modified != 0) {
+      struct timespec times[2] = {{modified, 0}, {modified, 0}};
+      ASSERT_EQ(::utimensat(AT_FDCWD, path(relative).c_str(), times, 0), 0);
+    }
+  }
+  void mountVolume() {
+    ASSERT_EQ(::mkdir(kVolume, 0755), 0);
+    ASSERT_EQ(::mount("tmpfs", kVolume, "tmpfs", 0, "size=1m"), 0) << errno;
+    m_mounted = true;
+  }
+
+  static double progressOf(const Error& report) {
+    const Value* progress = report.userInfo().find("CurrentProgress");
+    return progress != nullptr ? progress->asNumber()->doubleValue() : -1.0;
+  }
+  static const Array* recordsOf(const Error& report) {
+    const Value* records = report.userInfo().find("FileSystemObjects");
+    return records != nullptr ? records->asArray() : nullptr;
+  }
+  static std::uint64_t sizeOf(const Error& result) {
+    const Value* size = result.userInfo().find("Size");
+    return size != nullptr ? size->asNumber()->unsignedIntegerValue() : ~0ULL;
+  }
+
+  static constexpr const char* kBase = "/tmp/search";
+  static constexpr const char* kVolume = "/tmp/search/volume";
+  bool m_mounted = false;
+};
+
+TEST_F(SearchCommandsTest, CountThroughTheClientStopsAtTheMarker) {
+  for (int i = 0; i < 999; ++i) makeFile("f" + std::to_string(i));
+  std::vector<Error> reports;
+  Error result = runCommand(51, {Value(kBase), Value("/tmp/marker")}, &reports);
+  ASSERT_TRUE(result.is(kCommandErrorDomain, 0)) << result.description();
+  EXPECT_EQ(sizeOf(result), 1000u);
+  ASSERT_EQ(reports.size(), 2u) << "signs of life at 500 and 1,000";
+  EXPECT_EQ(progressOf(reports[0]), 0.0);
+  EXPECT_EQ(progressOf(reports[1]), 0.0);
+
+  // With the marker in place the count ends after the 499th entry.
+  ASSERT_EQ(::mkdir("/tmp/marker", 0755), 0);
+  for (const char* command : {"51", "count-file-objects"}) {
+    ProgramRun run = runClient({"--json", command, kBase, "/tmp/marker"});
+    ASSERT_EQ(run.exitCode, 0) << run.standardError;
+    EXPECT_NE(run.standardOutput.find("\"Size\":500"), std::string::npos) << run.standardOutput;
+  }
+  ::rmdir("/tmp/marker");
+}
+
+TEST_F(SearchCommandsTest, AgeSearchArrivesInChunksAfterItsFirstProgress) {
+  const time_t old = ::time(nullptr) - 40 * 86400;
+  for (int i = 0; i < 250; ++i) makeFile("old" + std::to_string(i), old);
+  makeFile("new");
+  std::vector<Error> reports;
+  Error result = runCommand(14, {Value(kBase), Value::integer(30), Value::integer(0)}, &reports);
+  ASSERT_TRUE(result.is(kCommandErrorDomain, 0)) << result.description() << daemonLog();
+  ASSERT_EQ(reports.size(), 4u);
+  EXPECT_EQ(progressOf(reports[0]), 0.05);
+  EXPECT_EQ(recordsOf(reports[0]), nullptr);
+  const std::pair<std::size_t, double> chunks[] = {
+      {100, 0.05}, {100, (1.0 / 3.0) * 0.95 + 0.05}, {50, 0.05}};
+  for (std::size_t i = 0; i < 3; ++i) {
+    const Array* records = recordsOf(reports[i + 1]);
+    ASSERT_NE(records, nullptr);
+    EXPECT_EQ(records->size(), chunks[i].first);
+    EXPECT_EQ(progressOf(reports[i + 1]), chunks[i].second);
+    for (const Value& record : *records) {
+      const Dictionary& fields = *record.asDictionary();
+      EXPECT_EQ(fields.find("Path")->asString()->rfind(std::string(kBase) + "/old", 0), 0u);
+      EXPECT_EQ(fields.find("ModificationDate")->asDate()->secondsSince1970,
+                static_cast<double>(old));
+    }
+  }
+}
+
+TEST_F(SearchCommandsTest, WalksStayOnTheVolumeWhenAsked) {
+  makeFile("inside-base");
+  mountVolume();
+  makeFile("volume/inside-volume");
+
+  // The paths of all records a search sends, below the base.
+  auto found = [&](std::uint32_t code, Array arguments) {
+    std::vector<Error> reports;
+    Error result = runCommand(code, std::move(arguments), &reports);
+    EXPECT_TRUE(result.is(kCommandErrorDomain, 0)) << result.description();
+    std::vector<std::string> paths;
+    for (const Error& report : reports) {
+      if (const Array* records = recordsOf(report)) {
+        for (const Value& record : *records) {
+          paths.push_back(record.asDictionary()->find("Path")->asString()->substr(
+              std::string(kBase).size() + 1));
+        }
+      }
+    }
+    std::sort(paths.begin(), paths.end());
+    return paths;
+  };
+  using Paths = std::vector<std::string>;
+  auto patterns = [](const char* stay) {
+    return Array{Value(kBase), Value(stay), Value("1"), Value("inside")};
+  };
+  EXPECT_EQ(found(46, patterns("1")), (Paths{"inside-base"}));
+  EXPECT_EQ(found(46, patterns("0")), (Paths{"inside-base", "volume/inside-volume"}));
+  auto age = [](int stay) { return Array{Value(kBase), Value::integer(0), Value::integer(stay)}; };
+  EXPECT_EQ(found(14, age(1)), (Paths{"inside-base", "volume"}));
+  EXPECT_EQ(found(14, age(0)), (Paths{"inside-base", "volume", "volume/inside-volume"}));
+
+  // The count always stays: the base, its file and the mount point.
+  Error count = runCommand(51, {Value(kBase), Value("/tmp/marker")});
+  EXPECT_EQ(sizeOf(count), 3u);
+}
+
+TEST_F(SearchCommandsTest, PrefixSearchAndMeasurementsThroughTheClient) {
+  ASSERT_EQ(::mkdir(path("sub").c_str(), 0755), 0);
+  int fd = ::open(path("sub/data").c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0644);
+  ASSERT_GE(fd, 0);
+  ASSERT_EQ(::write(fd, "0123456789", 10), 10);
+  ::close(fd);
+  makeFile("subject.txt");
+  struct stat folder {};
+  ASSERT_EQ(::lstat(path("sub").c_str(), &folder), 0);
+
+  ProgramRun folders = runClient({"--json", "16", kBase, "sub", "", "1"});
+  ASSERT_EQ(folders.exitCode, 0) << folders.standardError;
+  EXPECT_NE(folders.standardOutput.find("\"Path\":\"/tmp/search/sub\""), std::string::npos)
+      << folders.standardOutput;
+  EXPECT_EQ(folders.standardOutput.find("subject"), std::string::npos) << folders.standardOutput;
+  ProgramRun files = runClient({"--json", "16", kBase, "sub", "txt", "0"});
+  EXPECT_NE(files.standardOutput.find("\"Path\":\"/tmp/search/subject.txt\""), std::string::npos)
+      << files.standardOutput;
+
+  ProgramRun size = runClient({"--json", "17", kBase});
+  ASSERT_EQ(size.exitCode, 0) << size.standardError;
+  EXPECT_NE(size.standardOutput.find("\"Size\":" + std::to_string(10 + folder.st_size)),
+            std::string::npos)
+      << size.standardOutput;
+
+  ProgramRun inspect = runClient({"--json", "15", path("sub")});
+  EXPECT_NE(inspect.standardOutput.find("\"ExistenceInfo\":1"), std::string::npos)
+      << inspect.standardOutput;
+  Error missing = runCommand(17, {Value(path("missing"))});
+  EXPECT_TRUE(missing.is(kPosixErrorDomain, ENOENT)) << missing.description();
+}
+
+}  // namespace
+}  // namespace krv::test
