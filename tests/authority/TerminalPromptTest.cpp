@@ -8,6 +8,9 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include <string>
+#include <vector>
+
 #include "tests/authority/AuthorityFixture.h"
 
 namespace krv::test {
@@ -20,6 +23,12 @@ class TerminalPromptTest : public AuthorityFixture {
   // Starts `authorityctl authorize RIGHT` as alice with the terminal as its controlling terminal
   // and its standard input, output and error.
   ChildProcess startAuthorize(const std::string& right) {
+    return startOnTerminal({KRV_AUTHORITYCTL_BINARY, "authorize", right});
+  }
+
+  // Starts a program as alice on a new pseudo-terminal, its controlling terminal and its standard
+  // input, output and error.
+  ChildProcess startOnTerminal(std::vector<std::string> command) {
     int master = -1;
     int slave = -1;
     EXPECT_EQ(::openpty(&master, &slave, nullptr, nullptr, nullptr), 0);
@@ -27,11 +36,13 @@ class TerminalPromptTest : public AuthorityFixture {
     m_master.reset(master);
     UniqueFd slaveEnd(slave);
     Result<ChildProcess> child =
-        ChildProcess::start({kAlice, kAlice}, [slave, right](LineChannel&) {
+        ChildProcess::start({kAlice, kAlice}, [slave, command](LineChannel&) {
           if (::setsid() < 0 || ::ioctl(slave, TIOCSCTTY, 0) != 0) return 90;
           for (int fd = 0; fd < 3; ++fd) ::dup2(slave, fd);
-          const char* argv[] = {KRV_AUTHORITYCTL_BINARY, "authorize", right.c_str(), nullptr};
-          ::execv(argv[0], const_cast<char**>(argv));
+          std::vector<char*> argv;
+          for (const std::string& word : command) argv.push_back(const_cast<char*>(word.c_str()));
+          argv.push_back(nullptr);
+          ::execv(argv[0], argv.data());
           return 127;
         });
     EXPECT_TRUE(child.ok());
@@ -91,6 +102,22 @@ TEST_F(TerminalPromptTest, ThreeWrongPasswordsEndInDenial) {
   EXPECT_EQ(client.wait(10s).valueOr(-1), 1);
   EXPECT_NE(m_screen.find("Sorry, try again."), std::string::npos) << m_screen;
   EXPECT_EQ(m_screen.find("guess"), std::string::npos) << m_screen;
+}
+
+TEST_F(TerminalPromptTest, TheCommandLineClientAsksForThePasswordAndRunsTheCommand) {
+  // The daemon, started as the service manager would, defines its rights with the service.
+  Result<ServiceProcess> daemon = ServiceProcess::start(
+      {"/run/com.tavorin.system.securityagent3.socket", KRV_DAEMON_BINARY, {"d"}, {}, 0666});
+  ASSERT_TRUE(daemon.ok());
+  ChildProcess client = startOnTerminal({KRV_CLIENT_BINARY, "whoami", "1"});
+  ASSERT_TRUE(readUntil("assword")) << m_screen;
+  EXPECT_FALSE(echoing());
+  type("alice-password\n");
+  // The diagnostic's progress, then the program's output: the daemon's user.
+  ASSERT_TRUE(readUntil("OK")) << m_screen << daemon->standardError();
+  ASSERT_TRUE(readUntil("OutputChannel: root")) << m_screen;
+  EXPECT_EQ(client.wait(10s).valueOr(-1), 0);
+  EXPECT_EQ(m_screen.find("alice-password"), std::string::npos) << m_screen;
 }
 
 }  // namespace
