@@ -6,10 +6,10 @@
 // from the root); the age search and the storage size share those reads with a helper thread
 // (executor/FolderBatches.h). They keep nothing per object beyond the object: the age and prefix
 // searches spool their records (executor/ObjectRecords.h), the multi-pattern search holds the
-// records of at most 100 objects, the measurements hold a number. The searches stop without a result once the
-// client is gone: at a failed send, and, in walks that send nothing for a long time, when the
-// response pipe shows that nobody reads it any more. The count alone never stops for that: only
-// its abort marker stops it.
+// records of at most 100 objects, the measurements hold a number. The searches stop without a
+// result once the client is gone: at a failed send, and, in walks that send nothing for a long
+// time, when the response pipe shows that nobody reads it any more. The count alone never stops for
+// that: only its abort marker stops it.
 
 #include <fcntl.h>
 #include <limits.h>

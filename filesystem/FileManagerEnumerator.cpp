@@ -71,6 +71,12 @@ std::optional<std::string_view> FileManagerEnumerator::nextRelativePath() {
 void FileManagerEnumerator::descend() {
   m_descendPending = false;
   if (m_levels.empty()) return;
+  // Each open level costs a descriptor and a buffer: a tree built deeper than any real one is
+  // reported, not followed to the end of the daemon's memory.
+  if (m_levels.size() >= kMaximumDepth) {
+    noteError(Error::posix(ELOOP, "folder nesting"));
+    return;
+  }
   // O_NOFOLLOW: a folder replaced by a link since it was listed is not entered.
   Result<UniqueFd> folder = sys::openAt(m_levels.back().reader.fd(), m_path.c_str() + m_nameStart,
                                         kFolderOpenFlags | O_NOFOLLOW);

@@ -7,10 +7,11 @@
 // handed out last.
 //
 // Every level is opened relative to its parent's descriptor with O_NOFOLLOW, so the walk is
-// immune to links swapped into the tree and knows no path length limit; depth is bounded only by
-// the process's descriptor limit (one descriptor and one small buffer per open level). A folder
-// that cannot be entered or read is handed out but its contents are passed over; the first such
-// failure is kept in firstError().
+// immune to links swapped into the tree and knows no path length limit. Each open level costs one
+// descriptor and one small buffer, so the walk enters at most kMaximumDepth levels (far beyond any
+// real tree; a deeper folder counts as one that cannot be entered, with ELOOP). A folder that
+// cannot be entered or read is handed out but its contents are passed over; the first such failure
+// is kept in firstError().
 //
 // Owns its descriptors; movable, not copyable; one thread at a time.
 
@@ -27,6 +28,8 @@ namespace krv {
 
 class FileManagerEnumerator {
  public:
+  static constexpr std::size_t kMaximumDepth = kMaximumTreeDepth;
+
   // Errors: the POSIX error of opening the base folder, with FailingPath.
   static Result<FileManagerEnumerator> open(const std::string& path);
 

@@ -243,3 +243,42 @@ TEST_F(FileManagerTreeTest, EnumeratorWalksPreOrderAndStaysOutOfLinks) {
 
 }  // namespace
 }  // namespace krv
+
+namespace krv {
+namespace {
+
+TEST(FileManagerEnumeratorTest, ATreeDeeperThanTheWalkGoesIsReportedNotFollowed) {
+  test::TestFileTree tree;
+  // Build the chain relative to open folders: its paths are far longer than PATH_MAX.
+  UniqueFd folder(::open(tree.path("").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  const std::size_t depth = FileManagerEnumerator::kMaximumDepth + 2;
+  for (std::size_t level = 0; level < depth; ++level) {
+    ASSERT_EQ(::mkdirat(folder.get(), "d", 0755), 0);
+    folder.reset(::openat(folder.get(), "d", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    ASSERT_TRUE(folder.valid());
+  }
+  Result<FileManagerEnumerator> walk = FileManager::enumerator(tree.path(""));
+  ASSERT_TRUE(walk);
+  std::size_t count = 0;
+  while (walk->nextObject()) ++count;
+  EXPECT_EQ(count, FileManagerEnumerator::kMaximumDepth);
+  ASSERT_TRUE(walk->firstError());
+  EXPECT_EQ(walk->firstError()->code(), ELOOP);
+  // The removal reports the same limit instead of following it; the tree stays for the fixture
+  // to clear level by level.
+  Status removed = FileManager::removeItem(tree.path("d"));
+  ASSERT_FALSE(removed);
+  EXPECT_EQ(removed.error().code(), ELOOP);
+  folder.reset(::open(tree.path("").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  for (std::size_t level = 0; level + 2 < depth; ++level) {
+    folder.reset(::openat(folder.get(), "d", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  }
+  // The two deepest levels by hand; then the walk reaches all the rest.
+  UniqueFd last(::openat(folder.get(), "d", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  ASSERT_EQ(::unlinkat(last.get(), "d", AT_REMOVEDIR), 0);
+  ASSERT_EQ(::unlinkat(folder.get(), "d", AT_REMOVEDIR), 0);
+  EXPECT_TRUE(FileManager::removeItem(tree.path("d")));
+}
+
+}  // namespace
+}  // namespace krv

@@ -186,6 +186,7 @@ Status TreeCopy::copyTop(int fromParentFd, const std::string& fromName, int toPa
 }
 
 Status TreeCopy::enterFolder(int fromFd, const char* name, int toFd, const char* toName) {
+  if (m_frames.size() >= kMaximumTreeDepth) return atSource(Error::posix(ELOOP, "folder nesting"));
   Result<UniqueFd> source = sys::openAt(fromFd, name, kFolderFlags);
   if (!source) return atSource(source.error());
   Result<struct statx> status = sys::statxAt(source->get(), "", AT_EMPTY_PATH);
@@ -322,6 +323,9 @@ Status removeTree(int parentFd, const std::string& name, const std::string& path
         return FileManager::error(unlinked.error(), current);
       }
       return FileManager::error(folder.error(), current);
+    }
+    if (frames.size() >= kMaximumTreeDepth) {
+      return FileManager::error(Error::posix(ELOOP, "folder nesting"), current);
     }
     frames.push_back(
         RemovalFrame{FolderReader(std::move(*folder)), std::move(entryName), current.size(), 0});

@@ -20,6 +20,11 @@
 
 namespace krv {
 
+// The deepest a walk of the file manager goes. Every open level holds a descriptor and a reader's
+// buffer, so a tree built deeper than any real one is reported (ELOOP) instead of being followed
+// to the end of the daemon's memory.
+inline constexpr std::size_t kMaximumTreeDepth = 4096;
+
 class FolderReader {
  public:
   static constexpr std::size_t kSmallBuffer = 4096;
