@@ -183,12 +183,12 @@ void KRVCommandExecutor::startThread(std::unique_ptr<KRVCommandExecutor> executo
   // Commands keep their large buffers off the stack; a smaller stack makes every thread cheaper.
   ::pthread_attr_setstacksize(&attributes, kCommandThreadStackSize);
   pthread_t thread;
-  int error = ::pthread_create(&thread, &attributes, runCommandThread, work.get());
+  // The thread owns the work from here on; only a thread that was never started gives it back.
+  ThreadWork* handedOver = work.release();
+  int error = ::pthread_create(&thread, &attributes, runCommandThread, handedOver);
   ::pthread_attr_destroy(&attributes);
-  if (error == 0) {
-    work.release();  // the thread owns it now
-    return;
-  }
+  if (error == 0) return;
+  work.reset(handedOver);
   // Without a thread the command cannot run; its client sees the pipe end without a result.
   errno = error;
   if (work->executor->log() != nullptr) {
