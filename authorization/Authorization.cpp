@@ -93,6 +93,20 @@ Outcome exchange(const Request& request, PromptHandler* handler) {
 
 void wipeToken(ExternalForm& token) { wipe(token.data(), token.size()); }
 
+// One operation about a token; the request's copy of the token is wiped afterwards.
+std::int32_t tokenOperation(Operation operation, const ExternalForm& token, std::uint32_t flags,
+                            std::string_view rightName, uid_t user, PromptHandler* handler) {
+  Request request;
+  request.operation = operation;
+  request.token = token;
+  request.right = std::string(rightName);
+  request.flags = flags;
+  request.user = user;
+  std::int32_t status = exchange(request, handler).status;
+  wipeToken(request.token);
+  return status;
+}
+
 class ClientAuthorization final : public Authorization {
  public:
   explicit ClientAuthorization(const ExternalForm& token) : m_token(token) {}
@@ -109,14 +123,7 @@ class ClientAuthorization final : public Authorization {
       // Without a way to ask, the service must not start a conversation nobody can answer.
       if (!handler || !handler->canAsk()) flags &= ~kFlagInteractionAllowed;
     }
-    Request request;
-    request.operation = Operation::CopyRights;
-    request.token = m_token;
-    request.right = std::string(rightName);
-    request.flags = flags;
-    Outcome outcome = exchange(request, handler.get());
-    wipeToken(request.token);
-    return outcome.status;
+    return tokenOperation(Operation::CopyRights, m_token, flags, rightName, 0, handler.get());
   }
 
   std::int32_t makeExternalForm(ExternalForm& out) override {
@@ -128,14 +135,9 @@ class ClientAuthorization final : public Authorization {
   std::int32_t free(std::uint32_t flags) override {
     if (!m_live) return kStatusInvalidRef;
     m_live = false;
-    Request request;
-    request.operation = Operation::Free;
-    request.token = m_token;
-    request.flags = flags;
-    Outcome outcome = exchange(request, nullptr);
-    wipeToken(request.token);
+    std::int32_t status = tokenOperation(Operation::Free, m_token, flags, {}, 0, nullptr);
     wipeToken(m_token);
-    return outcome.status;
+    return status;
   }
 
  private:
@@ -152,15 +154,7 @@ class ServerAuthorization final : public Authorization {
 
   std::int32_t copyRights(std::string_view rightName, std::uint32_t flags) override {
     if (!m_live) return kStatusInvalidRef;
-    Request request;
-    request.operation = Operation::Validate;
-    request.token = m_token;
-    request.right = std::string(rightName);
-    request.flags = flags;
-    request.user = m_claimedUser;
-    Outcome outcome = exchange(request, nullptr);
-    wipeToken(request.token);
-    return outcome.status;
+    return tokenOperation(Operation::Validate, m_token, flags, rightName, m_claimedUser, nullptr);
   }
 
   std::int32_t makeExternalForm(ExternalForm& out) override {
@@ -174,12 +168,7 @@ class ServerAuthorization final : public Authorization {
     m_live = false;
     std::int32_t status = kStatusSuccess;
     if ((flags & kFlagDestroyRights) != 0) {
-      Request request;
-      request.operation = Operation::DestroyRights;
-      request.token = m_token;
-      request.user = m_claimedUser;
-      status = exchange(request, nullptr).status;
-      wipeToken(request.token);
+      status = tokenOperation(Operation::DestroyRights, m_token, 0, {}, m_claimedUser, nullptr);
     }
     wipeToken(m_token);
     return status;

@@ -17,10 +17,10 @@
 #include <string>
 #include <thread>
 
+#include "bench/BenchServices.h"
 #include "foundation/Archiver.h"
 #include "foundation/DataBlock.h"
 #include "protocol/KRVSecurityAgent.h"
-#include "tests/support/Sandbox.h"
 #include "tests/support/ServiceProcess.h"
 
 namespace {
@@ -29,15 +29,6 @@ using namespace krv;
 using Clock = std::chrono::steady_clock;
 
 constexpr const char* kFloorSocket = "/run/krv-floor.socket";
-
-long residentKiB(pid_t pid) {
-  std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-  std::string line;
-  while (std::getline(status, line)) {
-    if (line.rfind("VmRSS:", 0) == 0) return std::stol(line.substr(6));
-  }
-  return -1;
-}
 
 bool versionRoundTrip(KRVSecurityAgent& agent) {
   auto command = KRVPrivilegedCommand::privilegedCommandWithCode(1, {});
@@ -99,32 +90,15 @@ double bestRate(int rounds, int perRound, RoundTrip roundTrip) {
 
 int main(int argc, char** argv) {
   int requests = argc > 1 ? std::atoi(argv[1]) : 10000;
-  if (Status sandbox = test::enterPrivateSandbox(); !sandbox) {
-    std::fprintf(stderr, "needs root: %s\n", sandbox.error().description().c_str());
-    return 1;
-  }
   std::string binaries = argc > 2 ? argv[2] : KRV_BINARY_DIR;
-  Result<test::ServiceProcess> authority =
-      test::ServiceProcess::start({"/run/com.tavorin.system.authority.socket",
-                                   binaries + "/authorization/service/com.tavorin.system.authority",
-                                   {},
-                                   {},
-                                   0666});
-  Result<test::ServiceProcess> daemon =
-      test::ServiceProcess::start({"/run/com.tavorin.system.securityagent3.socket",
-                                   binaries + "/daemon/com.tavorin.system.securityagent3",
-                                   {},
-                                   {},
-                                   0666});
-  if (!authority || !daemon) {
-    std::fprintf(stderr, "cannot start the services\n");
-    return 1;
-  }
+  std::optional<bench::Services> services = bench::startServices(binaries);
+  if (!services) return 1;
+  test::ServiceProcess* daemon = &services->daemon;
   std::optional<KRVSecurityAgent> agent =
       KRVSecurityAgent::init("/run/com.tavorin.system.securityagent3.socket");
 
   for (int i = 0; i < 100; ++i) versionRoundTrip(*agent);
-  long after100 = residentKiB(daemon->pid());
+  long after100 = bench::statusKiB(daemon->pid(), "VmRSS:");
 
   auto probe = KRVPrivilegedCommand::privilegedCommandWithCode(1, {});
   Data request = archiveSequential(*probe);
@@ -139,7 +113,7 @@ int main(int argc, char** argv) {
         std::max(daemonRate, bestRate(1, perRound, [&] { return versionRoundTrip(*agent); }));
     floorRate = std::max(floorRate, bestRate(1, perRound, [&] { return floorRoundTrip(request); }));
   }
-  long afterAll = residentKiB(daemon->pid());
+  long afterAll = bench::statusKiB(daemon->pid(), "VmRSS:");
 
   std::printf("version round trips:      %.0f per second (best of %d rounds of %d)\n", daemonRate,
               kRounds, perRound);

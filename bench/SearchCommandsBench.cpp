@@ -29,8 +29,8 @@
 #include <string>
 #include <vector>
 
+#include "bench/BenchServices.h"
 #include "protocol/KRVSecurityAgent.h"
-#include "tests/support/Sandbox.h"
 #include "tests/support/ServiceProcess.h"
 
 extern char** environ;
@@ -131,15 +131,6 @@ std::uint64_t sizeOf(const Error& result) {
                                                         : 0;
 }
 
-long statusKiB(pid_t pid, const char* field) {
-  std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-  std::string line;
-  while (std::getline(status, line)) {
-    if (line.rfind(field, 0) == 0) return std::stol(line.substr(std::string(field).size()));
-  }
-  return -1;
-}
-
 double median(std::vector<double> values) {
   std::sort(values.begin(), values.end());
   return values.empty() ? 0 : values[values.size() / 2];
@@ -163,26 +154,9 @@ int main(int argc, char** argv) {
     }
   }
 
-  if (Status sandbox = test::enterPrivateSandbox(); !sandbox) {
-    std::fprintf(stderr, "needs root: %s\n", sandbox.error().description().c_str());
-    return 1;
-  }
-  Result<test::ServiceProcess> authority =
-      test::ServiceProcess::start({"/run/com.tavorin.system.authority.socket",
-                                   binaries + "/authorization/service/com.tavorin.system.authority",
-                                   {},
-                                   {},
-                                   0666});
-  Result<test::ServiceProcess> daemon =
-      test::ServiceProcess::start({"/run/com.tavorin.system.securityagent3.socket",
-                                   binaries + "/daemon/com.tavorin.system.securityagent3",
-                                   {},
-                                   {},
-                                   0666});
-  if (!authority || !daemon) {
-    std::fprintf(stderr, "cannot start the services\n");
-    return 1;
-  }
+  std::optional<bench::Services> services = bench::startServices(binaries);
+  if (!services) return 1;
+  test::ServiceProcess* daemon = &services->daemon;
   // The first request waits for the daemon's start-up.
   for (int attempt = 0; attempt < 100 && timeDaemon(1, {}).result.code() != 0; ++attempt) {
     ::usleep(50000);
@@ -221,8 +195,8 @@ int main(int argc, char** argv) {
     age = timeDaemon(14, ageArguments);
     ageTimes.push_back(age.seconds);
   }
-  const long peak = statusKiB(daemon->pid(), "VmHWM:");
-  const long resident = statusKiB(daemon->pid(), "VmRSS:");
+  const long peak = bench::statusKiB(daemon->pid(), "VmHWM:");
+  const long resident = bench::statusKiB(daemon->pid(), "VmRSS:");
 
   struct stat base {};
   ::stat(tree.c_str(), &base);

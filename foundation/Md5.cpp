@@ -67,34 +67,17 @@ void Md5::transform(const std::uint8_t* block) {
 }
 
 void Md5::update(std::span<const std::uint8_t> bytes) {
-  m_length += bytes.size();
-  std::size_t offset = 0;
-  if (m_buffered > 0) {
-    std::size_t take = std::min(bytes.size(), m_buffer.size() - m_buffered);
-    std::memcpy(m_buffer.data() + m_buffered, bytes.data(), take);
-    m_buffered += take;
-    offset = take;
-    if (m_buffered < m_buffer.size()) return;
-    transform(m_buffer.data());
-    m_buffered = 0;
-  }
-  for (; offset + 64 <= bytes.size(); offset += 64) transform(bytes.data() + offset);
-  std::memcpy(m_buffer.data(), bytes.data() + offset, bytes.size() - offset);
-  m_buffered = bytes.size() - offset;
+  m_blocks.feed(bytes, [this](const std::uint8_t* block) { transform(block); });
 }
 
 Md5::Digest Md5::finish() {
-  std::uint64_t bitLength = m_length * 8;
-  std::uint8_t padding[72] = {0x80};
-  std::size_t padLength = (m_buffered < 56) ? (56 - m_buffered) : (120 - m_buffered);
-  update(std::span<const std::uint8_t>(padding, padLength));
-  std::uint8_t lengthBytes[8];
-  for (int i = 0; i < 8; ++i) lengthBytes[i] = static_cast<std::uint8_t>(bitLength >> (8 * i));
-  update(lengthBytes);
+  m_blocks.pad(BlockBuffer::LengthOrder::LittleEndian,
+               [this](const std::uint8_t* block) { transform(block); });
   Digest digest;
   for (int i = 0; i < 4; ++i) {
-    for (int j = 0; j < 4; ++j)
+    for (int j = 0; j < 4; ++j) {
       digest[i * 4 + j] = static_cast<std::uint8_t>(m_state[i] >> (8 * j));
+    }
   }
   return digest;
 }

@@ -6,6 +6,8 @@
 #include <span>
 #include <string>
 
+#include "foundation/BlockBuffer.h"
+
 namespace krv {
 
 class Md5 {
@@ -24,9 +26,7 @@ class Md5 {
   void transform(const std::uint8_t* block);
 
   std::array<std::uint32_t, 4> m_state;
-  std::uint64_t m_length = 0;  // bytes processed
-  std::array<std::uint8_t, 64> m_buffer{};
-  std::size_t m_buffered = 0;
+  BlockBuffer m_blocks;
 };
 
 }  // namespace krv

@@ -71,36 +71,12 @@ void Sha256::transform(const std::uint8_t* block) {
 }
 
 void Sha256::update(std::span<const std::uint8_t> bytes) {
-  m_length += bytes.size();
-  std::size_t offset = 0;
-  if (m_buffered > 0) {
-    std::size_t take = std::min(bytes.size(), m_buffer.size() - m_buffered);
-    std::memcpy(m_buffer.data() + m_buffered, bytes.data(), take);
-    m_buffered += take;
-    offset = take;
-    if (m_buffered < m_buffer.size()) return;
-    transform(m_buffer.data());
-    m_buffered = 0;
-  }
-  while (bytes.size() - offset >= 64) {
-    transform(bytes.data() + offset);
-    offset += 64;
-  }
-  if (offset < bytes.size()) {
-    std::memcpy(m_buffer.data(), bytes.data() + offset, bytes.size() - offset);
-    m_buffered = bytes.size() - offset;
-  }
+  m_blocks.feed(bytes, [this](const std::uint8_t* block) { transform(block); });
 }
 
 Sha256::Digest Sha256::finish() {
-  const std::uint64_t bitLength = m_length * 8;
-  const std::uint8_t marker = 0x80;
-  update({&marker, 1});
-  const std::uint8_t zero = 0;
-  while (m_buffered != 56) update({&zero, 1});
-  std::uint8_t lengthBytes[8];
-  for (int i = 0; i < 8; ++i) lengthBytes[i] = static_cast<std::uint8_t>(bitLength >> (56 - 8 * i));
-  update(lengthBytes);
+  m_blocks.pad(BlockBuffer::LengthOrder::BigEndian,
+               [this](const std::uint8_t* block) { transform(block); });
   Digest digest{};
   for (int i = 0; i < 8; ++i) {
     for (int j = 0; j < 4; ++j) {

@@ -12,6 +12,8 @@
 #include <span>
 #include <string>
 
+#include "foundation/BlockBuffer.h"
+
 namespace krv {
 
 class Sha256 {
@@ -30,9 +32,7 @@ class Sha256 {
   void transform(const std::uint8_t* block);
 
   std::array<std::uint32_t, 8> m_state;
-  std::uint64_t m_length = 0;  // bytes processed
-  std::array<std::uint8_t, 64> m_buffer{};
-  std::size_t m_buffered = 0;
+  BlockBuffer m_blocks;
 };
 
 // True when both spans hold the same bytes. For spans of equal length the time taken depends only

@@ -1,0 +1,58 @@
+#pragma once
+// What the whole-system benchmarks share: a private sandbox with the authorization service and
+// the daemon started by socket activation, as the service manager would start them.
+
+#include <sys/types.h>
+
+#include <cstdio>
+#include <fstream>
+#include <optional>
+#include <string>
+
+#include "tests/support/Sandbox.h"
+#include "tests/support/ServiceProcess.h"
+
+namespace krv::bench {
+
+// A memory figure of a process in KiB from /proc/<pid>/status ("VmRSS:", "VmHWM:"); -1 if none.
+inline long statusKiB(pid_t pid, const char* field) {
+  std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+  std::string line;
+  while (std::getline(status, line)) {
+    if (line.rfind(field, 0) == 0) return std::stol(line.substr(std::string(field).size()));
+  }
+  return -1;
+}
+
+struct Services {
+  test::ServiceProcess authority;
+  test::ServiceProcess daemon;
+};
+
+// Enters the sandbox and starts both services from the build folder `binaries`. Needs root;
+// reports why on standard error when it fails.
+inline std::optional<Services> startServices(const std::string& binaries) {
+  if (Status sandbox = test::enterPrivateSandbox(); !sandbox) {
+    std::fprintf(stderr, "needs root: %s\n", sandbox.error().description().c_str());
+    return std::nullopt;
+  }
+  Result<test::ServiceProcess> authority =
+      test::ServiceProcess::start({"/run/com.tavorin.system.authority.socket",
+                                   binaries + "/authorization/service/com.tavorin.system.authority",
+                                   {},
+                                   {},
+                                   0666});
+  Result<test::ServiceProcess> daemon =
+      test::ServiceProcess::start({"/run/com.tavorin.system.securityagent3.socket",
+                                   binaries + "/daemon/com.tavorin.system.securityagent3",
+                                   {},
+                                   {},
+                                   0666});
+  if (!authority || !daemon) {
+    std::fprintf(stderr, "cannot start the services\n");
+    return std::nullopt;
+  }
+  return Services{std::move(*authority), std::move(*daemon)};
+}
+
+}  // namespace krv::bench
