@@ -40,14 +40,14 @@ enum Field : unsigned {
   kDefinition = 1u << 5,
 };
 
-struct OperationSpec {
+struct OperationLayout {
   Operation operation;
   std::string_view name;
   unsigned required;
   unsigned optional;
 };
 
-constexpr OperationSpec kOperations[] = {
+constexpr OperationLayout kOperations[] = {
     {Operation::Create, "Create", 0, 0},
     {Operation::CopyRights, "CopyRights", kToken | kRight | kFlags, kUserName},
     {Operation::Free, "Free", kToken | kFlags, 0},
@@ -159,8 +159,8 @@ void appendText(Data& out, std::string_view text) {
 }  // namespace
 
 std::string_view operationName(Operation operation) {
-  for (const OperationSpec& spec : kOperations) {
-    if (spec.operation == operation) return spec.name;
+  for (const OperationLayout& layout : kOperations) {
+    if (layout.operation == operation) return layout.name;
   }
   return "Unknown";
 }
@@ -180,14 +180,14 @@ DecodedRequest decodeRequest(std::span<const std::uint8_t> payload) {
   if (operationValue == nullptr || operationValue->asString() == nullptr) {
     return refuse(kStatusInvalidSet);
   }
-  const OperationSpec* spec = nullptr;
-  for (const OperationSpec& candidate : kOperations) {
-    if (candidate.name == *operationValue->asString()) spec = &candidate;
+  const OperationLayout* layout = nullptr;
+  for (const OperationLayout& candidate : kOperations) {
+    if (candidate.name == *operationValue->asString()) layout = &candidate;
   }
-  if (spec == nullptr) return refuse(kStatusInvalidSet);
+  if (layout == nullptr) return refuse(kStatusInvalidSet);
 
   Request& request = decoded.request;
-  request.operation = spec->operation;
+  request.operation = layout->operation;
   unsigned present = 0;
   for (const auto& [key, value] : *dictionary) {
     if (key == kOperationKey) continue;
@@ -205,7 +205,7 @@ DecodedRequest decodeRequest(std::span<const std::uint8_t> payload) {
     } else if (key == kDefinitionKey) {
       field = kDefinition;
     }
-    if (field == 0 || ((spec->required | spec->optional) & field) == 0) {
+    if (field == 0 || ((layout->required | layout->optional) & field) == 0) {
       return refuse(kStatusInvalidSet);
     }
     present |= field;
@@ -253,18 +253,18 @@ DecodedRequest decodeRequest(std::span<const std::uint8_t> payload) {
         return refuse(kStatusInvalidSet);
     }
   }
-  if ((present & spec->required) != spec->required) return refuse(kStatusInvalidSet);
+  if ((present & layout->required) != layout->required) return refuse(kStatusInvalidSet);
   return decoded;
 }
 
 Data encodeRequest(const Request& request) {
   Dictionary dictionary;
-  const OperationSpec* spec = nullptr;
-  for (const OperationSpec& candidate : kOperations) {
-    if (candidate.operation == request.operation) spec = &candidate;
+  const OperationLayout* layout = nullptr;
+  for (const OperationLayout& candidate : kOperations) {
+    if (candidate.operation == request.operation) layout = &candidate;
   }
   dictionary.append(std::string(kOperationKey), Value(operationName(request.operation)));
-  const unsigned fields = spec != nullptr ? spec->required | spec->optional : 0;
+  const unsigned fields = layout != nullptr ? layout->required | layout->optional : 0;
   if (fields & kToken) {
     dictionary.append(std::string(kTokenKey),
                       Value(Data(request.token.begin(), request.token.end())));
