@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <string>
 
 #include "authorization/RightsStore.h"
@@ -43,17 +44,6 @@ class RightsStoreTest : public ::testing::Test {
     EXPECT_TRUE(bytes.ok());
     return bytes ? std::string(bytes->begin(), bytes->end()) : std::string();
   }
-  std::size_t entriesInFolder() const {
-    std::size_t count = 0;
-    Result<sys::DirectoryStream> stream = sys::openDirectory(m_folder);
-    if (!stream) return 0;
-    while (dirent* entry = ::readdir(stream->get())) {
-      std::string name = entry->d_name;
-      if (name != "." && name != "..") ++count;
-    }
-    return count;
-  }
-
   std::string m_base;
   std::string m_folder;
   std::unique_ptr<RightsStore> m_store;
@@ -80,58 +70,57 @@ TEST(RightNameTest, AcceptsOnlyPlainNames) {
   for (const auto& [name, valid] : cases) EXPECT_EQ(isValidRightName(name), valid) << name;
 }
 
-TEST(RightDefinitionTest, ReadsBothFormsAndRefusesOthers) {
-  Dictionary full;
-  full.append("rule", Value("default"));
-  full.append("comment", Value("Set the time"));
-  Dictionary ruleOnly;
-  ruleOnly.append("rule", Value("allow"));
-  Dictionary extraKey = full;
-  extraKey.append("timeout", Value::integer(5));
-  Dictionary noRule;
-  noRule.append("comment", Value("x"));
-  Dictionary badRule;
-  badRule.append("rule", Value("../deny"));
-  Dictionary longComment;
-  longComment.append("rule", Value("default"));
-  longComment.append("comment", Value(std::string(kMaximumCommentLength + 1, 'c')));
+Value dictionary(std::initializer_list<std::pair<const char*, Value>> entries) {
+  Dictionary result;
+  for (const auto& [key, value] : entries) result.append(key, value);
+  return Value(std::move(result));
+}
 
+TEST(RightDefinitionTest, ReadsBothFormsAndRefusesOthers) {
+  const Value full = dictionary({{"rule", Value("default")}, {"comment", Value("Set the time")}});
   EXPECT_EQ(*definitionFromValue(Value("default")), (RightDefinition{"default", ""}));
-  EXPECT_EQ(*definitionFromValue(Value(full)), (RightDefinition{"default", "Set the time"}));
-  EXPECT_EQ(*definitionFromValue(Value(ruleOnly)), (RightDefinition{"allow", ""}));
-  for (const Value& bad : {Value(extraKey), Value(noRule), Value(badRule), Value(longComment),
-                           Value(""), Value::integer(1), Value(Array{Value("default")})}) {
+  EXPECT_EQ(*definitionFromValue(full), (RightDefinition{"default", "Set the time"}));
+  EXPECT_EQ(*definitionFromValue(dictionary({{"rule", Value("allow")}})),
+            (RightDefinition{"allow", ""}));
+  const Value refused[] = {
+      dictionary({{"rule", Value("default")}, {"timeout", Value::integer(5)}}),
+      dictionary({{"comment", Value("x")}}),
+      dictionary({{"rule", Value("../deny")}}),
+      dictionary({{"rule", Value("default")},
+                  {"comment", Value(std::string(kMaximumCommentLength + 1, 'c'))}}),
+      Value(""),
+      Value::integer(1),
+      Value(Array{Value("default")}),
+  };
+  for (const Value& bad : refused) {
     EXPECT_FALSE(definitionFromValue(bad).ok()) << bad.description();
   }
   // The value form is the plain rule name exactly when there is no comment.
   EXPECT_EQ(definitionValue({"default", ""}), Value("default"));
-  EXPECT_EQ(definitionValue({"default", "Set the time"}), Value(full));
+  EXPECT_EQ(definitionValue({"default", "Set the time"}), full);
 }
 
-TEST_F(RightsStoreTest, SetWritesAnXmlFileThatLookupReads) {
-  ASSERT_TRUE(m_store->set("com.test.clock", {"default", "Set the clock"}));
+TEST_F(RightsStoreTest, SetWritesAnXmlFileAtomicallyThatLookupAndRemoveFind) {
+  EXPECT_FALSE(*m_store->exists("com.test.clock")) << "not even the folder exists";
+  EXPECT_EQ(m_store->lookup("com.test.clock").state, RightsStore::State::Missing);
+  ASSERT_TRUE(m_store->set("com.test.clock", {"default", ""}));
+  ASSERT_TRUE(m_store->set("com.test.clock", {"deny", "Set the clock"}));
   RightsStore::Lookup lookup = m_store->lookup("com.test.clock");
   ASSERT_EQ(lookup.state, RightsStore::State::Defined) << lookup.problem;
-  EXPECT_EQ(lookup.definition, (RightDefinition{"default", "Set the clock"}));
-
-  Result<struct stat> status = sys::lstat(file("com.test.clock"));
-  ASSERT_TRUE(status.ok());
-  EXPECT_TRUE(S_ISREG(status->st_mode));
-  EXPECT_EQ(status->st_mode & 07777, 0644u);
-  EXPECT_EQ(status->st_uid, 0u);
+  EXPECT_EQ(lookup.definition, (RightDefinition{"deny", "Set the clock"}));
   Result<std::string> contents = sys::readFile(file("com.test.clock"), 4096);
   ASSERT_TRUE(contents.ok());
-  EXPECT_NE(contents->find("<plist"), std::string::npos);
   EXPECT_EQ(
       *plist::readXml({reinterpret_cast<const std::uint8_t*>(contents->data()), contents->size()}),
-      definitionValue({"default", "Set the clock"}));
-}
+      definitionValue({"deny", "Set the clock"}));
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(m_folder), {}), 1)
+      << "no temporary file is left behind";
 
-TEST_F(RightsStoreTest, SetReplacesADefinitionAndLeavesNoTemporaryFile) {
-  ASSERT_TRUE(m_store->set("com.test.a", {"default", ""}));
-  ASSERT_TRUE(m_store->set("com.test.a", {"deny", "closed"}));
-  EXPECT_EQ(m_store->lookup("com.test.a").definition, (RightDefinition{"deny", "closed"}));
-  EXPECT_EQ(entriesInFolder(), 1u);
+  ASSERT_TRUE(m_store->remove("com.test.clock"));
+  EXPECT_FALSE(*m_store->exists("com.test.clock"));
+  Status again = m_store->remove("com.test.clock");
+  ASSERT_FALSE(again.ok());
+  EXPECT_EQ(again.error().code(), ENOENT);
 }
 
 TEST_F(RightsStoreTest, RefusesHostileNamesEverywhere) {
@@ -144,66 +133,46 @@ TEST_F(RightsStoreTest, RefusesHostileNamesEverywhere) {
   EXPECT_FALSE(sys::lstat(m_base + "/escape.plist").ok());
 }
 
-TEST_F(RightsStoreTest, ExistsIsFalseWithoutTheFolderAndRemoveReportsMissingRights) {
-  EXPECT_FALSE(*m_store->exists("com.test.a"));
-  EXPECT_EQ(m_store->lookup("com.test.a").state, RightsStore::State::Missing);
-  ASSERT_TRUE(m_store->set("com.test.a", {"allow", ""}));
-  EXPECT_TRUE(*m_store->exists("com.test.a"));
-  ASSERT_TRUE(m_store->remove("com.test.a"));
-  EXPECT_FALSE(*m_store->exists("com.test.a"));
-  Status again = m_store->remove("com.test.a");
-  ASSERT_FALSE(again.ok());
-  EXPECT_EQ(again.error().code(), ENOENT);
-}
-
 // Files an administrator (or an attacker) may leave under a right's name: each counts as existing
 // (so the daemon's set-up never overwrites it) and none is ever used.
 TEST_F(RightsStoreTest, UnsafeAndBrokenFilesExistButAreNeverUsed) {
+  using State = RightsStore::State;
   struct Case {
     const char* scenario;
-    std::function<void(const std::string& path)> make;
-    RightsStore::State state;
+    char kind;  // 'f' a file, 'l' a symbolic link to one, 'p' a FIFO, 'd' a folder
+    std::string contents;
+    mode_t mode;
+    uid_t owner;
+    State state;
   };
   const std::string valid = xml(Value("allow"));
   const Case cases[] = {
-      {"owned by another user",
-       [&](const std::string& path) {
-         writeFile(path, valid);
-         ASSERT_EQ(::chown(path.c_str(), 1000, 1000), 0);
-       },
-       RightsStore::State::Unsafe},
-      {"world-writable", [&](const std::string& path) { writeFile(path, valid, 0666); },
-       RightsStore::State::Unsafe},
-      {"group-writable", [&](const std::string& path) { writeFile(path, valid, 0664); },
-       RightsStore::State::Unsafe},
-      {"symbolic link to a valid file",
-       [&](const std::string& path) {
-         writeFile(m_base + "/elsewhere.plist", valid);
-         ASSERT_EQ(::symlink((m_base + "/elsewhere.plist").c_str(), path.c_str()), 0);
-       },
-       RightsStore::State::Unsafe},
-      {"FIFO (must not hang)",
-       [&](const std::string& path) { ASSERT_EQ(::mkfifo(path.c_str(), 0644), 0); },
-       RightsStore::State::Unsafe},
-      {"folder", [&](const std::string& path) { ASSERT_EQ(::mkdir(path.c_str(), 0755), 0); },
-       RightsStore::State::Unsafe},
-      {"not a property list", [&](const std::string& path) { writeFile(path, "allow\n"); },
-       RightsStore::State::Broken},
-      {"a number", [&](const std::string& path) { writeFile(path, xml(Value::integer(7))); },
-       RightsStore::State::Broken},
-      {"too large",
-       [&](const std::string& path) {
-         writeFile(path, std::string(kMaximumDefinitionFileSize + 1, ' '));
-       },
-       RightsStore::State::Broken},
-      {"empty", [&](const std::string& path) { writeFile(path, ""); }, RightsStore::State::Broken},
+      {"owned by another user", 'f', valid, 0644, 1000, State::Unsafe},
+      {"world-writable", 'f', valid, 0666, 0, State::Unsafe},
+      {"group-writable", 'f', valid, 0664, 0, State::Unsafe},
+      {"symbolic link to a valid file", 'l', valid, 0644, 0, State::Unsafe},
+      {"FIFO (must not hang)", 'p', "", 0644, 0, State::Unsafe},
+      {"folder", 'd', "", 0755, 0, State::Unsafe},
+      {"not a property list", 'f', "allow\n", 0644, 0, State::Broken},
+      {"a number", 'f', xml(Value::integer(7)), 0644, 0, State::Broken},
+      {"too large", 'f', std::string(kMaximumDefinitionFileSize + 1, ' '), 0644, 0, State::Broken},
+      {"empty", 'f', "", 0644, 0, State::Broken},
   };
   ::mkdir(m_folder.c_str(), 0755);
-  int index = 0;
   for (const Case& c : cases) {
     SCOPED_TRACE(c.scenario);
-    const std::string right = "com.test.case" + std::to_string(index++);
-    c.make(file(right));
+    const std::string right = "com.test.case" + std::to_string(&c - cases);
+    const std::string path = file(right);
+    const std::string target = c.kind == 'l' ? m_base + "/elsewhere.plist" : path;
+    if (c.kind == 'f' || c.kind == 'l') writeFile(target, c.contents, c.mode);
+    if (c.kind == 'l') {
+      ASSERT_EQ(::symlink(target.c_str(), path.c_str()), 0);
+    } else if (c.kind == 'p') {
+      ASSERT_EQ(::mkfifo(path.c_str(), c.mode), 0);
+    } else if (c.kind == 'd') {
+      ASSERT_EQ(::mkdir(path.c_str(), c.mode), 0);
+    }
+    ASSERT_EQ(::lchown(path.c_str(), c.owner, c.owner), 0);
     EXPECT_TRUE(*m_store->exists(right));
     RightsStore::Lookup lookup = m_store->lookup(right);
     EXPECT_EQ(lookup.state, c.state) << lookup.problem;

@@ -1,50 +1,16 @@
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
-#include <cmath>
-#include <thread>
 #include <vector>
 
-#include "executor/KRVCommandExecutor.h"
-#include "foundation/System.h"
-#include "protocol/KRVSecurityAgent.h"
+#include "executor/ExecutorTestSupport.h"
 
 namespace krv {
 namespace {
 
-// An executor whose response pipe is an anonymous pipe the test reads.
 class ReportingTest : public testing::Test {
  protected:
-  void SetUp() override {
-    ::signal(SIGPIPE, SIG_IGN);  // as in the daemon: a gone client is an EPIPE, not a signal
-    Result<sys::PipeEnds> ends = sys::pipe();
-    ASSERT_TRUE(ends);
-    m_reader = std::move(ends->readEnd);
-    // Large enough that no test needs a concurrent reader.
-    ::fcntl(ends->writeEnd.get(), F_SETPIPE_SZ, 1 << 20);
-    m_executor.setPipeDescriptor(std::move(ends->writeEnd));
-  }
-
-  // Every message written so far (closes the executor's end first when asked).
-  std::vector<Error> messages() {
-    std::vector<Error> result;
-    (void)sys::setNonBlocking(m_reader.get(), true);
-    for (;;) {
-      Result<Value> object = KRVSecurityAgent::readObjectFromPipe(m_reader.get());
-      if (!object) break;
-      result.push_back(*object->objectAs<Error>());
-    }
-    return result;
-  }
-
-  static double progressOf(const Error& message) {
-    return message.userInfo().find("CurrentProgress")->asNumber()->doubleValue();
-  }
-
-  KRVCommandExecutor m_executor;
-  UniqueFd m_reader;
+  test::ExecutorWithPipe m_client;
+  KRVCommandExecutor& m_executor = m_client.executor();
 };
 
 Array numbers(std::size_t count) {
@@ -69,12 +35,12 @@ TEST_F(ReportingTest, ChunksCarryTheirExactProgressValues) {
   for (const Case& c : cases) {
     ASSERT_TRUE(m_executor.sendPayloadArray(numbers(c.count), "FileSystemObjects", c.granularity,
                                             c.offset));
-    std::vector<Error> sent = messages();
+    std::vector<Error> sent = m_client.messages();
     ASSERT_EQ(sent.size(), c.chunks.size()) << c.count;
     std::size_t next = 0;
     for (std::size_t i = 0; i < sent.size(); ++i) {
       EXPECT_TRUE(sent[i].is("com.tavorin.securityagent", 1));
-      EXPECT_EQ(progressOf(sent[i]), c.chunks[i].second) << c.count << " chunk " << i;
+      EXPECT_EQ(test::progressOf(sent[i]), c.chunks[i].second) << c.count << " chunk " << i;
       const Array& elements = *sent[i].userInfo().find("FileSystemObjects")->asArray();
       ASSERT_EQ(elements.size(), c.chunks[i].first);
       for (const Value& element : elements) {
@@ -84,21 +50,11 @@ TEST_F(ReportingTest, ChunksCarryTheirExactProgressValues) {
   }
 }
 
-TEST_F(ReportingTest, AfterAFailedWriteNothingMoreIsSent) {
-  EXPECT_FALSE(m_executor.isClientGone());
-  m_reader.reset();  // the client is gone
-  EXPECT_TRUE(m_executor.isClientGone());
-  EXPECT_FALSE(m_executor.sendProgressMessageToClient(0.5));
-  EXPECT_FALSE(m_executor.sendProgressMessageToClient(0.6));
-  EXPECT_FALSE(m_executor.sendPayloadArray(numbers(3), "FileSystemObjects", 10, 0.0));
-  m_executor.sendFinalMessageToClientPipeAndClose(commandSuccess());  // no pipe left: no crash
-}
-
 TEST_F(ReportingTest, AnUntransferableSuccessArrivesAsCodeSeven) {
   Dictionary huge;
   huge.set("OutputChannel", Value(Data(1048576, 'x')));
   m_executor.sendFinalMessageToClientPipeAndClose(commandError(0, huge));
-  std::vector<Error> sent = messages();
+  std::vector<Error> sent = m_client.messages();
   ASSERT_EQ(sent.size(), 1u);
   EXPECT_TRUE(sent[0].is("com.tavorin.securityagent", 7));
   EXPECT_TRUE(sent[0].userInfo().empty());
@@ -112,7 +68,7 @@ TEST_F(ReportingTest, FailedResultsAreSentUncheckedAndOutputIsCollectedWithoutRe
   EXPECT_EQ(m_executor.incomingStdOutData(), Data{'a'});
   EXPECT_EQ(m_executor.incomingStdErrData(), Data{'b'});
   m_executor.sendFinalMessageToClientPipeAndClose(commandError(6));
-  std::vector<Error> sent = messages();
+  std::vector<Error> sent = m_client.messages();
   ASSERT_EQ(sent.size(), 1u);  // no live output message: the relay was off
   EXPECT_TRUE(sent[0].is("com.tavorin.privilegedCommand", 6));
 }

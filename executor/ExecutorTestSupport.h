@@ -47,6 +47,8 @@ class ExecutorWithPipe {
     }
     return result;
   }
+  // The client goes away: every later write to the pipe fails.
+  void closeReader() { m_reader.reset(); }
 
  private:
   KRVCommandExecutor m_executor;
@@ -84,12 +86,16 @@ class FileCommandTest : public testing::Test {
   CommandResult run(std::uint32_t code, Array arguments) {
     return m_client.run(code, std::move(arguments));
   }
+  void expectSuccess(std::uint32_t code, Array arguments) {
+    expectResult(run(code, std::move(arguments)), kCommandErrorDomain, 0);
+  }
   std::vector<double> progressValues() {
     std::vector<double> values;
     for (const Error& message : m_client.messages()) values.push_back(progressOf(message));
     return values;
   }
   std::string path(const std::string& relative) const { return m_tree.path(relative); }
+  void make(const std::vector<std::string>& entries) const { m_tree.make(entries); }
   bool exists(const std::string& relative) const { return m_tree.exists(relative); }
   // The flags word of the object itself; all ones when it cannot be read.
   std::uint32_t flagsOf(const std::string& relative) const {

@@ -42,8 +42,10 @@ Status checkRemovable(const std::string& path) {
 
 }  // namespace
 
-Status enforcedDeleteOfFileSystemObjectAtPath(const std::string& path) {
-  if (path.empty()) return commandError(kFileCommandBadArgument);
+Status enforcedDeleteOfFileSystemObjectAtPath(const std::string& givenPath) {
+  if (givenPath.empty()) return commandError(kFileCommandBadArgument);
+  // "link/" names the link: the slash must not lead the flag change to the link's target.
+  const std::string path(withoutTrailingSlashes(givenPath));
   KRV_TRY_VOID(checkRemovable(path));
   Result<struct statx> status = statusOf(path, LinkHandling::NoFollow);
   if (!status) return FileManager::error(status.error(), path);
@@ -94,8 +96,10 @@ Status setImmutableFlag(bool set, const std::string& path, LinkTargetCheck check
   return FileManager::error(written.error(), path);
 }
 
-Status enforcedRecursiveDeleteOfFileSystemObjectAtPath(const std::string& path) {
-  if (path.empty()) return commandError(kFileCommandBadArgument);
+Status enforcedRecursiveDeleteOfFileSystemObjectAtPath(const std::string& givenPath) {
+  if (givenPath.empty()) return commandError(kFileCommandBadArgument);
+  // As above: the slash must not lead the flag changes into the folder the link points to.
+  const std::string path(withoutTrailingSlashes(givenPath));
   bool isDirectory = false;
   if (!FileManager::fileExists(path, isDirectory)) return {};
   KRV_TRY_VOID(checkRemovable(path));

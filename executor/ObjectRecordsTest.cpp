@@ -1,47 +1,19 @@
 // The record spool: whatever it keeps where, the client must see exactly the messages the executor
 // sends for the same records given as one array.
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <signal.h>
 
 #include <string>
 #include <vector>
 
-#include "executor/KRVCommandExecutor.h"
+#include "executor/ExecutorTestSupport.h"
 #include "executor/ObjectRecords.h"
 #include "filesystem/FileAttributes.h"
-#include "foundation/System.h"
-#include "protocol/KRVSecurityAgent.h"
 
 namespace krv {
 namespace {
 
-// An executor writing into a pipe whose raw bytes the test collects.
-class PipedExecutor {
- public:
-  PipedExecutor() {
-    ::signal(SIGPIPE, SIG_IGN);
-    Result<sys::PipeEnds> ends = sys::pipe();
-    if (!ends) return;
-    m_reader = std::move(ends->readEnd);
-    ::fcntl(ends->writeEnd.get(), F_SETPIPE_SZ, 1 << 20);
-    executor.setPipeDescriptor(std::move(ends->writeEnd));
-  }
-  std::vector<Error> messages() {
-    std::vector<Error> result;
-    (void)sys::setNonBlocking(m_reader.get(), true);
-    while (Result<Value> object = KRVSecurityAgent::readObjectFromPipe(m_reader.get())) {
-      if (object->objectAs<Error>() == nullptr) break;
-      result.push_back(*object->objectAs<Error>());
-    }
-    return result;
-  }
-  KRVCommandExecutor executor;
-
- private:
-  UniqueFd m_reader;
-};
+using test::ExecutorWithPipe;
 
 const std::string_view kTypes[] = {kFileTypeRegular, kFileTypeDirectory, kFileTypeSymbolicLink,
                                    kFileTypeUnknown};
@@ -70,8 +42,8 @@ TEST(ObjectRecordSpoolTest, SendsExactlyWhatTheArrayWouldWhereverItKeptTheRecord
   for (std::size_t count : {0u, 1u, 100u, 101u, 250u, 1000u}) {
     Array reference;
     for (std::size_t i = 0; i < count; ++i) reference.push_back(objectRecordValue(recordNumber(i)));
-    PipedExecutor expected;
-    ASSERT_TRUE(expected.executor.sendPayloadArray(reference, "FileSystemObjects", 100, 0.05));
+    ExecutorWithPipe expected;
+    ASSERT_TRUE(expected.executor().sendPayloadArray(reference, "FileSystemObjects", 100, 0.05));
     const std::vector<Error> wanted = expected.messages();
 
     for (const Where& place : places) {
@@ -83,8 +55,8 @@ TEST(ObjectRecordSpoolTest, SendsExactlyWhatTheArrayWouldWhereverItKeptTheRecord
       } else if (count >= 100) {
         EXPECT_TRUE(spool.hasSpilled()) << place.name;
       }
-      PipedExecutor actual;
-      ASSERT_TRUE(spool.sendPayload(actual.executor, "FileSystemObjects", 100, 0.05));
+      ExecutorWithPipe actual;
+      ASSERT_TRUE(spool.sendPayload(actual.executor(), "FileSystemObjects", 100, 0.05));
       EXPECT_EQ(actual.messages(), wanted) << place.name << ", " << count << " records";
     }
   }
@@ -98,8 +70,8 @@ TEST(ObjectRecordSpoolTest, ClearForgetsEverythingIncludingTheFile) {
   EXPECT_FALSE(spool.hasSpilled());
   spool.append(recordNumber(7));
 
-  PipedExecutor client;
-  ASSERT_TRUE(spool.sendPayload(client.executor, "FileSystemObjects", 100, 0.0));
+  ExecutorWithPipe client;
+  ASSERT_TRUE(spool.sendPayload(client.executor(), "FileSystemObjects", 100, 0.0));
   std::vector<Error> sent = client.messages();
   ASSERT_EQ(sent.size(), 1u);
   const Array& records = *sent[0].userInfo().find("FileSystemObjects")->asArray();

@@ -239,9 +239,7 @@ Status FileManager::removeItem(const std::string& path) {
   if (name.empty()) return error(ENOENT, path);
   if (name == "." || name == "..") return error(EINVAL, path);
   if (!parent) return error(parent.error(), path);
-  std::string trimmed = path;
-  while (trimmed.size() > 1 && trimmed.back() == '/') trimmed.pop_back();
-  return removeTree(parent->get(), name, trimmed);
+  return removeTree(parent->get(), name, std::string(withoutTrailingSlashes(path)));
 }
 
 Status FileManager::linkItem(const std::string& existing, const std::string& newPath) {

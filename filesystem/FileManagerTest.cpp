@@ -1,16 +1,19 @@
 #include "filesystem/FileManager.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <linux/fs.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <climits>
+#include <filesystem>
+#include <set>
 #include <string>
 #include <vector>
 
+#include "filesystem/FileManagerAdditions.h"
 #include "platform/FileFlags.h"
 #include "platform/TestFileTree.h"
 #include "protocol/CommandTable.h"
@@ -45,17 +48,9 @@ class FileManagerTest : public ::testing::Test {
 
 TEST_F(FileManagerTest, AttributesNameEveryTypeAndDescribeTheObjectItself) {
   m_tree.makeFile("file", "12345", 04751);
-  m_tree.makeFolder("folder");
-  m_tree.makeLink("link", "file");
-  m_tree.makeFifo("fifo");
-  int sock = ::socket(AF_UNIX, SOCK_STREAM, 0);
-  struct sockaddr_un address {};
-  address.sun_family = AF_UNIX;
-  std::string socketPath = m_tree.path("socket");
-  ASSERT_LT(socketPath.size(), sizeof address.sun_path);
-  std::copy(socketPath.begin(), socketPath.end(), address.sun_path);
-  ASSERT_EQ(::bind(sock, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-  ::close(sock);
+  m_tree.make({"folder/", "link -> file", "fifo|"});
+  const std::string socketPath = m_tree.path("socket");
+  ASSERT_EQ(::mknod(socketPath.c_str(), S_IFSOCK | 0600, 0), 0);
 
   struct Case {
     std::string path;
@@ -243,9 +238,7 @@ TEST_F(FileManagerTest, LinksAndListings) {
 
 TEST_F(FileManagerTest, LinkingAFolderRecreatesItAndLinksItsContents) {
   m_tree.makeFolder("tree", 0751);
-  m_tree.makeFolder("tree/sub");
-  m_tree.makeFile("tree/sub/file", "x");
-  m_tree.makeLink("tree/link", "sub");
+  m_tree.make({"tree/sub/", "tree/sub/file", "tree/link -> sub"});
   ASSERT_TRUE(FileManager::linkItem(m_tree.path("tree"), m_tree.path("copy")).ok());
   EXPECT_EQ(lstatOf(m_tree.path("copy")).st_mode & 07777, 0751U);
   EXPECT_NE(lstatOf(m_tree.path("copy")).st_ino, lstatOf(m_tree.path("tree")).st_ino);
@@ -255,6 +248,130 @@ TEST_F(FileManagerTest, LinkingAFolderRecreatesItAndLinksItsContents) {
   // Into itself is refused rather than walked for ever.
   expectFailure(FileManager::linkItem(m_tree.path("tree"), m_tree.path("tree/sub/again")), EINVAL,
                 m_tree.path("tree/sub/again"));
+}
+
+TEST_F(FileManagerTest, HiddenFlagIsOneBitAmongTheOthersAndALinkIsHiddenOnItsOwn) {
+  std::string file = m_tree.makeFile("file");
+  EXPECT_FALSE(isHiddenObject(""));
+  EXPECT_FALSE(isHiddenObject(m_tree.path("missing")));
+  EXPECT_FALSE(isHiddenObject(file));
+
+  ASSERT_TRUE(writeFileFlags(file, kUserImmutableFlag | kNoDumpFlag).ok());
+  ASSERT_TRUE(setHidden(true, file).ok());
+  EXPECT_TRUE(isHiddenObject(file));
+  EXPECT_EQ(*readFileFlags(file, LinkHandling::NoFollow),
+            kUserImmutableFlag | kNoDumpFlag | kHiddenFlag);
+  ASSERT_TRUE(setHidden(false, file).ok());
+  EXPECT_EQ(*readFileFlags(file, LinkHandling::NoFollow), kUserImmutableFlag | kNoDumpFlag);
+
+  std::string link = m_tree.makeLink("link", "file");
+  ASSERT_TRUE(setHidden(true, link).ok());
+  EXPECT_TRUE(isHiddenObject(link));
+  EXPECT_FALSE(isHiddenObject(file));
+  expectFailure(setHidden(true, ""), EINVAL, "");
+  expectFailure(setHidden(true, m_tree.path("missing")), ENOENT, m_tree.path("missing"));
+}
+
+TEST_F(FileManagerTest, TraversalFollowsExactlyOneLinkFromTheLinksFolder) {
+  // A "target" in the working folder would be found by a path taken relative to it by mistake.
+  m_tree.makeFile("target", "1");
+  m_tree.make({"d/", "d/relative -> target", "absolute -> " + m_tree.path("d/target"),
+               "twice -> d/relative", "d/dangling -> gone"});
+  m_tree.makeFile("d/target", "12345");
+  char previous[PATH_MAX];
+  ASSERT_NE(::getcwd(previous, sizeof previous), nullptr);
+  ASSERT_EQ(::chdir(m_tree.root().c_str()), 0);
+  auto typeAndSize = [&](const char* name, LinkTraversal traversal) {
+    Result<FileAttributes> found = FileManager::attributesOfItem(m_tree.path(name), traversal);
+    return found ? std::string(found->type) + " " + std::to_string(found->size)
+                 : std::to_string(found.error().code()) + " " + failingPath(found.error());
+  };
+  const std::vector<std::string> found = {
+      typeAndSize("d/relative", LinkTraversal::OneLevel),
+      typeAndSize("absolute", LinkTraversal::OneLevel),
+      typeAndSize("twice", LinkTraversal::OneLevel),  // the second link itself
+      typeAndSize("d/dangling", LinkTraversal::OneLevel),
+      typeAndSize("d/target", LinkTraversal::OneLevel),
+      typeAndSize("d/relative", LinkTraversal::None),
+  };
+  ASSERT_EQ(::chdir(previous), 0);
+  const std::string file = std::string(kFileTypeRegular) + " 5";
+  const std::string link = std::string(kFileTypeSymbolicLink) + " ";
+  EXPECT_EQ(found, (std::vector<std::string>{file, file, link + "6",
+                                             std::to_string(ENOENT) + " " + m_tree.path("d/gone"),
+                                             file, link + "6"}));
+}
+
+TEST_F(FileManagerTest, RemovalRefusesWhatMustNotGoAndNeverFollowsALink) {
+  m_tree.makeFolder("tree");
+  struct Case {
+    std::string path;
+    int code;
+  } cases[] = {{"/", EBUSY},
+               {m_tree.path("tree/."), EINVAL},
+               {m_tree.path("missing"), ENOENT},
+               {"", ENOENT},
+               {m_tree.path("missing/x"), ENOENT}};
+  for (const Case& c : cases) expectFailure(FileManager::removeItem(c.path), c.code, c.path);
+
+  // A trailing slash does not turn the link into its folder.
+  m_tree.make({"tree/precious", "link -> tree"});
+  ASSERT_TRUE(FileManager::removeItem(m_tree.path("link/")).ok());
+  EXPECT_FALSE(m_tree.exists("link"));
+  EXPECT_TRUE(m_tree.exists("tree/precious"));
+}
+
+TEST_F(FileManagerTest, EnumeratorWalksPreOrderAndStaysOutOfLinks) {
+  const std::string base = m_tree.makeFolder("base");
+  m_tree.make({"base/a/", "base/a/x", "base/a/y/", "base/a/y/z", "base/b -> a", "base/c"});
+  auto walk = [](const std::string& top, const std::string& skipAfter = "") {
+    std::set<std::string> seen;
+    Result<FileManagerEnumerator> enumerator = FileManager::enumerator(top);
+    while (std::optional<std::string> path = enumerator->nextObject()) {
+      EXPECT_TRUE(seen.insert(*path).second) << *path;
+      // Pre-order: a parent always came first.
+      EXPECT_TRUE(path->find('/') == std::string::npos ||
+                  seen.count(path->substr(0, path->rfind('/'))) == 1)
+          << *path;
+      if (*path == skipAfter) enumerator->skipDescendents();
+    }
+    return seen;
+  };
+  EXPECT_EQ(walk(base), (std::set<std::string>{"a", "a/x", "a/y", "a/y/z", "b", "c"}));
+  EXPECT_EQ(walk(base, "a"), (std::set<std::string>{"a", "b", "c"}));
+  EXPECT_EQ(walk(m_tree.path("base/b")), (std::set<std::string>{"x", "y", "y/z"}));
+  EXPECT_FALSE(FileManager::enumerator(m_tree.path("base/c")).ok());
+}
+
+TEST_F(FileManagerTest, ATreeDeeperThanTheWalkGoesIsReportedNotFollowed) {
+  // Built relative to open folders: the paths are far longer than PATH_MAX.
+  UniqueFd folder(::open(m_tree.root().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  const std::size_t depth = FileManagerEnumerator::kMaximumDepth + 2;
+  for (std::size_t level = 0; level < depth; ++level) {
+    ASSERT_EQ(::mkdirat(folder.get(), "d", 0755), 0);
+    folder.reset(::openat(folder.get(), "d", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    ASSERT_TRUE(folder.valid());
+  }
+  Result<FileManagerEnumerator> walk = FileManager::enumerator(m_tree.root());
+  ASSERT_TRUE(walk);
+  std::size_t count = 0;
+  while (walk->nextObject()) ++count;
+  EXPECT_EQ(count, FileManagerEnumerator::kMaximumDepth);
+  ASSERT_TRUE(walk->firstError());
+  EXPECT_EQ(walk->firstError()->code(), ELOOP);
+  // The removal reports the same limit instead of following it.
+  Status removed = FileManager::removeItem(m_tree.path("d"));
+  ASSERT_FALSE(removed);
+  EXPECT_EQ(removed.error().code(), ELOOP);
+  // Without the two deepest levels, removed by hand, the removal reaches every level.
+  folder.reset(::open(m_tree.root().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  for (std::size_t level = 0; level + 2 < depth; ++level) {
+    folder.reset(::openat(folder.get(), "d", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  }
+  UniqueFd last(::openat(folder.get(), "d", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  ASSERT_EQ(::unlinkat(last.get(), "d", AT_REMOVEDIR), 0);
+  ASSERT_EQ(::unlinkat(folder.get(), "d", AT_REMOVEDIR), 0);
+  EXPECT_TRUE(FileManager::removeItem(m_tree.path("d")));
 }
 
 }  // namespace

@@ -35,12 +35,12 @@ std::string joined(const std::vector<std::string>& components, bool absolute) {
   return path;
 }
 
+}  // namespace
+
 std::string_view withoutTrailingSlashes(std::string_view path) {
   while (path.size() > 1 && path.back() == '/') path.remove_suffix(1);
   return path;
 }
-
-}  // namespace
 
 std::string standardizedPath(std::string_view path) {
   if (path.empty()) return std::string();

@@ -28,5 +28,7 @@ std::string appendingPathComponent(std::string_view base, std::string_view compo
 // The last component ("/a/b/" -> "b", "/" -> "/", "" -> "").
 std::string lastPathComponent(std::string_view path);
 std::string resolvingSymlinksInPath(std::string_view path);
+// "/a//" -> "/a", "//" -> "/": the object a path names, not what a trailing slash would follow to.
+std::string_view withoutTrailingSlashes(std::string_view path);
 
 }  // namespace krv

@@ -43,16 +43,9 @@ TEST(PathNamesTest, ResolvesEveryExistingComponentAndKeepsTheRestAsWritten) {
   char real[PATH_MAX];
   ASSERT_NE(::realpath(tree.root().c_str(), real), nullptr);
   const std::string r = real;
-  tree.makeFolder("dir");
-  tree.makeFolder("dir/sub");
-  tree.makeFile("dir/file");
-  tree.makeLink("abs", r + "/dir");
-  tree.makeLink("rel", "dir");
-  tree.makeLink("dir/up", "../dir/sub");
-  tree.makeLink("chain", "rel/up");
-  tree.makeLink("loop1", "loop2");
-  tree.makeLink("loop2", "loop1");
-  tree.makeLink("dangling", "nowhere/else");
+  tree.make({"dir/", "dir/sub/", "dir/file", "abs -> " + r + "/dir", "rel -> dir",
+             "dir/up -> ../dir/sub", "chain -> rel/up", "loop1 -> loop2", "loop2 -> loop1",
+             "dangling -> nowhere/else"});
 
   struct Case {
     std::string path;

@@ -32,15 +32,10 @@ TEST(Md5Test, MatchesTheReferenceVectors) {
   };
   for (const auto& [input, expected] : vectors) {
     EXPECT_EQ(Md5::hex(Md5::digest(bytesOf(input))), expected) << input;
+    Md5 md5;  // the same in pieces of seven bytes
+    for (std::size_t i = 0; i < input.size(); i += 7) md5.update(bytesOf(input.substr(i, 7)));
+    EXPECT_EQ(Md5::hex(md5.finish()), expected) << input;
   }
-}
-
-TEST(Md5Test, IncrementalUpdatesGiveTheSameDigest) {
-  std::string_view text =
-      "12345678901234567890123456789012345678901234567890123456789012345678901234567890";
-  Md5 md5;
-  for (std::size_t i = 0; i < text.size(); i += 7) md5.update(bytesOf(text.substr(i, 7)));
-  EXPECT_EQ(Md5::hex(md5.finish()), "57edf4a22be3c955ac49da2e2107b67a");
 }
 
 }  // namespace

@@ -1,8 +1,9 @@
 #pragma once
-// Test support (header only, used by the platform and filesystem tests): a temporary folder tree
-// under /tmp with a small vocabulary to fill it, whose teardown first lifts every immutable and
-// append-only flag so that the tree can always be deleted; and inPrivateMount, which runs a piece
-// of test code in a forked child that has a private mount namespace with a fresh file system.
+// Test support (header only, used by the platform, filesystem and executor tests): a temporary
+// folder tree under /tmp with a small vocabulary to fill it, whose teardown first lifts every
+// immutable and append-only flag so that the tree can always be deleted; and inPrivateMount, which
+// runs a piece of test code in a forked child that has a private mount namespace with a fresh file
+// system.
 
 #include <fcntl.h>
 #include <linux/fs.h>
@@ -18,6 +19,7 @@
 #include <functional>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 namespace krv::test {
 
@@ -82,6 +84,23 @@ class TestFileTree {
     std::string full = path(relative);
     if (::mkfifo(full.c_str(), 0644) != 0) throw std::runtime_error("mkfifo " + full);
     return full;
+  }
+  // Makes the entries in order: "name/" a folder, "name -> destination" a symbolic link, "name|" a
+  // FIFO, any other name an empty file.
+  void make(const std::vector<std::string>& entries) const {
+    for (const std::string& entry : entries) {
+      const std::size_t arrow = entry.find(" -> ");
+      const std::string name = entry.substr(0, entry.size() - 1);
+      if (arrow != std::string::npos) {
+        makeLink(entry.substr(0, arrow), entry.substr(arrow + 4));
+      } else if (entry.ends_with('/')) {
+        makeFolder(name);
+      } else if (entry.ends_with('|')) {
+        makeFifo(name);
+      } else {
+        makeFile(entry);
+      }
+    }
   }
   bool exists(const std::string& relative) const {
     struct stat status {};

@@ -41,18 +41,6 @@ TEST(KRVPrivilegedCommandTest, ValidatesArgumentsAgainstTheTable) {
   EXPECT_FALSE(make(1, {})->requiredClassForArgumentAtIndex(0));
 }
 
-TEST(KRVPrivilegedCommandTest, StartsWithTheCallersUserAndNoToken) {
-  auto command = make(14, {Value("/var/tmp"), Value::integer(30), Value::integer(1)});
-  EXPECT_EQ(command->userIdentification(), ::getuid());
-  EXPECT_FALSE(command->hasAuthorizationToken());
-  auth::ExternalForm token{};
-  token[31] = 1;
-  command->setAuthorizationToken(token);
-  EXPECT_TRUE(command->hasAuthorizationToken());
-  EXPECT_EQ(command->description(),
-            "KRVPrivilegedCommand<com.tavorin.search.aged-files>: (\"/var/tmp\", 30, 1)\n");
-}
-
 TEST(KRVPrivilegedCommandTest, ListsEveryRightFromCodeTwoOn) {
   auto commands = KRVPrivilegedCommand::allImplementedCommandsNeedingAuthorization();
   ASSERT_EQ(commands.size(), 52u);  // codes 2..54 without the reserved code
@@ -64,8 +52,12 @@ TEST(KRVPrivilegedCommandTest, ListsEveryRightFromCodeTwoOn) {
   }
 }
 
-TEST(KRVPrivilegedCommandTest, RoundTripsInBothArchiveForms) {
+TEST(KRVPrivilegedCommandTest, StartsWithTheCallersUserAndRoundTripsInBothArchiveForms) {
   auto command = make(4, {Value("/etc/hosts"), Value(Data{'x'}), Value::boolean(true)});
+  EXPECT_EQ(command->userIdentification(), ::getuid());
+  EXPECT_FALSE(command->hasAuthorizationToken());
+  EXPECT_EQ(make(14, {Value("/var/tmp"), Value::integer(30), Value::integer(1)})->description(),
+            "KRVPrivilegedCommand<com.tavorin.search.aged-files>: (\"/var/tmp\", 30, 1)\n");
   auth::ExternalForm token;
   for (std::size_t i = 0; i < token.size(); ++i) token[i] = static_cast<std::uint8_t>(i + 1);
   command->setAuthorizationToken(token);

@@ -1,11 +1,9 @@
 // The authorization service end to end: the real binary, real PAM (pam_wrapper and pam_matrix),
 // clients as real processes of other users.
 
-#include <grp.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -14,6 +12,7 @@
 #include "authorization/AuthorityProtocol.h"
 #include "authorization/MessageChannel.h"
 #include "authorization/PromptHandler.h"
+#include "foundation/Sha256.h"
 #include "foundation/System.h"
 #include "tests/authority/AuthorityFixture.h"
 
@@ -26,18 +25,6 @@ using auth::Authorization;
 constexpr std::uint32_t kClientFlags =
     auth::kFlagInteractionAllowed | auth::kFlagExtendRights | auth::kFlagPreAuthorize;
 
-UniqueFd connectToService() {
-  UniqueFd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  const std::string path = auth::serviceSocketPath();
-  std::memcpy(address.sun_path, path.data(), path.size());
-  if (::connect(socket.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
-    return UniqueFd();
-  }
-  return socket;
-}
-
 // One request without the client library; the first message of the reply (a prompt or a status).
 struct RawReply {
   UniqueFd connection;
@@ -46,9 +33,14 @@ struct RawReply {
 
 RawReply rawRequest(const auth::Request& request) {
   RawReply reply;
-  reply.connection = connectToService();
-  if (!reply.connection) return reply;
-  if (!auth::sendMessage(reply.connection.get(), auth::encodeRequest(request),
+  reply.connection.reset(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  const std::string path = auth::serviceSocketPath();
+  std::memcpy(address.sun_path, path.data(), path.size());
+  if (::connect(reply.connection.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) !=
+          0 ||
+      !auth::sendMessage(reply.connection.get(), auth::encodeRequest(request),
                          auth::deadlineAfter(5s))) {
     return reply;
   }
@@ -66,24 +58,27 @@ std::int32_t rawStatus(const auth::Request& request) {
   return reply.message->status;
 }
 
-// Creates an authorization and obtains the default right with the given answers; sends the status
-// and the token to the parent. The token lives as long as the returned authorization.
-std::unique_ptr<Authorization> obtainDefaultRight(LineChannel& parent,
-                                                  std::vector<std::optional<std::string>> answers,
-                                                  int* asked = nullptr) {
-  answerPrompts(std::move(answers), asked);
+// Creates an authorization and obtains the right with the given answers (nothing = cancel); sends
+// the parent the status, the number of prompts and the token. The token lives as long as the
+// returned authorization.
+std::unique_ptr<Authorization> obtainRight(LineChannel& parent, const std::string& right,
+                                           std::vector<std::optional<std::string>> answers) {
+  int asked = 0;
+  answerPrompts(std::move(answers), &asked);
   std::unique_ptr<Authorization> authorization;
   if (Authorization::create(authorization) != auth::kStatusSuccess) {
     (void)parent.send("create failed");
     return authorization;
   }
-  (void)parent.send(line(authorization->copyRights(kDefaultRight, kClientFlags)));
+  (void)parent.send(line(authorization->copyRights(right, kClientFlags)));
+  (void)parent.send(std::to_string(asked));
   auth::ExternalForm token{};
   (void)authorization->makeExternalForm(token);
-  (void)parent.send(hex(token));
+  (void)parent.send(Sha256::hex(token));
   return authorization;
 }
 
+// The daemon's part: validates a token for the user its client claims to be.
 std::int32_t validate(const auth::ExternalForm& token, uid_t claimed,
                       const std::string& right = kDefaultRight) {
   std::unique_ptr<Authorization> authorization;
@@ -92,35 +87,48 @@ std::int32_t validate(const auth::ExternalForm& token, uid_t claimed,
   return authorization->copyRights(right, auth::kFlagExtendRights);
 }
 
-std::size_t residentKilobytes(pid_t pid) {
-  std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-  std::string line;
-  while (std::getline(status, line)) {
-    if (line.rfind("VmRSS:", 0) == 0) return std::stoul(line.substr(6));
-  }
-  return 0;
-}
-
 class AuthorityEndToEndTest : public AuthorityFixture {};
 
-TEST_F(AuthorityEndToEndTest, TheRightPasswordGrantsTheRightAndTheDaemonValidatesIt) {
+TEST_F(AuthorityEndToEndTest, TheRightPasswordGrantsARightToItsTokenAloneUntilTheCreatorExits) {
   Result<ChildProcess> alice = ChildProcess::start({kAlice, kAlice}, [](LineChannel& parent) {
-    int asked = 0;
-    auto authorization = obtainDefaultRight(parent, {"alice-password"}, &asked);
-    (void)parent.send(std::to_string(asked));
+    auto authorization = obtainRight(parent, kDefaultRight, {"alice-password"});
     // Stay alive (the token ends with its creator) until the daemon's part is done.
     (void)parent.receive(60s);
     return 0;
   });
   ASSERT_TRUE(alice.ok());
   EXPECT_EQ(alice->channel().receive().valueOr(""), "0");
-  const auth::ExternalForm token = tokenFromHex(alice->channel().receive().valueOr(""));
   EXPECT_EQ(alice->channel().receive().valueOr(""), "1") << "one password prompt";
+  const std::string hexToken = alice->channel().receive().valueOr("");
+  const auth::ExternalForm token = tokenFromHex(hexToken);
 
   EXPECT_EQ(validate(token, kAlice), auth::kStatusSuccess);
   EXPECT_EQ(validate(token, kBob), auth::kStatusDenied) << "replayed for another user";
   // An undefined right falls back to the rule "default", which Alice's fresh credential meets.
   EXPECT_EQ(validate(token, kAlice, "com.test.undefined"), auth::kStatusSuccess);
+  auth::ExternalForm guessed{};
+  ASSERT_TRUE(sys::getRandom(guessed));
+  for (const auth::ExternalForm& forged : {auth::ExternalForm{}, guessed}) {
+    EXPECT_EQ(validate(forged, kAlice), auth::kStatusInteractionNotAllowed);
+  }
+
+  // Bob got hold of alice's token: it is nothing to him, whichever way he presents it.
+  auto bob = asUser(kBob, [&token](LineChannel& parent) {
+    auth::Request request;
+    request.operation = auth::Operation::CopyRights;
+    request.token = token;
+    request.right = kDefaultRight;
+    request.flags = auth::kFlagExtendRights;
+    (void)parent.send(line(rawStatus(request)));
+    request.operation = auth::Operation::Free;
+    request.flags = auth::kFlagDestroyRights;
+    (void)parent.send(line(rawStatus(request)));
+    (void)parent.send(line(validate(token, kBob)));
+  });
+  EXPECT_EQ(bob,
+            (std::vector<std::string>{line(auth::kStatusInvalidRef), line(auth::kStatusInvalidRef),
+                                      line(auth::kStatusDenied)}));
+  EXPECT_EQ(validate(token, kAlice), auth::kStatusSuccess) << "still alice's";
 
   // The creating process ends: so does its token.
   (void)alice->channel().send("done");
@@ -131,127 +139,70 @@ TEST_F(AuthorityEndToEndTest, TheRightPasswordGrantsTheRightAndTheDaemonValidate
   EXPECT_NE(log.find("granted to uid 1001 after authentication as 'alice'"), std::string::npos)
       << log;
   EXPECT_EQ(log.find("alice-password"), std::string::npos);
+  EXPECT_EQ(log.find(hexToken.substr(0, 16)), std::string::npos) << "tokens are never logged";
 }
 
-TEST_F(AuthorityEndToEndTest, WrongPasswordsThreeTimesAreDenied) {
-  auto lines = asUser(kAlice, [](LineChannel& parent) {
-    int asked = 0;
-    obtainDefaultRight(parent, {"guess-1", "guess-2", "guess-3", "alice-password"}, &asked);
-    (void)parent.send(std::to_string(asked));
-  });
-  ASSERT_EQ(lines.size(), 3u);
-  EXPECT_EQ(lines[0], line(auth::kStatusDenied));
-  EXPECT_EQ(lines[2], "3") << "exactly three attempts";
-  EXPECT_EQ(serviceLog().find("guess-"), std::string::npos) << "passwords are never logged";
-}
-
-TEST_F(AuthorityEndToEndTest, UnknownUsersAreDenied) {
-  auto erin = asUser(kErin, [](LineChannel& parent) {
-    obtainDefaultRight(parent, {"erin-password", "erin-password", "erin-password"});
-  });
-  ASSERT_FALSE(erin.empty());
-  EXPECT_EQ(erin[0], line(auth::kStatusDenied)) << "PAM does not know erin";
-
-  int asked = 0;
-  auto nobody = asUser(kNobodyKnown, [&asked](LineChannel& parent) {
-    obtainDefaultRight(parent, {"anything"}, &asked);
-    (void)parent.send(std::to_string(asked));
-  });
-  ASSERT_EQ(nobody.size(), 3u);
-  EXPECT_EQ(nobody[0], line(auth::kStatusDenied)) << "uid without an account";
-  EXPECT_EQ(nobody[2], "0") << "and nobody was asked";
-}
-
-TEST_F(AuthorityEndToEndTest, AnAccountPamRefusesIsDenied) {
-  auto carol = asUser(kCarol, [](LineChannel& parent) {
-    int asked = 0;
-    obtainDefaultRight(parent, {"carol-password", "carol-password", "carol-password"}, &asked);
-    (void)parent.send(std::to_string(asked));
-  });
-  ASSERT_EQ(carol.size(), 3u);
-  EXPECT_EQ(carol[0], line(auth::kStatusDenied));
-  EXPECT_EQ(carol[2], "1") << "a refused account is not asked again";
-  EXPECT_NE(serviceLog().find("Account 'carol' may not be used now"), std::string::npos);
-}
-
-TEST_F(AuthorityEndToEndTest, AnEmptyPasswordIsRefused) {
-  auto dave = asUser(kDave, [](LineChannel& parent) { obtainDefaultRight(parent, {"", "", ""}); });
-  ASSERT_FALSE(dave.empty());
-  EXPECT_EQ(dave[0], line(auth::kStatusDenied));
-}
-
-TEST_F(AuthorityEndToEndTest, AnAuthenticatedUserWhoIsNoAdministratorIsDenied) {
-  auto bob = asUser(kBob, [](LineChannel& parent) {
-    int asked = 0;
-    obtainDefaultRight(parent, {"bob-password", "bob-password"}, &asked);
-    (void)parent.send(std::to_string(asked));
-  });
-  ASSERT_EQ(bob.size(), 3u);
-  EXPECT_EQ(bob[0], line(auth::kStatusDenied));
-  EXPECT_EQ(bob[2], "1");
-
+TEST_F(AuthorityEndToEndTest, PamAndTheRulesDecideWhoObtainsARight) {
   defineRight("com.test.own", "authenticate-session-owner-or-admin");
-  auto owner = asUser(kBob, [](LineChannel& parent) {
-    answerPrompts({"bob-password"});
-    std::unique_ptr<Authorization> authorization;
-    (void)Authorization::create(authorization);
-    (void)parent.send(line(authorization->copyRights("com.test.own", kClientFlags)));
-  });
-  ASSERT_FALSE(owner.empty());
-  EXPECT_EQ(owner[0], line(auth::kStatusSuccess));
-}
-
-TEST_F(AuthorityEndToEndTest, CancellingOrHavingNoWayToAskEndsTheRequest) {
-  auto lines = asUser(kAlice, [](LineChannel& parent) {
-    obtainDefaultRight(parent, {std::nullopt});
-    // A process without a terminal and without a handler of its own cannot ask at all.
-    auth::setPromptHandler(nullptr);
-    if (::setsid() < 0) return;
-    std::unique_ptr<Authorization> authorization;
-    (void)Authorization::create(authorization);
-    (void)parent.send(line(authorization->copyRights(kDefaultRight, kClientFlags)));
-  });
-  ASSERT_EQ(lines.size(), 3u);
-  EXPECT_EQ(lines[0], line(auth::kStatusCanceled));
-  EXPECT_EQ(lines[2], line(auth::kStatusInteractionNotAllowed));
-}
-
-TEST_F(AuthorityEndToEndTest, GuessedZeroAndForeignTokensAreRefused) {
-  auth::ExternalForm zero{};
-  EXPECT_EQ(validate(zero, kAlice), auth::kStatusInteractionNotAllowed);
-  auth::ExternalForm guessed{};
-  ASSERT_TRUE(sys::getRandom(guessed));
-  EXPECT_EQ(validate(guessed, kAlice), auth::kStatusInteractionNotAllowed);
-
-  Result<ChildProcess> alice = ChildProcess::start({kAlice, kAlice}, [](LineChannel& parent) {
-    auto authorization = obtainDefaultRight(parent, {"alice-password"});
-    (void)parent.receive(60s);
-    return 0;
-  });
-  ASSERT_TRUE(alice.ok());
-  ASSERT_EQ(alice->channel().receive().valueOr(""), "0");
-  const std::string token = alice->channel().receive().valueOr("");
-
-  // Bob got hold of alice's token: it is nothing to him, whichever way he presents it.
-  auto bob = asUser(kBob, [&token](LineChannel& parent) {
-    auth::Request request;
-    request.operation = auth::Operation::CopyRights;
-    request.token = tokenFromHex(token);
-    request.right = kDefaultRight;
-    request.flags = auth::kFlagExtendRights;
-    (void)parent.send(line(rawStatus(request)));
-    request.operation = auth::Operation::Free;
-    request.flags = auth::kFlagDestroyRights;
-    (void)parent.send(line(rawStatus(request)));
-    std::unique_ptr<Authorization> asDaemon;
-    (void)Authorization::createFromExternalForm(tokenFromHex(token), kBob, asDaemon);
-    (void)parent.send(line(asDaemon->copyRights(kDefaultRight, auth::kFlagExtendRights)));
-  });
-  EXPECT_EQ(bob,
-            (std::vector<std::string>{line(auth::kStatusInvalidRef), line(auth::kStatusInvalidRef),
-                                      line(auth::kStatusDenied)}));
-  EXPECT_EQ(validate(tokenFromHex(token), kAlice), auth::kStatusSuccess) << "still alice's";
-  (void)alice->channel().send("done");
+  struct Case {
+    const char* scenario;
+    uid_t uid;
+    const char* right;
+    std::vector<std::optional<std::string>> answers;
+    std::int32_t status;
+    int asked;  // -1: not checked
+  };
+  // One account per failing case: the back-off would delay a fourth attempt of the same account.
+  const Case cases[] = {
+      {"cancelled", kAlice, kDefaultRight, {std::nullopt}, auth::kStatusCanceled, 1},
+      {"three wrong passwords",
+       kAlice,
+       kDefaultRight,
+       {"guess-1", "guess-2", "guess-3", "alice-password"},
+       auth::kStatusDenied,
+       3},
+      {"unknown to PAM",
+       kErin,
+       kDefaultRight,
+       {"erin-pw", "erin-pw", "erin-pw"},
+       auth::kStatusDenied,
+       -1},
+      {"no account at all", kNobodyKnown, kDefaultRight, {"anything"}, auth::kStatusDenied, 0},
+      {"account refused by PAM",
+       kCarol,
+       kDefaultRight,
+       {"carol-password", "carol-password"},
+       auth::kStatusDenied,
+       1},
+      {"empty password", kDave, kDefaultRight, {"", "", ""}, auth::kStatusDenied, -1},
+      {"authenticated but no administrator",
+       kBob,
+       kDefaultRight,
+       {"bob-password", "bob-password"},
+       auth::kStatusDenied,
+       1},
+      {"the session owner where the rule allows it",
+       kBob,
+       "com.test.own",
+       {"bob-password"},
+       auth::kStatusSuccess,
+       1},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.scenario);
+    auto lines =
+        asUser(c.uid, [&c](LineChannel& parent) { obtainRight(parent, c.right, c.answers); });
+    ASSERT_EQ(lines.size(), 3u);
+    EXPECT_EQ(lines[0], line(c.status));
+    if (c.asked >= 0) {
+      EXPECT_EQ(lines[1], std::to_string(c.asked));
+    }
+  }
+  const std::string log = serviceLog();
+  EXPECT_NE(log.find("Account 'carol' may not be used now"), std::string::npos) << log;
+  for (const char* password : {"guess-", "erin-pw", "carol-password", "bob-password"}) {
+    EXPECT_EQ(log.find(password), std::string::npos) << "passwords are never logged";
+  }
 }
 
 TEST_F(AuthorityEndToEndTest, HostileRightNamesAndUnsafeDefinitionsAreRefused) {
@@ -270,25 +221,19 @@ TEST_F(AuthorityEndToEndTest, HostileRightNamesAndUnsafeDefinitionsAreRefused) {
   ASSERT_EQ(::chown(rightFile("com.test.foreign").c_str(), kAlice, kAlice), 0);
   defineRight("com.test.open", "allow");
   ASSERT_EQ(::chmod(rightFile("com.test.open").c_str(), 0666), 0);
-  int asked = 0;
-  auto unsafe = asUser(kAlice, [&asked](LineChannel& parent) {
-    answerPrompts({"alice-password", "alice-password"}, &asked);
-    std::unique_ptr<Authorization> authorization;
-    (void)Authorization::create(authorization);
-    (void)parent.send(line(authorization->copyRights("com.test.foreign", kClientFlags)));
-    (void)parent.send(line(authorization->copyRights("com.test.open", kClientFlags)));
-    (void)parent.send(std::to_string(asked));
-  });
-  EXPECT_EQ(unsafe,
-            (std::vector<std::string>{line(auth::kStatusDenied), line(auth::kStatusDenied), "0"}));
+  for (const char* right : {"com.test.foreign", "com.test.open"}) {
+    auto unsafe = asUser(
+        kAlice, [right](LineChannel& parent) { obtainRight(parent, right, {"alice-password"}); });
+    ASSERT_GE(unsafe.size(), 2u);
+    EXPECT_EQ(unsafe[0], line(auth::kStatusDenied)) << right;
+    EXPECT_EQ(unsafe[1], "0") << "nobody is asked for " << right;
+  }
   EXPECT_NE(serviceLog().find("is not owned by root"), std::string::npos);
   EXPECT_NE(serviceLog().find("writable by group or others"), std::string::npos);
-
   // The administrator's files still count as existing, so nothing overwrites them.
   EXPECT_EQ(auth::rightExists("com.test.open"), auth::kStatusSuccess);
   std::string problem;
-  Value definition("");
-  EXPECT_EQ(auth::rightGet("com.test.open", &definition, &problem), auth::kStatusSuccess);
+  EXPECT_EQ(auth::rightGet("com.test.open", nullptr, &problem), auth::kStatusSuccess);
   EXPECT_FALSE(problem.empty());
 }
 
@@ -297,23 +242,21 @@ TEST_F(AuthorityEndToEndTest, ClientsThatHangUpDuringThePromptDoNotWearTheServic
   auto lines = asUser(kAlice, [](LineChannel& parent) {
     std::unique_ptr<Authorization> authorization;
     if (Authorization::create(authorization) != auth::kStatusSuccess) return;
-    auth::ExternalForm token{};
-    (void)authorization->makeExternalForm(token);
+    auth::Request request;
+    request.operation = auth::Operation::CopyRights;
+    (void)authorization->makeExternalForm(request.token);
+    request.right = kDefaultRight;
+    request.flags = kClientFlags;
     int prompted = 0;
     for (int i = 0; i < 20; ++i) {
-      auth::Request request;
-      request.operation = auth::Operation::CopyRights;
-      request.token = token;
-      request.right = kDefaultRight;
-      request.flags = kClientFlags;
       RawReply reply = rawRequest(request);
       prompted += reply.message && reply.message->prompt ? 1 : 0;
       // The connection closes here, in the middle of the prompt.
     }
     (void)parent.send(std::to_string(prompted));
-    obtainDefaultRight(parent, {"alice-password"});
+    obtainRight(parent, kDefaultRight, {"alice-password"});
   });
-  ASSERT_EQ(lines.size(), 3u);
+  ASSERT_GE(lines.size(), 2u);
   EXPECT_EQ(lines[0], "20");
   EXPECT_EQ(lines[1], line(auth::kStatusSuccess));
   EXPECT_TRUE(service().running());
@@ -330,6 +273,15 @@ constexpr bool kSanitizedBuild = false;
 #else
 constexpr bool kSanitizedBuild = false;
 #endif
+
+std::size_t residentKilobytes(pid_t pid) {
+  std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+  std::string text;
+  while (std::getline(status, text)) {
+    if (text.rfind("VmRSS:", 0) == 0) return std::stoul(text.substr(6));
+  }
+  return 0;
+}
 
 TEST_F(AuthorityEndToEndTest, AFloodOfCreationsIsBounded) {
   Result<ChildProcess> flood = ChildProcess::start({kAlice, kAlice}, [](LineChannel& parent) {
@@ -370,25 +322,17 @@ TEST_F(AuthorityEndToEndTest, AFloodOfCreationsIsBounded) {
   (void)flood->channel().send("done");
 }
 
-// Runs authorityctl as root; its exit code and standard output.
-std::pair<int, std::string> authorityctl(const std::vector<std::string>& arguments, uid_t uid = 0) {
+// Runs authorityctl as the user; its exit code and what it wrote.
+std::pair<int, std::string> authorityctl(std::vector<std::string> arguments, uid_t uid = 0) {
   Result<sys::PipeEnds> output = sys::pipe();
   EXPECT_TRUE(output.ok());
-  pid_t pid = ::fork();
-  if (pid == 0) {
-    ::dup2(output->writeEnd.get(), STDOUT_FILENO);
-    ::dup2(output->writeEnd.get(), STDERR_FILENO);
-    if (uid != 0 && (::setgroups(0, nullptr) != 0 || ::setresgid(uid, uid, uid) != 0 ||
-                     ::setresuid(uid, uid, uid) != 0)) {
-      ::_exit(126);
-    }
-    std::vector<char*> argv{const_cast<char*>(KRV_AUTHORITYCTL_BINARY)};
-    for (const std::string& argument : arguments)
-      argv.push_back(const_cast<char*>(argument.c_str()));
-    argv.push_back(nullptr);
-    ::execv(argv[0], argv.data());
-    ::_exit(127);
-  }
+  const int writeEnd = output->writeEnd.get();
+  arguments.insert(arguments.begin(), KRV_AUTHORITYCTL_BINARY);
+  Result<ChildProcess> child = ChildProcess::start({uid, uid}, [&](LineChannel&) {
+    ::dup2(writeEnd, STDOUT_FILENO);
+    ::dup2(writeEnd, STDERR_FILENO);
+    return execute(arguments);
+  });
   output->writeEnd.reset();
   std::string text;
   std::uint8_t buffer[1024];
@@ -396,31 +340,26 @@ std::pair<int, std::string> authorityctl(const std::vector<std::string>& argumen
     if (*count == 0) break;
     text.append(reinterpret_cast<const char*>(buffer), *count);
   }
-  int status = 0;
-  ::waitpid(pid, &status, 0);
-  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, text};
+  return {child ? child->wait().valueOr(-1) : -1, text};
 }
 
 TEST_F(AuthorityEndToEndTest, TheAdministrationToolChangesRightsWithImmediateEffect) {
+  // What bob gets for the right when nobody can be asked.
+  auto bobsStatus = [this] {
+    auto lines = asUser(kBob, [](LineChannel& parent) {
+      auth::setPromptHandler(std::make_shared<auth::CallbackPromptHandler>(nullptr));
+      std::unique_ptr<Authorization> authorization;
+      (void)Authorization::create(authorization);
+      (void)parent.send(line(authorization->copyRights("com.test.tool", kClientFlags)));
+    });
+    return lines.empty() ? std::string() : lines[0];
+  };
   EXPECT_EQ(authorityctl({"write", "com.test.tool", "allow", "Opened for the test"}).first, 0);
   EXPECT_EQ(authorityctl({"read", "com.test.tool"}),
             (std::pair<int, std::string>{0, "rule: allow\ncomment: Opened for the test\n"}));
-  auto open = asUser(kBob, [](LineChannel& parent) {
-    auth::setPromptHandler(std::make_shared<auth::CallbackPromptHandler>(nullptr));
-    std::unique_ptr<Authorization> authorization;
-    (void)Authorization::create(authorization);
-    (void)parent.send(line(authorization->copyRights("com.test.tool", kClientFlags)));
-  });
-  EXPECT_EQ(open, std::vector<std::string>{line(auth::kStatusSuccess)});
-
+  EXPECT_EQ(bobsStatus(), line(auth::kStatusSuccess));
   EXPECT_EQ(authorityctl({"write", "com.test.tool", "authenticate-admin"}).first, 0);
-  auto closed = asUser(kBob, [](LineChannel& parent) {
-    auth::setPromptHandler(std::make_shared<auth::CallbackPromptHandler>(nullptr));
-    std::unique_ptr<Authorization> authorization;
-    (void)Authorization::create(authorization);
-    (void)parent.send(line(authorization->copyRights("com.test.tool", kClientFlags)));
-  });
-  EXPECT_EQ(closed, std::vector<std::string>{line(auth::kStatusInteractionNotAllowed)});
+  EXPECT_EQ(bobsStatus(), line(auth::kStatusInteractionNotAllowed));
 
   EXPECT_EQ(authorityctl({"write", "com.test.tool", "alow"}).first, 1) << "unknown rule";
   EXPECT_EQ(authorityctl({"write", "com.test.tool", "allow"}, kBob).first, 1) << "root only";

@@ -60,11 +60,14 @@ class AuthorityFixture : public ::testing::Test {
 // cancel) and counts the questions in *asked; once the script is used up it cancels.
 void answerPrompts(std::vector<std::optional<std::string>> responses, int* asked = nullptr);
 
+// In a child: replaces the process by the program command[0] with the arguments; 127 if it
+// cannot.
+int execute(const std::vector<std::string>& command);
+
 // A service status as a line.
 inline std::string line(std::int32_t status) { return std::to_string(status); }
 
-// Hex text of a token, and back.
-std::string hex(const auth::ExternalForm& token);
+// A token from its hex text (Sha256::hex writes it).
 auth::ExternalForm tokenFromHex(const std::string& text);
 
 }  // namespace krv::test

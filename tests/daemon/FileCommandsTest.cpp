@@ -37,7 +37,7 @@ Status installPausingTool() {
     return Error::fromErrno("mount overlay /usr/sbin");
   }
   std::ofstream(kDiskUtility) << "#!/bin/sh\nprintf 'first %s\\n' \"$1\"\n/bin/sleep 1\n"
-                                 "printf 'second\\n'\n";
+                                 "printf 'second\\n'\nprintf oops >&2\n";
   if (::chown(kDiskUtility, 0, 0) != 0 || ::chmod(kDiskUtility, 0755) != 0) {
     return Error::fromErrno("chmod");
   }
@@ -73,15 +73,21 @@ TEST_F(FileCommandsTest, ToolOutputArrivesWhileTheProgramRuns) {
 
   ASSERT_TRUE(result.is(kCommandErrorDomain, 0)) << result.description() << daemonLog();
   EXPECT_EQ(bytesOf(result, "OutputChannel"), "first a b\nsecond\n");
+  EXPECT_EQ(bytesOf(result, "ErrorChannel"), "oops");
   ASSERT_FALSE(reports.empty());
   EXPECT_EQ(bytesOf(reports.front().second, "OutputChannel"), "first a b\n");
   EXPECT_GE(finished - reports.front().first, 800ms);
-  std::string relayed;
+  std::string relayed, relayedErrors;
   for (const auto& [when, report] : reports) {
     EXPECT_TRUE(report.is("com.tavorin.securityagent", 1));
+    const Value* progress = report.userInfo().find("CurrentProgress");
+    EXPECT_TRUE(progress && progress->asNumber() && progress->asNumber()->doubleValue() == 0.0);
     if (bytesOf(report, "OutputChannel") != "<none>") relayed += bytesOf(report, "OutputChannel");
+    if (bytesOf(report, "ErrorChannel") != "<none>")
+      relayedErrors += bytesOf(report, "ErrorChannel");
   }
   EXPECT_EQ(relayed, "first a b\nsecond\n");
+  EXPECT_EQ(relayedErrors, "oops");
 }
 
 TEST_F(FileCommandsTest, MultiPathDeleteReportsItsProgress) {
