@@ -24,8 +24,8 @@ function(krv_test name)
   cmake_parse_arguments(ARG "" "" "SOURCES;DEPENDS" ${ARGN})
   add_executable(${name} ${ARG_SOURCES})
   target_link_libraries(${name} PRIVATE ${ARG_DEPENDS} GTest::gtest GTest::gtest_main krv_warnings)
-  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60
-    PROPERTIES ENVIRONMENT "KRV_SOURCE_DIR=${PROJECT_SOURCE_DIR};KRV_BINARY_DIR=${PROJECT_BINARY_DIR}")
+  target_compile_definitions(${name} PRIVATE KRV_SOURCE_DIR="${PROJECT_SOURCE_DIR}")
+  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60)
 endfunction()
 
 # krv_folder(NAME DEPENDS libs... [TEST_DEPENDS libs...]) declares the static library of the

@@ -7,12 +7,11 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
-#include <fstream>
-#include <iterator>
 #include <string>
 
 #include "foundation/CborWriter.h"
 #include "foundation/Error.h"
+#include "tests/support/Fixtures.h"
 
 namespace krv {
 namespace {
@@ -241,15 +240,6 @@ TEST(ArchiverTest, SequentialSizeIsKnownAheadAndTheArchiveAppendsInPlace) {
   EXPECT_EQ(Data(block.begin() + 36, block.end()), bytes);
 }
 
-Data readFixture(const std::string& name) {
-  const char* root = std::getenv("KRV_SOURCE_DIR");
-  const std::string_view file = __FILE__;  // <source>/foundation/ArchiverTest.cpp
-  const std::string source = root ? root : std::string(file.substr(0, file.rfind('/'))) + "/..";
-  std::ifstream input(source + "/tests/fixtures/cbor/" + name, std::ios::binary);
-  EXPECT_TRUE(input) << name;
-  return Data(std::istreambuf_iterator<char>(input), std::istreambuf_iterator<char>());
-}
-
 // The fixtures were written by an independent encoder; both must read and re-encode exactly.
 TEST(ArchiverTest, ReadsAndReproducesObjectsOfAnotherEncoder) {
   const Error acknowledgement(
@@ -275,7 +265,7 @@ TEST(ArchiverTest, ReadsAndReproducesObjectsOfAnotherEncoder) {
       {"acknowledgement.cbor", &acknowledgement}, {"payload-chunk.cbor", &chunk}};
   for (const auto& [name, expected] : fixtures) {
     SCOPED_TRACE(name);
-    const Data fixture = readFixture(name);
+    const Data fixture = test::readCborFixture(name);
     Result<Value> decoded = unarchiveSequential(fixture, ClassRegistry::errorObjects());
     ASSERT_TRUE(decoded) << decoded.error().description();
     ASSERT_NE(decoded->objectAs<Error>(), nullptr);

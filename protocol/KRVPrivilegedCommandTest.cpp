@@ -3,24 +3,14 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <cstdlib>
-#include <fstream>
-#include <iterator>
-
 #include "foundation/Archiver.h"
+#include "tests/support/Fixtures.h"
 
 namespace krv {
 namespace {
 
 std::unique_ptr<KRVPrivilegedCommand> make(std::uint32_t code, Array arguments) {
   return KRVPrivilegedCommand::privilegedCommandWithCode(code, std::move(arguments));
-}
-
-Data fixture(const char* name) {
-  const char* source = std::getenv("KRV_SOURCE_DIR");
-  std::string path = std::string(source ? source : ".") + "/tests/fixtures/cbor/" + name;
-  std::ifstream file(path, std::ios::binary);
-  return Data(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
 }
 
 Result<Value> decode(const Data& payload) {
@@ -79,7 +69,7 @@ TEST(KRVPrivilegedCommandTest, StartsWithTheCallersUserAndRoundTripsInBothArchiv
 }
 
 TEST(KRVPrivilegedCommandTest, DecodesRequestsWrittenByAnIndependentEncoder) {
-  Result<Value> search = decode(fixture("request-search.cbor"));
+  Result<Value> search = decode(test::readCborFixture("request-search.cbor"));
   ASSERT_TRUE(search) << search.error().description();
   const auto* command = search->objectAs<KRVPrivilegedCommand>();
   ASSERT_NE(command, nullptr);
@@ -89,7 +79,7 @@ TEST(KRVPrivilegedCommandTest, DecodesRequestsWrittenByAnIndependentEncoder) {
   ASSERT_TRUE(command->isValid());
   EXPECT_EQ(*command->arguments()[0].asString(), "/var/tmp");
 
-  Result<Value> deletion = decode(fixture("request-delete.cbor"));
+  Result<Value> deletion = decode(test::readCborFixture("request-delete.cbor"));
   ASSERT_TRUE(deletion) << deletion.error().description();
   const auto* second = deletion->objectAs<KRVPrivilegedCommand>();
   ASSERT_NE(second, nullptr);
