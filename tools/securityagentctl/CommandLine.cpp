@@ -145,8 +145,9 @@ Result<Options> parseCommandLine(const std::vector<std::string>& words) {
                                  words.end());
   if (record->numberOfArguments != kAnyNumberOfArguments &&
       static_cast<std::int64_t>(texts.size()) != record->numberOfArguments) {
-    return usageError(format("%s takes %lld argument(s)", words[index].c_str(),
-                             static_cast<long long>(record->numberOfArguments)));
+    const long long wanted = record->numberOfArguments;
+    return usageError(format("%s takes %lld argument%s, not %zu", words[index].c_str(), wanted,
+                             wanted == 1 ? "" : "s", texts.size()));
   }
   for (std::size_t i = 0; i < texts.size(); ++i) {
     char letter = record->numberOfArguments == kAnyNumberOfArguments ? record->signature[0]
