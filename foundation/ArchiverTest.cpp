@@ -4,6 +4,7 @@
 
 #include <cctype>
 #include <cerrno>
+#include <chrono>
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
@@ -225,6 +226,30 @@ TEST(ArchiverTest, RejectsHostilePayloadsAsArchiveFaults) {
     }
   }
   EXPECT_TRUE(unarchiveSequential(nestedArrays(64), testClasses()));
+}
+
+// Equal elements are found through their canonical forms: a set of two equal large sets or maps
+// is refused at once, not after comparing every element with every other. Elements holding a NaN
+// date are never equal, however alike they look.
+TEST(ArchiverTest, FindsEqualLargeSetElementsInLinearithmicTime) {
+  constexpr std::int64_t kCount = 50000;
+  Set numbers;
+  Dictionary entries;
+  for (std::int64_t i = 0; i < kCount; ++i) {
+    numbers.elements.push_back(Value::integer(i));
+    entries.append(std::to_string(i), Value::integer(i));
+  }
+  const auto start = std::chrono::steady_clock::now();
+  for (const Value& element : {Value(numbers), Value(entries)}) {
+    Result<Value> decoded =
+        unarchiveSequential(archiveSequential(Value(Set{{element, element}})), testClasses());
+    ASSERT_FALSE(decoded);
+    EXPECT_EQ(decoded.error().code(), EIO);
+  }
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+  const Value nanDate(Array{Value(Date{NAN})});
+  EXPECT_TRUE(
+      unarchiveSequential(archiveSequential(Value(Set{{nanDate, nanDate}})), testClasses()));
 }
 
 TEST(ArchiverTest, SequentialSizeIsKnownAheadAndTheArchiveAppendsInPlace) {
