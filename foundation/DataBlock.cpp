@@ -3,6 +3,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -14,6 +15,8 @@ namespace krv {
 namespace {
 
 constexpr const char* kUnit = "KRVSecurityAgent";
+// The payload buffer a block reader sets aside before any payload byte has arrived.
+constexpr std::size_t kFirstPayloadChunk = 64 * 1024;
 
 void storeLittleEndian32(std::uint8_t* out, std::uint32_t value) {
   for (int i = 0; i < 4; ++i) out[i] = static_cast<std::uint8_t>(value >> (8 * i));
@@ -108,12 +111,18 @@ Result<Data> readDataBlock(int fd) {
   }
   std::uint32_t length = loadLittleEndian32(header + 28);
   if (length > kDataBlockMaximumSize) return blockFault(EIO, "data block length");
-  Data payload(length);
-  if (length > 0) {
-    if (int error = readFromPipe(fd, payload.data(), length, &count); error != 0) {
+  // The length is only a claim until the bytes arrive: the buffer grows with what was read (at
+  // most doubling it), so a header alone cannot make the reader set aside a whole mebibyte.
+  Data payload;
+  while (payload.size() < length) {
+    const std::size_t received = payload.size();
+    const std::size_t step =
+        std::min<std::size_t>(length - received, std::max(kFirstPayloadChunk, received));
+    payload.resize(received + step);
+    if (int error = readFromPipe(fd, payload.data() + received, step, &count); error != 0) {
       return Error::posix(error, "read data block payload");
     }
-    if (count != length) return blockFault(EIO, "data block payload");
+    if (count != step) return blockFault(EIO, "data block payload");
   }
   if (crc16(payload) != loadLittleEndian32(header + 32)) {
     return blockFault(EIO, "data block checksum");

@@ -46,7 +46,8 @@ int readFromPipe(int fd, std::uint8_t* buffer, std::size_t length, std::size_t* 
 // Writes one block holding the payload. An empty payload writes nothing and succeeds.
 int writeDataBlock(int fd, std::span<const std::uint8_t> payload, BlockSink sink = BlockSink::Pipe);
 // Reads one block and returns its payload; on failure the POSIX error carries the error number
-// (which is also left in errno for EINVAL and EIO).
+// (which is also left in errno for EINVAL and EIO). The payload buffer grows as its bytes arrive,
+// never to more than twice what was read plus 64 KiB.
 Result<Data> readDataBlock(int fd);
 
 }  // namespace krv

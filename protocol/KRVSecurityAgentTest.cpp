@@ -77,6 +77,7 @@ TEST(DataBlockTest, ReaderTakesUpToOneMebibyteAndRejectsDamagedOrShortBlocks) {
       {"checksum's upper half set", upperChecksum, EIO},
       {"closed after 20 header bytes", Data(good.begin(), good.begin() + 20), EPIPE},
       {"closed inside the payload", Data(good.begin(), good.end() - 2), EPIPE},
+      {"closed after 4 of 1048576 announced bytes", block({1, 2, 3, 4}, 1048576), EPIPE},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
