@@ -2,12 +2,17 @@
 // the contents of folders. The multi-path commands report progress i/n before each path and stop
 // without a result as soon as the client can no longer be reached.
 
+#include <fcntl.h>
+
 #include <cerrno>
+#include <climits>
 
 #include "executor/FileObjectPrimitives.h"
 #include "executor/KRVCommandExecutor.h"
 #include "filesystem/FileManager.h"
+#include "filesystem/FolderReader.h"
 #include "filesystem/PathNames.h"
+#include "foundation/System.h"
 
 namespace krv {
 
@@ -53,11 +58,19 @@ CommandResult KRVCommandExecutor::deleteFileSystemFolderContentsAtPaths(const Ar
     bool isDirectory = false;
     if (!FileManager::fileExists(folder, isDirectory)) continue;
     if (!isDirectory) return FileManager::error(ENOTDIR, folder);
-    Result<std::vector<std::string>> names = FileManager::contentsOfDirectory(folder);
-    if (!names) return std::move(names).error();
-    for (const std::string& name : *names) {
-      Status deleted =
-          enforcedRecursiveDeleteOfFileSystemObjectAtPath(appendingPathComponent(folder, name));
+    // Listed and emptied through one descriptor: a folder swapped for another (or for a link)
+    // after the listing does not receive the deletions meant for this one.
+    Result<UniqueFd> opened = sys::open(folder, O_RDONLY | O_DIRECTORY | O_NOCTTY | O_NONBLOCK);
+    if (!opened) return FileManager::error(opened.error(), folder);
+    FolderReader reader(std::move(*opened), FolderReader::kLargeBuffer);
+    std::vector<std::string> names;
+    while (std::optional<FolderReader::Entry> entry = reader.next())
+      names.emplace_back(entry->name);
+    if (reader.error()) return FileManager::error(*reader.error(), folder);
+    for (const std::string& name : names) {
+      const std::string entryPath = appendingPathComponent(folder, name);
+      if (entryPath.size() >= PATH_MAX) return FileManager::error(ENAMETOOLONG, entryPath);
+      Status deleted = enforcedRecursiveDeleteInFolder(reader.fd(), name, entryPath);
       if (!deleted) return std::move(deleted).error();
     }
   }

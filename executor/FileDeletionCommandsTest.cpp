@@ -3,6 +3,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <thread>
 #include <vector>
 
 #include "executor/ExecutorTestSupport.h"
@@ -14,6 +16,26 @@ using test::expectResult;
 using test::text;
 
 class DeletionTest : public test::FileCommandTest {};
+
+// Runs `command` `rounds` times, each after `prepare`, while a second thread keeps exchanging the
+// objects at `a` and `b`, as a user racing the daemon would; `check` runs after each round.
+template <class Prepare, class Command, class Check>
+void whileSwapping(const std::string& a, const std::string& b, int rounds, Prepare prepare,
+                   Command command, Check check) {
+  for (int round = 0; round < rounds; ++round) {
+    prepare();
+    std::atomic<bool> stop{false};
+    std::thread swapper([&] {
+      while (!stop.load(std::memory_order_relaxed)) {
+        (void)::renameat2(AT_FDCWD, a.c_str(), AT_FDCWD, b.c_str(), RENAME_EXCHANGE);
+      }
+    });
+    command();
+    stop = true;
+    swapper.join();
+    check();
+  }
+}
 
 TEST_F(DeletionTest, DeletesUserProtectedObjectsAndLeavesSystemProtectedOnesAsTheyAre) {
   struct Case {
@@ -113,6 +135,67 @@ TEST_F(DeletionTest, LinksInAWalkedTreeLeaveTheirTargetsAlone) {
   for (const char* name : {"outside-file", "outside-folder/inner", "outside-folder"}) {
     EXPECT_EQ(flagsOf(name), kUserImmutableFlag) << name;
   }
+}
+
+// A folder or file of the named tree is swapped for a link to something outside while the command
+// runs: the walk, the flag change and the deletion all stay with the objects first reached.
+TEST_F(DeletionTest, ObjectsSwappedForLinksMidCommandNeverLeadItOutside) {
+  constexpr int kRounds = 150;
+  const std::string letters = "abcdefghijkl";
+  make({"outside/", "outside/plain"});
+  for (char c : letters) {
+    make({std::string("outside/") + c});
+    setFlags(std::string("outside/") + c, kUserImmutableFlag);
+  }
+  auto reset = [&](const std::vector<std::string>& names, const std::string& parkedTarget) {
+    for (const std::string& name : names) {
+      // A link goes by itself: the tree's clean-up would lift the flags of what it points to.
+      if (::unlink(path(name).c_str()) != 0) test::TestFileTree::removeAll(path(name));
+    }
+    make({"parked -> " + path(parkedTarget)});
+  };
+  whileSwapping(
+      path("tree/sub"), path("parked"), kRounds,
+      [&] {
+        reset({"tree", "parked"}, "outside");
+        make({"tree/", "tree/sub/", "tree/sub/plain"});
+        for (char c : letters) {
+          make({std::string("tree/sub/") + c});
+          setFlags(std::string("tree/sub/") + c, kUserImmutableFlag);
+        }
+      },
+      [&] {
+        (void)run(10, {text(path("tree")), test::number(1), test::number(1), test::number(0)});
+        (void)run(8, {text(path("tree"))});
+      },
+      [] {});
+  for (char c : letters) EXPECT_EQ(flagsOf(std::string("outside/") + c), kUserImmutableFlag) << c;
+  EXPECT_EQ(flagsOf("outside/plain"), 0U);
+
+  // The names listed in one folder are deleted in that folder, never in one swapped in for it.
+  bool mixed = false;
+  whileSwapping(
+      path("box"), path("parked"), kRounds,
+      [&] {
+        reset({"box", "parked", "names"}, "names");
+        make({"box/", "names/", "names/only-here"});
+        for (char c = '0'; c <= 'z'; ++c)
+          make({std::string("box/") + c, std::string("names/") + c});
+      },
+      [&] { (void)run(49, {text(path("box"))}); },
+      [&] {
+        // Either "names" was emptied as a whole, or not touched at all.
+        bool some = false;
+        bool all = true;
+        for (char c = '0'; c <= 'z'; ++c) {
+          bool there = exists(std::string("names/") + c);
+          some = some || there;
+          all = all && there;
+        }
+        mixed = mixed || (exists("names/only-here") ? !all : some);
+      });
+  EXPECT_FALSE(mixed);
+  (void)progressValues();
 }
 
 TEST_F(DeletionTest, FolderContentsGoTheFoldersStay) {

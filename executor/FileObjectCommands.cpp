@@ -30,13 +30,6 @@ bool objectExists(const std::string& path) { return checkPath(path) && sys::lsta
 
 Error toError(Status status) { return std::move(status).error(); }
 
-// An error of the file manager's enumerator, whose FailingPath is relative to the walked folder.
-Error walkError(const std::string& base, const Error& error) {
-  const Value* relative = error.userInfo().find(key::kFailingPath);
-  const std::string* text = relative != nullptr ? relative->asString() : nullptr;
-  return FileManager::error(error, text != nullptr ? appendingPathComponent(base, *text) : base);
-}
-
 }  // namespace
 
 Error KRVCommandExecutor::overwriteSystemFileAtPath(const std::string& path, const Data& content,
@@ -61,11 +54,20 @@ Error KRVCommandExecutor::overwriteSystemFileAtPath(const std::string& path, con
   if (!attributes) return std::move(attributes).error();
   const FileAttributeChanges kept = FileAttributeChanges::reapplying(*attributes);
   if (Status moved = FileManager::moveItem(resolved, backup); !moved) return toError(moved);
+  // The new file is made here, never opened: anything else found at the name once the old file
+  // is gone (a user's file linked in, say) receives neither the content nor the attributes. It
+  // stays private to root until the attributes are in place.
+  Result<UniqueFd> file =
+      sys::open(resolved, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_NOCTTY, 0600);
+  if (!file) return FileManager::error(file.error(), resolved);
   // A failed write is deliberately not reported: the attributes are applied and the command
   // succeeds all the same, whatever the file now holds. Clients rely on this outcome.
-  (void)FileManager::writeContents(resolved, content);
-  if (Status applied = FileManager::setAttributes(kept, resolved); !applied)
-    return toError(applied);
+  (void)sys::writeAll(file->get(), content);
+  Result<PathHandle> written = PathHandle::adopt(std::move(*file));
+  if (!written) return FileManager::error(written.error(), resolved);
+  if (Status applied = FileManager::setAttributes(kept, *written); !applied) {
+    return FileManager::error(applied.error(), resolved);
+  }
   if (removeBackup) (void)FileManager::removeItem(backup);
   return commandSuccess();
 }
@@ -114,37 +116,38 @@ Error KRVCommandExecutor::renameFileSystemObjectAtPath(const std::string& path,
 Error KRVCommandExecutor::changeProtectionAttributeAtPath(const std::string& path, bool protect,
                                                           bool recursively, bool stayOnFileSystem) {
   if (path.empty()) return commandError(kFileCommandBadArgument);
-  bool isDirectory = false;
-  if (!FileManager::fileExists(path, isDirectory)) return FileManager::error(ENOENT, path);
-  if (Status set = setImmutableFlag(protect, path, LinkTargetCheck::On); !set) return toError(set);
-  if (!isDirectory || !recursively) return commandSuccess();
-
-  const std::uint32_t device = fileSystemIDForPath(path);
-  Result<FileManagerEnumerator> walk = FileManager::enumerator(path);
-  if (!walk) return std::move(walk).error();
-  while (std::optional<std::string> entry = walk->nextObject()) {
-    const std::string object = appendingPathComponent(path, *entry);
-    if (stayOnFileSystem && fileSystemIDForPath(object) != device) {
-      walk->skipDescendents();
-      continue;
-    }
-    if (Status set = setImmutableFlag(protect, object, LinkTargetCheck::LeaveLinks); !set) {
-      return toError(set);
-    }
+  if (!FileManager::fileExists(path)) return FileManager::error(ENOENT, path);
+  // The walk goes on from the folder whose flag was just set, whatever the path names by now.
+  std::optional<PathHandle> object;
+  if (Status set = setImmutableFlag(protect, path, LinkTargetCheck::On, &object); !set) {
+    return toError(set);
   }
-  // A folder below that could not be read was passed over: its contents did not change, and the
-  // administrator learns which one it was.
-  if (walk->firstError()) return walkError(path, *walk->firstError());
+  if (!recursively || !object || !object->isDirectory()) return commandSuccess();
+  std::optional<std::uint32_t> device;
+  if (stayOnFileSystem) device = fileSystemIDForPath(path);
+  if (Status set = setImmutableFlagBelow(protect, *object, path, device, true); !set) {
+    return toError(set);
+  }
   return commandSuccess();
 }
 
 Error KRVCommandExecutor::removeSystemProtectionForFileSystemObjectAtPath(const std::string& path) {
   if (path.empty()) return commandError(kFileCommandBadArgument);
   if (!FileManager::fileExists(path)) return FileManager::error(ENOENT, path);
-  // The flags of the object itself, written with chflags semantics (through a final link).
-  Result<std::uint32_t> flags = readFileFlags(path, LinkHandling::NoFollow);
+  if (Status valid = checkPath(path); !valid) return FileManager::error(valid.error(), path);
+  // The flags of the object itself, written with chflags semantics (through a final link). The
+  // object is pinned, so a path swapped between the read and the write cannot carry these flags
+  // to another object.
+  Result<PathHandle> object = PathHandle::open(path, LinkHandling::NoFollow);
+  if (!object) return FileManager::error(object.error(), path);
+  Result<std::uint32_t> flags = readFileFlags(*object);
   if (!flags) return FileManager::error(flags.error(), path);
-  if (!writeFileFlags(path, *flags & ~(kUserProtectionFlags | kSystemProtectionFlags))) {
+  if (object->isSymbolicLink()) {
+    object = PathHandle::open(path, LinkHandling::Follow);
+    if (!object) return commandErrorWithFailingPath(kFileCommandFlagsNotChanged, path);
+  }
+  const std::uint32_t wanted = *flags & ~(kUserProtectionFlags | kSystemProtectionFlags);
+  if (!writeFileFlags(*object, wanted & ~kCompressedFlag)) {
     return commandErrorWithFailingPath(kFileCommandFlagsNotChanged, path);
   }
   return commandSuccess();

@@ -7,9 +7,11 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <ctime>
 #include <fstream>
 #include <sstream>
+#include <thread>
 
 #include "executor/ExecutorTestSupport.h"
 #include "filesystem/FileManagerAdditions.h"
@@ -98,6 +100,26 @@ TEST_F(ObjectCommandTest, OverwriteSucceedsWhenTheContentCannotBeWritten) {
   EXPECT_EQ(contentsOf(file), "xxxx");
   expectConfigurationKept(file);
   EXPECT_EQ(contentsOf(path("limited.backup")), "old");
+}
+
+// A user's file linked in at the overwritten name after the old file moved to its backup must not
+// receive the content, nor the attributes (a root-owned file the user holds open for writing).
+TEST_F(ObjectCommandTest, OverwriteWritesOnlyAFileOfItsOwnMaking) {
+  const std::string planted = m_tree.makeFile("planted", "mine", 0666);
+  const std::string file = path("conf");
+  for (int round = 0; round < 3000; ++round) {
+    test::TestFileTree::removeAll(file);
+    m_tree.makeFile("conf", "old", 04755);
+    std::atomic<bool> stop{false};
+    std::thread planter([&] {
+      while (!stop.load(std::memory_order_relaxed)) (void)::link(planted.c_str(), file.c_str());
+    });
+    (void)run(4, {text(file), Value(Data{'n', 'e', 'w'}), number(1)});
+    stop = true;
+    planter.join();
+  }
+  EXPECT_EQ(contentsOf(planted), "mine");
+  EXPECT_EQ(statusOf(planted).st_mode & 07777, 0666U);
 }
 
 TEST_F(ObjectCommandTest, CreatesRootOwnedObjectsOfTheThreeTypesOnly) {

@@ -2,11 +2,14 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 
 #include <cerrno>
+#include <climits>
 
 #include "executor/KRVCommandExecutor.h"
 #include "filesystem/FileManager.h"
+#include "filesystem/FileTrees.h"
 #include "filesystem/PathNames.h"
 #include "foundation/System.h"
 #include "platform/FileFlags.h"
@@ -16,18 +19,9 @@ namespace krv {
 
 namespace {
 
-// The status of the object itself or of what a link points to, never past a NUL in the path.
-Result<struct statx> statusOf(const std::string& path, LinkHandling links) {
-  KRV_TRY_VOID(checkPath(path));
-  return sys::statxAt(AT_FDCWD, path.c_str(),
-                      links == LinkHandling::NoFollow ? AT_SYMLINK_NOFOLLOW : 0, STATX_TYPE);
-}
-
-// The flags word of the object that `status` describes, read the same way.
-Result<std::uint32_t> flagsOf(const std::string& path, const struct statx& status,
-                              LinkHandling links) {
-  KRV_TRY(std::optional<std::uint32_t> record, readFlagsRecord(path, links));
-  return composeFileFlags(status.stx_attributes, record);
+// The status of what the path names with links followed, never past a NUL in the path.
+Result<struct statx> statusOf(int folderFd, const char* name) {
+  return sys::statxAt(folderFd, name, 0, STATX_TYPE);
 }
 
 // What no removal may be asked to do, refused before any flag is touched: "/" and a last
@@ -40,6 +34,42 @@ Status checkRemovable(const std::string& path) {
   return {};
 }
 
+// The folder holding the last component of `path`, pinned, and that component's name. Every step
+// of a removal goes through this one folder: a path component swapped meanwhile cannot send a
+// later step elsewhere.
+Result<UniqueFd> openParentFolder(const std::string& path, std::string& name) {
+  name = lastPathComponent(path);
+  const std::string parent = deletingLastPathComponent(path);
+  Result<UniqueFd> folder =
+      sys::open(parent.empty() ? std::string(".") : parent, O_PATH | O_DIRECTORY);
+  if (!folder) return FileManager::error(folder.error(), path);
+  return folder;
+}
+
+// Sets or clears UF_IMMUTABLE of the pinned object, reading and writing its own flags.
+Status changeImmutableFlag(bool set, const PathHandle& object) {
+  KRV_TRY(std::uint32_t flags, readFileFlags(object));
+  const std::uint32_t wanted = set ? (flags | kUserImmutableFlag) : (flags & ~kUserImmutableFlag);
+  // Asked for what is already there: nothing is written, not even the flags record.
+  if (wanted == flags) return {};
+  Status written = writeFileFlags(object, wanted);
+  // Nothing to clear where flags do not exist.
+  if (!written && !set && written.error().code() == EOPNOTSUPP) return {};
+  return written;
+}
+
+std::uint32_t deviceOf(const PathHandle& object) {
+  return static_cast<std::uint32_t>(
+      makedev(object.status().stx_dev_major, object.status().stx_dev_minor));
+}
+
+// An error of the enumerator, whose FailingPath is relative to the walked folder.
+Error walkError(const std::string& base, const Error& error) {
+  const Value* relative = error.userInfo().find(key::kFailingPath);
+  const std::string* text = relative != nullptr ? relative->asString() : nullptr;
+  return FileManager::error(error, text != nullptr ? appendingPathComponent(base, *text) : base);
+}
+
 }  // namespace
 
 Status enforcedDeleteOfFileSystemObjectAtPath(const std::string& givenPath) {
@@ -47,76 +77,115 @@ Status enforcedDeleteOfFileSystemObjectAtPath(const std::string& givenPath) {
   // "link/" names the link: the slash must not lead the flag change to the link's target.
   const std::string path(withoutTrailingSlashes(givenPath));
   KRV_TRY_VOID(checkRemovable(path));
-  Result<struct statx> status = statusOf(path, LinkHandling::NoFollow);
-  if (!status) return FileManager::error(status.error(), path);
+  if (Status valid = checkPath(path); !valid) return FileManager::error(valid.error(), path);
+  std::string name;
+  KRV_TRY(UniqueFd folder, openParentFolder(path, name));
+  // The object itself, pinned: its flags are read, lifted and checked on this one inode. A link
+  // carries no kernel flags on Linux, so a link is never unprotected, only removed.
+  Result<PathHandle> object =
+      PathHandle::openAt(folder.get(), name.c_str(), LinkHandling::NoFollow);
+  if (!object) return FileManager::error(object.error(), path);
   // Linux has no whiteout entries, so kFileCommandWhiteout never comes up here.
-  Result<std::uint32_t> flags = flagsOf(path, *status, LinkHandling::NoFollow);
+  Result<std::uint32_t> flags = readFileFlags(*object);
   if (!flags) return FileManager::error(flags.error(), path);
 
   if ((*flags & kUserProtectionFlags) != 0 && (*flags & kSystemProtectionFlags) == 0) {
-    // Read from the object itself, cleared through a final link as chflags does. A link never
-    // carries kernel flags on Linux, so both name the same object whenever this runs.
-    if (!writeFileFlags(path, *flags & ~kUserProtectionFlags)) {
+    if (!writeFileFlags(*object, *flags & ~kUserProtectionFlags)) {
       return commandErrorWithFailingPath(kFileCommandFlagsNotChanged, path);
     }
   }
   if ((*flags & kSystemProtectionFlags) != 0) {
     return commandErrorWithFailingPath(kFileCommandSystemProtected, path);
   }
-  Status removed = S_ISDIR(status->stx_mode) ? sys::rmdir(path) : sys::unlink(path);
+  Status removed =
+      sys::unlinkAt(folder.get(), name.c_str(), object->isDirectory() ? AT_REMOVEDIR : 0);
   if (!removed) return FileManager::error(removed.error(), path);
   return {};
 }
 
-Status setImmutableFlag(bool set, const std::string& path, LinkTargetCheck check) {
+Status setImmutableFlag(bool set, const std::string& path, LinkTargetCheck check,
+                        std::optional<PathHandle>* actedOn) {
   if (path.empty()) return commandError(kFileCommandBadArgument);
-  Result<struct statx> object = statusOf(path, LinkHandling::NoFollow);
+  Result<PathHandle> object = PathHandle::open(path, LinkHandling::NoFollow);
   if (!object) return FileManager::error(object.error(), path);
   // In a walk, links are left alone, and so are FIFOs, sockets and devices, which cannot carry
   // kernel flags on Linux: a socket somewhere in a tree must not stop its protection.
-  if (check == LinkTargetCheck::LeaveLinks && !S_ISREG(object->stx_mode) &&
-      !S_ISDIR(object->stx_mode)) {
+  if (check == LinkTargetCheck::LeaveLinks && !object->isRegularFile() && !object->isDirectory()) {
     return {};
   }
-  Result<struct statx> target = statusOf(path, LinkHandling::Follow);
-  if (!target) {
-    // A dangling link (or a loop of links): nothing to protect or unprotect.
-    if (check == LinkTargetCheck::Off) return {};
-    return FileManager::error(ENOENT, path);
+  if (object->isSymbolicLink()) {
+    object = PathHandle::open(path, LinkHandling::Follow);
+    if (!object) {
+      // A dangling link (or a loop of links): nothing to protect or unprotect.
+      if (check == LinkTargetCheck::Off) return {};
+      return FileManager::error(ENOENT, path);
+    }
   }
-  Result<std::uint32_t> flags = flagsOf(path, *target, LinkHandling::Follow);
-  if (!flags) return FileManager::error(flags.error(), path);
-  const std::uint32_t wanted = set ? (*flags | kUserImmutableFlag) : (*flags & ~kUserImmutableFlag);
-  // Asked for what is already there: nothing is written, not even the flags record.
-  if (wanted == *flags) return {};
-  Status written = writeFileFlags(path, wanted);
-  if (written) return {};
-  // Nothing to clear where flags do not exist.
-  if (!set && written.error().code() == EOPNOTSUPP) return {};
-  return FileManager::error(written.error(), path);
+  if (Status changed = changeImmutableFlag(set, *object); !changed) {
+    return FileManager::error(changed.error(), path);
+  }
+  if (actedOn != nullptr) actedOn->emplace(std::move(*object));
+  return {};
+}
+
+Status setImmutableFlagBelow(bool set, const PathHandle& folder, const std::string& path,
+                             std::optional<std::uint32_t> device, bool reportUnreadable) {
+  // The walk starts from the pinned folder, not from its path, which may name another by now.
+  Result<FileManagerEnumerator> walk = FileManager::enumerator(folder.procPath());
+  if (!walk) return reportUnreadable ? FileManager::error(walk.error(), path) : Status();
+  while (std::optional<std::string_view> entry = walk->nextRelativePath()) {
+    const std::string objectPath = appendingPathComponent(path, *entry);
+    if (objectPath.size() >= PATH_MAX) return FileManager::error(ENAMETOOLONG, objectPath);
+    // Opened in the folder the walk holds, without following a link: a folder of the tree that
+    // was swapped for a link cannot lead the change outside.
+    Result<PathHandle> object = PathHandle::openAt(
+        walk->currentDirectoryFd(), walk->currentName().data(), LinkHandling::NoFollow);
+    if (device && (!object || deviceOf(*object) != *device)) {
+      walk->skipDescendents();
+      continue;
+    }
+    if (!object) return FileManager::error(object.error(), objectPath);
+    if (!object->isRegularFile() && !object->isDirectory()) continue;
+    if (Status changed = changeImmutableFlag(set, *object); !changed) {
+      return FileManager::error(changed.error(), objectPath);
+    }
+  }
+  // A folder below that could not be read was passed over: its contents did not change, and the
+  // administrator learns which one it was.
+  if (reportUnreadable && walk->firstError()) return walkError(path, *walk->firstError());
+  return {};
 }
 
 Status enforcedRecursiveDeleteOfFileSystemObjectAtPath(const std::string& givenPath) {
   if (givenPath.empty()) return commandError(kFileCommandBadArgument);
   // As above: the slash must not lead the flag changes into the folder the link points to.
   const std::string path(withoutTrailingSlashes(givenPath));
-  bool isDirectory = false;
-  if (!FileManager::fileExists(path, isDirectory)) return {};
+  if (!FileManager::fileExists(path)) return {};
   KRV_TRY_VOID(checkRemovable(path));
-  Result<struct statx> object = statusOf(path, LinkHandling::NoFollow);
-  if (object && S_ISLNK(object->stx_mode)) return FileManager::removeItem(path);
-  KRV_TRY_VOID(setImmutableFlag(false, path, LinkTargetCheck::On));
-  if (isDirectory) {
-    // A folder that cannot be walked is left to the removal, which reports why.
-    Result<FileManagerEnumerator> walk = FileManager::enumerator(path);
-    if (walk) {
-      while (std::optional<std::string> entry = walk->nextObject()) {
-        KRV_TRY_VOID(setImmutableFlag(false, appendingPathComponent(path, *entry),
-                                      LinkTargetCheck::LeaveLinks));
-      }
-    }
+  std::string name;
+  KRV_TRY(UniqueFd folder, openParentFolder(path, name));
+  return enforcedRecursiveDeleteInFolder(folder.get(), name, path);
+}
+
+Status enforcedRecursiveDeleteInFolder(int folderFd, const std::string& name,
+                                       const std::string& path) {
+  Result<PathHandle> object = PathHandle::openAt(folderFd, name.c_str(), LinkHandling::NoFollow);
+  if (!object) {
+    // Gone meanwhile: nothing to delete.
+    if (object.error().code() == ENOENT) return {};
+    return FileManager::error(object.error(), path);
   }
-  return FileManager::removeItem(path);
+  if (object->isSymbolicLink()) {
+    // A dangling link is nothing to delete; any other link goes, its target's flags untouched.
+    if (!statusOf(folderFd, name.c_str())) return {};
+    return removeTree(folderFd, name, path);
+  }
+  if (Status cleared = changeImmutableFlag(false, *object); !cleared) {
+    return FileManager::error(cleared.error(), path);
+  }
+  // A folder that cannot be walked is left to the removal, which reports why.
+  if (object->isDirectory()) KRV_TRY_VOID(setImmutableFlagBelow(false, *object, path, {}, false));
+  return removeTree(folderFd, name, path);
 }
 
 }  // namespace krv

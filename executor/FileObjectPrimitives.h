@@ -4,11 +4,16 @@
 // immutable flag everywhere in it, and setting or clearing the user immutable flag of one object.
 // Also the result codes those commands share.
 //
-// Links: flags are always written with chflags semantics (a final symbolic link is followed).
-// The single delete reads the flags of the object itself and removes the object itself; the flag
-// setter reads and writes what a link points to; the tree delete asks whether the path exists
+// Links: the single delete reads, unprotects and removes the object itself; the flag setter reads
+// and writes what a link given as its path points to; the tree delete asks whether the path exists
 // following links (a dangling link is "nothing to delete") and then removes the object itself,
 // never a link's target.
+//
+// Races: each primitive pins the object it examines (an O_PATH descriptor, and for a removal the
+// folder holding it) and changes flags through that descriptor, so the object whose flags were
+// read is the object whose flags are written. Walks go from open folder to open folder without
+// following any link; only the length of the path they build is limited (ENAMETOOLONG past 4095
+// bytes), as for any path the daemon names.
 //
 // Errors: the command error domain for the codes below (with {"FailingPath": path} where noted),
 // otherwise the POSIX domain with the errno of the failed call and {"FailingPath": path}, the path
@@ -17,9 +22,11 @@
 // Stateless and thread-safe; used on the executor's thread.
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include "foundation/Result.h"
+#include "platform/FileSystemCalls.h"
 
 namespace krv {
 
@@ -52,10 +59,25 @@ Status enforcedDeleteOfFileSystemObjectAtPath(const std::string& path);
 // flags are not touched, so an object carrying one makes the removal fail with the file manager's
 // error.
 Status enforcedRecursiveDeleteOfFileSystemObjectAtPath(const std::string& path);
+// The same for the entry `name` of the folder open at folderFd (path names it in errors); the
+// folder stays the one given, whatever its path names meanwhile.
+Status enforcedRecursiveDeleteInFolder(int folderFd, const std::string& name,
+                                       const std::string& path);
 
 // Sets or clears the user immutable flag (UF_IMMUTABLE) of what the path names, following a link.
 // Clearing where the object or its file system has no flags succeeds (nothing to clear); setting
 // there is POSIX EOPNOTSUPP.
-Status setImmutableFlag(bool set, const std::string& path, LinkTargetCheck check);
+// When `actedOn` is given it receives the object whose flag was examined (nothing when a dangling
+// link or an entry of a walk was passed over), for a caller that goes on with that same object.
+Status setImmutableFlag(bool set, const std::string& path, LinkTargetCheck check,
+                        std::optional<PathHandle>* actedOn = nullptr);
+
+// Sets or clears the user immutable flag of every regular file and folder below the folder
+// `folder` pins (named `path` in errors), never through a link; links, FIFOs, sockets and devices
+// are passed over. With `device`, an object on another file system (a mount point included) is
+// passed over with everything below it. Stops at the first failure. A folder below that cannot be
+// entered or read is passed over too and, when reportUnreadable is set, reported after the walk.
+Status setImmutableFlagBelow(bool set, const PathHandle& folder, const std::string& path,
+                             std::optional<std::uint32_t> device, bool reportUnreadable);
 
 }  // namespace krv
