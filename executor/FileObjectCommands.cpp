@@ -100,10 +100,8 @@ Error KRVCommandExecutor::createFileSystemObjectAtPath(const std::string& path,
   } else if (!FileManager::createFile(path, {}, attributes)) {
     return commandErrorWithFailingPath(kFileCommandNotWritten, path);
   }
-  // Owner and group once more, on the object itself: whatever may have replaced it meanwhile, no
-  // link is followed to give some other object to root.
-  if (Status owned = sys::lchown(path, 0, 0); !owned)
-    return FileManager::error(owned.error(), path);
+  // Owner and group were set through the new object's own descriptor. Nothing is done by path
+  // afterwards: whatever replaced the new object meanwhile is not the daemon's to give to root.
   return commandSuccess();
 }
 
