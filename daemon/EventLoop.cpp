@@ -83,10 +83,12 @@ int SecurityAgentDaemon::run() {
   // Serve; after a timeout, an error or a shutdown, serve again for as long as a command runs:
   // a shutdown never cuts a running command short. While shutting down the loop returns at once,
   // so this waits for the last command thread (with a short nap instead of spinning a core).
+  // After an error the loop would return at once again (a connection the daemon cannot accept
+  // stays pending): a longer nap keeps that from spinning a core while commands finish.
   do {
     runUsingQueue(queueFd);
-    if (m_shutdown && KRVCommandExecutor::numberOfRunningExecutorThreads() != 0) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    if (KRVCommandExecutor::numberOfRunningExecutorThreads() != 0) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(m_shutdown ? 1 : 100));
     }
   } while (KRVCommandExecutor::numberOfRunningExecutorThreads() != 0);
 
@@ -115,7 +117,7 @@ void SecurityAgentDaemon::runUsingQueue(int queue) {
     int connection = ::accept4(m_listeningSocket, reinterpret_cast<sockaddr*>(address),
                                &addressLength, SOCK_CLOEXEC);
     if (connection < 0) {
-      if (errno == EAGAIN || errno == EWOULDBLOCK) {
+      if (errno == EAGAIN || errno == EWOULDBLOCK || errno == ECONNABORTED || errno == EINTR) {
         m_log.log(SystemLog::Level::Info,
                   "WARNING: A connection disappeared before we could accept it");
         ::alarm(0);
@@ -123,6 +125,8 @@ void SecurityAgentDaemon::runUsingQueue(int queue) {
       }
       m_log.log(SystemLog::Level::Error,
                 "Unexpected operating system error while accepting a connection request (%m)");
+      // The loop is entered again while commands run: an armed watchdog would end them there.
+      ::alarm(0);
       return;
     }
 

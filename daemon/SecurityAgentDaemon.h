@@ -19,6 +19,14 @@ namespace krv {
 inline constexpr const char* kDaemonIdentification = "com.tavorin.system.securityagent3";
 inline constexpr const char* kDaemonFacility = "Daemon";
 
+// A response pipe just created: its path and the identity of the FIFO behind it, which the
+// command's thread checks when it opens the path (the client owns the pipe and could swap it).
+struct ResponsePipe {
+  std::string path;
+  dev_t device = 0;
+  ino_t inode = 0;
+};
+
 class SecurityAgentDaemon {
  public:
   // Exit statuses of a daemon run.
@@ -36,9 +44,12 @@ class SecurityAgentDaemon {
   int run();
 
   // Serves one accepted, blocking connection; 0 when the reply was written, else an errno value.
+  // A request that names another user than the connected one (SO_PEERCRED) is refused with EPERM
+  // unless the peer is root.
   int handleConnectionRequest(int socket);
-  // Creates the response FIFO for a request (mode 0600, owner uid, group 1); nothing on failure.
-  std::optional<std::string> createClientPipeReadableByUID(uid_t uid);
+  // Creates the response FIFO for a request under a random name in /tmp (mode 0600, owner uid,
+  // group 1); nothing on failure (logged).
+  std::optional<ResponsePipe> createClientPipeReadableByUID(uid_t uid);
 
   SystemLog& log() { return m_log; }
   bool isShuttingDown() const { return m_shutdown; }

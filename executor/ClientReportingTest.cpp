@@ -1,5 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <memory>
+#include <thread>
 #include <vector>
 
 #include "executor/ExecutorTestSupport.h"
@@ -71,6 +74,55 @@ TEST_F(ReportingTest, FailedResultsAreSentUncheckedAndOutputIsCollectedWithoutRe
   std::vector<Error> sent = m_client.messages();
   ASSERT_EQ(sent.size(), 1u);  // no live output message: the relay was off
   EXPECT_TRUE(sent[0].is("com.tavorin.privilegedCommand", 6));
+}
+
+// The command thread writes only into the FIFO the daemon created (the client owns the path and
+// may put another FIFO there), and a thread counts as running from before startThread returns.
+TEST(CommandThreadTest, WritesOnlyIntoTheDaemonsFifoAndCountsItselfFromTheStart) {
+  ::signal(SIGPIPE, SIG_IGN);
+  char folder[] = "/tmp/krv-command-thread-XXXXXX";
+  ASSERT_NE(::mkdtemp(folder), nullptr);
+  const std::string path = std::string(folder) + "/pipe";
+  const std::string moved = std::string(folder) + "/moved";
+  ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);
+  Result<struct stat> created = sys::lstat(path);
+  ASSERT_TRUE(created);
+  auto executorFor = [&](const std::string& pipePath) {
+    auto executor = std::make_unique<KRVCommandExecutor>();
+    executor->useAppleSystemLoggingWithIdentification("krv-test", "Daemon", 0);
+    executor->setPathOfClientCommunicationPipe(pipePath);
+    executor->setExpectedPipeIdentity(created->st_dev, created->st_ino);
+    return executor;
+  };
+  auto version = [] {
+    return std::shared_ptr<const KRVPrivilegedCommand>(
+        KRVPrivilegedCommand::privilegedCommandWithCode(1, {}));
+  };
+
+  ASSERT_EQ(::rename(path.c_str(), moved.c_str()), 0);
+  ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);
+  Result<UniqueFd> swapped = sys::open(path, O_RDONLY | O_NONBLOCK);
+  ASSERT_TRUE(swapped);
+  executorFor(path)->executeCommandInNewThread(version());
+  char byte = 0;
+  EXPECT_EQ(::read(swapped->get(), &byte, 1), 0);  // nothing written, no writer left
+  EXPECT_TRUE(sys::lstat(path));                   // and what is not the daemon's stays
+
+  const std::int64_t before = KRVCommandExecutor::numberOfRunningExecutorThreads();
+  KRVCommandExecutor::startThread(executorFor(moved), version());
+  EXPECT_EQ(KRVCommandExecutor::numberOfRunningExecutorThreads(), before + 1);
+  Result<UniqueFd> reader = sys::open(moved, O_RDONLY);
+  ASSERT_TRUE(reader);
+  Result<Value> final = KRVSecurityAgent::readObjectFromPipe(reader->get());
+  ASSERT_TRUE(final);
+  EXPECT_TRUE(final->objectAs<Error>()->is("com.tavorin.privilegedCommand", 0));
+  for (int i = 0; i < 500 && KRVCommandExecutor::numberOfRunningExecutorThreads() != before; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  EXPECT_EQ(KRVCommandExecutor::numberOfRunningExecutorThreads(), before);
+  ::unlink(path.c_str());
+  ::unlink(moved.c_str());
+  ::rmdir(folder);
 }
 
 }  // namespace

@@ -35,6 +35,9 @@ std::mutex& executorLock() {
   return lock;
 }
 std::int64_t runningExecutorThreads = 0;
+// Threads started by startThread that have not yet counted themselves in: counted as running from
+// before their creation, so that there is no moment at which a started command is not counted.
+std::int64_t startingExecutorThreads = 0;
 
 // The signal that ends a wait for a client that never opens its pipe. Its handler does nothing:
 // the signal's only purpose is to make the blocked open() return with EINTR.
@@ -80,22 +83,28 @@ class WakeUpTimer {
   bool m_armed = false;
 };
 
-// The pipe must still be a FIFO: the client owns it and could have replaced it with a link or a
-// file elsewhere (the open never follows a link).
-Result<UniqueFd> checkedPipe(int fd) {
+using PipeIdentity = std::optional<std::pair<dev_t, ino_t>>;
+
+// The pipe must still be a FIFO, and the one the daemon created when it knows which: the client
+// owns it and could have replaced it with a link (the open never follows one), a file elsewhere
+// or another FIFO (a hard link to somebody else's, say).
+Result<UniqueFd> checkedPipe(int fd, const PipeIdentity& expected) {
   UniqueFd pipe(fd);
   KRV_TRY(struct stat status, sys::fstat(pipe.get()));
   if (!S_ISFIFO(status.st_mode)) return Error::posix(EINVAL, "open pipe");
+  if (expected && (status.st_dev != expected->first || status.st_ino != expected->second)) {
+    return Error::posix(EINVAL, "open pipe");
+  }
   return pipe;
 }
 
 // Opens the write end of the response pipe; this waits until the client has opened the read end,
 // but no longer than kPipeOpenTimeout.
-Result<UniqueFd> openResponsePipe(const std::string& path) {
+Result<UniqueFd> openResponsePipe(const std::string& path, const PipeIdentity& expected) {
   constexpr int kFlags = O_WRONLY | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC;
   int fd = ::open(path.c_str(), kFlags | O_NONBLOCK);
   if (fd >= 0) {
-    KRV_TRY(UniqueFd pipe, checkedPipe(fd));
+    KRV_TRY(UniqueFd pipe, checkedPipe(fd, expected));
     KRV_TRY_VOID(sys::setNonBlocking(pipe.get(), false));
     return pipe;
   }
@@ -105,10 +114,22 @@ Result<UniqueFd> openResponsePipe(const std::string& path) {
   WakeUpTimer timer(kPipeOpenTimeout);
   for (;;) {
     fd = ::open(path.c_str(), kFlags);
-    if (fd >= 0) return checkedPipe(fd);
+    if (fd >= 0) return checkedPipe(fd, expected);
     if (errno != EINTR) return Error::fromErrno("open");
     if (std::chrono::steady_clock::now() >= deadline) return Error::posix(ETIMEDOUT, "open");
   }
+}
+
+// A pipe its client never opened would stay in /tmp for good: remove it while it is still the
+// daemon's FIFO (whatever else the client put under the name is left alone).
+void removeUnusedPipe(const std::string& path, const PipeIdentity& expected) {
+  if (!expected) return;
+  struct stat status {};
+  if (::lstat(path.c_str(), &status) != 0 || !S_ISFIFO(status.st_mode) ||
+      status.st_dev != expected->first || status.st_ino != expected->second) {
+    return;
+  }
+  ::unlink(path.c_str());
 }
 
 }  // namespace
@@ -133,7 +154,7 @@ void KRVCommandExecutor::getVersion(unsigned* major, unsigned* minor, std::strin
 
 std::int64_t KRVCommandExecutor::numberOfRunningExecutorThreads() {
   std::lock_guard<std::mutex> lock(executorLock());
-  return runningExecutorThreads;
+  return runningExecutorThreads + startingExecutorThreads;
 }
 
 KRVCommandExecutor::~KRVCommandExecutor() = default;
@@ -158,10 +179,12 @@ struct ThreadWork {
   std::shared_ptr<const KRVPrivilegedCommand> command;
 };
 
-void* runCommandThread(void* argument) {
+}  // namespace
+
+void* KRVCommandExecutor::runStartedThread(void* argument) {
   std::unique_ptr<ThreadWork> work(static_cast<ThreadWork*>(argument));
   try {
-    work->executor->executeCommandInNewThread(std::move(work->command));
+    work->executor->runThreadBody(std::move(work->command), true);
   } catch (...) {
     // No exception may leave a thread: report and end this command only.
     if (work->executor->log() != nullptr) {
@@ -172,8 +195,6 @@ void* runCommandThread(void* argument) {
   return nullptr;
 }
 
-}  // namespace
-
 void KRVCommandExecutor::startThread(std::unique_ptr<KRVCommandExecutor> executor,
                                      std::shared_ptr<const KRVPrivilegedCommand> command) {
   auto work = std::make_unique<ThreadWork>(ThreadWork{std::move(executor), std::move(command)});
@@ -183,11 +204,19 @@ void KRVCommandExecutor::startThread(std::unique_ptr<KRVCommandExecutor> executo
   // Commands keep their large buffers off the stack; a smaller stack makes every thread cheaper.
   ::pthread_attr_setstacksize(&attributes, kCommandThreadStackSize);
   pthread_t thread;
+  {
+    std::lock_guard<std::mutex> lock(executorLock());
+    ++startingExecutorThreads;
+  }
   // The thread owns the work from here on; only a thread that was never started gives it back.
   ThreadWork* handedOver = work.release();
-  int error = ::pthread_create(&thread, &attributes, runCommandThread, handedOver);
+  int error = ::pthread_create(&thread, &attributes, runStartedThread, handedOver);
   ::pthread_attr_destroy(&attributes);
   if (error == 0) return;
+  {
+    std::lock_guard<std::mutex> lock(executorLock());
+    --startingExecutorThreads;
+  }
   work.reset(handedOver);
   // Without a thread the command cannot run; its client sees the pipe end without a result.
   errno = error;
@@ -196,22 +225,57 @@ void KRVCommandExecutor::startThread(std::unique_ptr<KRVCommandExecutor> executo
   }
 }
 
-void KRVCommandExecutor::executeCommandInNewThread(
-    std::shared_ptr<const KRVPrivilegedCommand> command) {
-  if (!command || !m_log || !m_pipePath || m_pipePath->empty()) return;
-  {
+namespace {
+
+// The thread's place in the running-thread counter, given up however the thread body ends (an
+// exception included: a count that never goes down would keep the daemon from ever exiting).
+class RunningCount {
+ public:
+  explicit RunningCount(bool countedByStarter) : m_starting(countedByStarter) {}
+  ~RunningCount() {
+    std::lock_guard<std::mutex> lock(executorLock());
+    if (m_starting) --startingExecutorThreads;
+    if (m_running) --runningExecutorThreads;
+  }
+  RunningCount(const RunningCount&) = delete;
+  RunningCount& operator=(const RunningCount&) = delete;
+
+  // One step under the lock: the count never drops to zero in between.
+  void countIn() {
     std::lock_guard<std::mutex> lock(executorLock());
     ++runningExecutorThreads;
+    m_running = true;
+    if (m_starting) --startingExecutorThreads;
+    m_starting = false;
   }
+
+ private:
+  bool m_starting;
+  bool m_running = false;
+};
+
+}  // namespace
+
+void KRVCommandExecutor::executeCommandInNewThread(
+    std::shared_ptr<const KRVPrivilegedCommand> command) {
+  runThreadBody(std::move(command), false);
+}
+
+void KRVCommandExecutor::runThreadBody(std::shared_ptr<const KRVPrivilegedCommand> command,
+                                       bool countedByStarter) {
+  RunningCount count(countedByStarter);
+  if (!command || !m_log || !m_pipePath || m_pipePath->empty()) return;
+  count.countIn();
   const int code = static_cast<int>(command->commandCode());
   const void* thread = reinterpret_cast<const void*>(::pthread_self());
   m_log->log(SystemLog::Level::Debug,
              format("Thread %p running for request type %d.", thread, code));
 
-  Result<UniqueFd> pipe = openResponsePipe(*m_pipePath);
+  Result<UniqueFd> pipe = openResponsePipe(*m_pipePath, m_expectedPipe);
   if (!pipe) {
     errno = static_cast<int>(pipe.error().code());
     m_log->log(SystemLog::Level::Error, "Could not open pipe for client communication (%m)");
+    removeUnusedPipe(*m_pipePath, m_expectedPipe);
   } else {
     m_pipe = std::move(*pipe);
     CommandResult result = executeCommand(*command);
@@ -223,10 +287,6 @@ void KRVCommandExecutor::executeCommandInNewThread(
   m_log->log(SystemLog::Level::Debug,
              format("Thread %p servicing request type %d exited.", thread, code));
   m_log.reset();
-  {
-    std::lock_guard<std::mutex> lock(executorLock());
-    --runningExecutorThreads;
-  }
 }
 
 bool KRVCommandExecutor::sendSignal(int signal, pid_t processIdentifier) {

@@ -20,6 +20,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "executor/KRVTaskExecutor.h"
 #include "foundation/Error.h"
@@ -57,11 +58,17 @@ class KRVCommandExecutor final : public TaskDelegate {
                                                std::uint32_t options);
   // Stores the pipe path (nothing clears it); never closes a descriptor.
   void setPathOfClientCommunicationPipe(std::optional<std::string> path);
+  // The FIFO the daemon created at the pipe path. When set, the thread writes only into that very
+  // FIFO (not into whatever the client, who owns the path, put there since), and removes it when
+  // the client never opened it.
+  void setExpectedPipeIdentity(dev_t device, ino_t inode) { m_expectedPipe = {device, inode}; }
 
   // The thread body: counts itself in, opens the pipe, runs the command, gives up the
   // authorization, writes the final message, counts itself out.
   void executeCommandInNewThread(std::shared_ptr<const KRVPrivilegedCommand> command);
-  // Detaches a thread that runs executeCommandInNewThread; the thread owns both objects.
+  // Detaches a thread that runs executeCommandInNewThread; the thread owns both objects. The
+  // thread is counted as running from before it is created, so that a daemon deciding to exit
+  // right after this call never ends a command that has not yet counted itself.
   static void startThread(std::unique_ptr<KRVCommandExecutor> executor,
                           std::shared_ptr<const KRVPrivilegedCommand> command);
 
@@ -156,8 +163,14 @@ class KRVCommandExecutor final : public TaskDelegate {
   static Error commandNotAvailable();
 
  private:
+  // The start routine of startThread's threads (the argument is the work handed over); it runs
+  // the thread body for a thread that startThread counted in advance.
+  static void* runStartedThread(void* argument);
+  void runThreadBody(std::shared_ptr<const KRVPrivilegedCommand> command, bool countedByStarter);
+
   std::unique_ptr<SystemLog> m_log;
   std::optional<std::string> m_pipePath;
+  std::optional<std::pair<dev_t, ino_t>> m_expectedPipe;
   UniqueFd m_pipe;
   Data m_incomingStdOutData;
   Data m_incomingStdErrData;
