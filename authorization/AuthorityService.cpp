@@ -264,7 +264,7 @@ std::int32_t AuthorityService::authenticate(int connection, const Peer& peer,
   ConnectionChannel channel(connection, m_timeouts);
 
   for (int attempt = 1; attempt <= kMaximumPasswordAttempts; ++attempt) {
-    const Instant delay = m_backOff.delayBefore(account);
+    const Instant delay = m_backOff.reserveAttempt(account);
     if (delay > Instant::zero()) {
       log(Level::Info,
           format("Delaying authentication as '%s' by %lld ms after repeated failures",

@@ -28,6 +28,21 @@ Instant BackOff::delayBefore(const std::string& account) const {
   return Instant::zero();
 }
 
+Instant BackOff::reserveAttempt(const std::string& account) {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  const Instant now = m_clock.now();
+  for (Entry& entry : m_entries) {
+    if (entry.account != account) continue;
+    if (now - entry.lastFailure >= m_limits.forgetAfter) return Instant::zero();
+    const Instant step = delayAfter(entry.failures);
+    if (step == Instant::zero()) return Instant::zero();
+    const Instant start = std::max({now, entry.lastFailure + step, entry.reservedUntil});
+    entry.reservedUntil = start + step;
+    return start - now;
+  }
+  return Instant::zero();
+}
+
 void BackOff::recordFailure(const std::string& account) {
   std::lock_guard<std::mutex> lock(m_mutex);
   const Instant now = m_clock.now();

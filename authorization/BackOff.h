@@ -8,6 +8,10 @@
 // without a failure. At most `capacity` accounts are remembered; when full, the account whose last
 // failure is oldest is forgotten first.
 //
+// Attempts made side by side (one user may hold several connections) do not share one wait: each
+// attempt reserves its turn, and the next one in the same back-off goes one delay later, so that
+// parallel connections gain no more guesses than one connection would.
+//
 // Time is the service's Clock. Thread-safe.
 
 #include <chrono>
@@ -34,6 +38,9 @@ class BackOff {
 
   // How long an attempt for the account must still wait (zero when it may go ahead now).
   Instant delayBefore(const std::string& account) const;
+  // As delayBefore, for an attempt about to be made: while the account is in back-off the attempt
+  // takes its turn, and a concurrent attempt's turn comes one delay later.
+  Instant reserveAttempt(const std::string& account);
   void recordFailure(const std::string& account);
   void recordSuccess(const std::string& account);
 
@@ -42,6 +49,7 @@ class BackOff {
     std::string account;
     unsigned failures = 0;
     Instant lastFailure{};
+    Instant reservedUntil{};  // the earliest time at which the next attempt may start
   };
 
   Instant delayAfter(unsigned failures) const;

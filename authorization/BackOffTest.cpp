@@ -25,6 +25,19 @@ TEST(BackOffTest, DelaysGrowAfterTheThirdFailureUpToTheCap) {
   EXPECT_EQ(backOff.delayBefore("bob"), seconds(0)) << "accounts are counted separately";
 }
 
+TEST(BackOffTest, ParallelAttemptsWaitTheirTurnsOneAfterTheOther) {
+  ManualClock clock;
+  BackOff backOff(clock);
+  for (int i = 0; i < 3; ++i) backOff.recordFailure("alice");
+  EXPECT_EQ(backOff.reserveAttempt("alice"), seconds(2));
+  EXPECT_EQ(backOff.reserveAttempt("alice"), seconds(4));
+  EXPECT_EQ(backOff.reserveAttempt("alice"), seconds(6));
+  EXPECT_EQ(backOff.reserveAttempt("bob"), seconds(0));
+  clock.advance(seconds(2));
+  backOff.recordFailure("alice");  // the first attempt failed: the next waits 4 s from now
+  EXPECT_EQ(backOff.reserveAttempt("alice"), seconds(6));
+}
+
 TEST(BackOffTest, SuccessOrTimeForgetsFailures) {
   ManualClock clock;
   BackOff backOff(clock);
