@@ -1,6 +1,10 @@
 // Feeds arbitrary bytes to the data block reader and the request decoder, as a hostile client
 // would on the request socket: the bytes go through a real pipe, a block is read and its payload
 // unarchived with the classes the daemon accepts.
+//
+// A mutated block rarely keeps a matching checksum, so the bytes are sent twice: as they are, and
+// as a block whose length and checksum are right (the input's own header corrected, or a header
+// put in front of the input). The second form is what reaches the request decoder.
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -8,26 +12,61 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
+#include <span>
 
+#include "foundation/Crc16.h"
 #include "foundation/DataBlock.h"
 #include "foundation/System.h"
 #include "protocol/KRVSecurityAgent.h"
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+namespace {
+
+void storeLittleEndian32(std::uint8_t* out, std::uint32_t value) {
+  for (int i = 0; i < 4; ++i) out[i] = static_cast<std::uint8_t>(value >> (8 * i));
+}
+
+void readFromPeer(std::span<const std::uint8_t> bytes) {
   krv::Result<krv::sys::PipeEnds> pipe = krv::sys::pipe();
-  if (!pipe) return 0;
-  ::fcntl(pipe->writeEnd.get(), F_SETPIPE_SZ, 1 << 20);
-  if (size > (1u << 20)) return 0;
-  if (!krv::sys::writeAll(pipe->writeEnd.get(), {data, size})) return 0;
+  if (!pipe) return;
+  // Nobody reads while the bytes are written: they must fit the pipe.
+  const int capacity = ::fcntl(pipe->writeEnd.get(), F_SETPIPE_SZ, 1 << 20);
+  if (capacity < 0 || bytes.size() > static_cast<std::size_t>(capacity)) return;
+  if (!krv::sys::writeAll(pipe->writeEnd.get(), bytes)) return;
   pipe->writeEnd.reset();  // the peer closes after its bytes
   krv::Result<krv::Value> object = krv::KRVSecurityAgent::readObjectFromPipe(pipe->readEnd.get());
   if (object) {
     // Whatever decodes must be a complete, valid object of a known class.
     const krv::ObjectRef* reference = object->asObject();
-    if (reference == nullptr) return 0;
+    if (reference == nullptr) return;
     if (const auto* command = object->objectAs<krv::KRVPrivilegedCommand>()) {
       if (!command->isValid()) std::abort();
     }
   }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  if (size > krv::kDataBlockMaximumPayload) return 0;
+  const std::span<const std::uint8_t> input(data, size);
+  readFromPeer(input);
+
+  const bool hasHeader =
+      size >= krv::kDataBlockHeaderSize &&
+      std::memcmp(data, krv::kDataBlockMarker.data(), krv::kDataBlockMarker.size()) == 0;
+  krv::Data block;
+  if (hasHeader) {
+    block.assign(data, data + size);
+  } else {
+    block.assign(krv::kDataBlockMarker.begin(), krv::kDataBlockMarker.end());
+    block.resize(krv::kDataBlockHeaderSize);
+    block.insert(block.end(), data, data + size);
+  }
+  const std::span<const std::uint8_t> payload(block.data() + krv::kDataBlockHeaderSize,
+                                              block.size() - krv::kDataBlockHeaderSize);
+  storeLittleEndian32(block.data() + 28, static_cast<std::uint32_t>(payload.size()));
+  storeLittleEndian32(block.data() + 32, krv::crc16(payload));
+  readFromPeer(block);
   return 0;
 }
