@@ -2,7 +2,6 @@
 // daemon-control commands here.
 
 #include <fcntl.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -15,7 +14,7 @@
 #include "executor/KRVCommandExecutor.h"
 #include "foundation/Assert.h"
 #include "foundation/Format.h"
-#include "foundation/System.h"
+#include "foundation/UniqueFd.h"
 #include "protocol/KRVSecurityAgent.h"
 
 namespace krv {
@@ -28,34 +27,6 @@ constexpr gid_t kPipeGroup = 1;
 constexpr std::int64_t kThrottleThreshold = 11;
 constexpr std::uint32_t kThrottleFirstDelay = 100000;
 constexpr std::uint32_t kThrottleMaximumDelay = 2000000;
-// Names of the response pipe tried before giving up; with 32 random bits a clash is already rare,
-// so several in a row mean that somebody fills /tmp on purpose.
-constexpr int kPipeNameAttempts = 16;
-// (uid_t)-1 tells chown to leave the owner alone; it names no user.
-constexpr std::uint32_t kNoUser = 0xFFFFFFFFu;
-
-// The response pipe's path: the daemon's identification and a number nobody can predict, so that
-// no other user can plant a file or link under the next name.
-Result<std::string> randomPipePath() {
-  std::uint32_t number = 0;
-  KRV_TRY_VOID(sys::getRandom(
-      std::span<std::uint8_t>(reinterpret_cast<std::uint8_t*>(&number), sizeof number)));
-  return format("/tmp/%s-%u.pipe", kDaemonIdentification, number);
-}
-
-// The uid of the connected process, from the kernel.
-std::optional<uid_t> peerUid(int socket) {
-  ucred credentials{};
-  socklen_t length = sizeof credentials;
-  if (::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &credentials, &length) != 0) {
-    return std::nullopt;
-  }
-  if (length != sizeof credentials) {
-    errno = EPROTO;
-    return std::nullopt;
-  }
-  return credentials.uid;
-}
 
 }  // namespace
 
@@ -81,30 +52,17 @@ void SecurityAgentDaemon::throttleIfBusy() {
 }
 
 std::optional<ResponsePipe> SecurityAgentDaemon::createClientPipeReadableByUID(uid_t uid) {
-  // The pipe lives in /tmp, where every user may create entries: the name is random and taken
-  // only when mkfifo creates it (a planted file or link makes it fail, never followed), and the
-  // owner is changed through a descriptor of the very FIFO that was created.
+  std::string path = KRVSecurityAgent::pathForResponsePipe();
+  KRV_ASSERT(!path.empty(), kUnit);
+  // mkfifo never follows a link: a file planted under the name makes it fail, and the owner is
+  // then changed through a descriptor of the very FIFO that was created.
   mode_t savedMask = ::umask(0);
-  std::string path;
-  int made = -1;
-  for (int attempt = 0; attempt < kPipeNameAttempts && made != 0; ++attempt) {
-    Result<std::string> candidate = randomPipePath();
-    if (!candidate) {
-      errno = static_cast<int>(candidate.error().code());
-      break;
-    }
-    path = std::move(candidate).value();
-    KRV_ASSERT(!path.empty(), kUnit);
-    made = ::mkfifo(path.c_str(), S_IRUSR | S_IWUSR);
-    if (made != 0 && errno != EEXIST) break;
-  }
-  const int mkfifoError = errno;
-  ::umask(savedMask);
-  if (made != 0) {
-    errno = mkfifoError;
+  if (::mkfifo(path.c_str(), S_IRUSR | S_IWUSR) != 0) {
     m_log.log(SystemLog::Level::Error, "Could not create pipe for client communication (%m)");
+    ::umask(savedMask);
     return std::nullopt;
   }
+  ::umask(savedMask);
 
   auto discard = [&]() -> std::optional<ResponsePipe> {
     m_log.log(SystemLog::Level::Error, "Could not change owner of client communication pipe (%m)");
@@ -134,19 +92,6 @@ int SecurityAgentDaemon::handleConnectionRequest(int socket) {
   std::shared_ptr<const KRVPrivilegedCommand> command =
       reference ? std::dynamic_pointer_cast<const KRVPrivilegedCommand>(*reference) : nullptr;
   if (!command || !command->isValid()) return EIO;
-
-  // The request names its user, and that user will own the response pipe and is the one whose
-  // authorization must match. Only the kernel knows who is really connected: a user may speak for
-  // herself only; root (a system tool acting for a user) may name any real user.
-  const std::optional<uid_t> peer = peerUid(socket);
-  if (!peer) return errno;
-  if (command->userIdentification() == kNoUser ||
-      (*peer != 0 && *peer != static_cast<uid_t>(command->userIdentification()))) {
-    m_log.log(SystemLog::Level::Error,
-              format("Request of uid %u names uid %u: refused.", static_cast<unsigned>(*peer),
-                     static_cast<unsigned>(command->userIdentification())));
-    return EPERM;
-  }
 
   throttleIfBusy();
 

@@ -44,11 +44,9 @@ class SecurityAgentDaemon {
   int run();
 
   // Serves one accepted, blocking connection; 0 when the reply was written, else an errno value.
-  // A request that names another user than the connected one (SO_PEERCRED) is refused with EPERM
-  // unless the peer is root.
   int handleConnectionRequest(int socket);
-  // Creates the response FIFO for a request under a random name in /tmp (mode 0600, owner uid,
-  // group 1); nothing on failure (logged).
+  // Creates the response FIFO for a request (mode 0600, owner uid, group 1) and notes which FIFO
+  // it is; nothing on failure (logged).
   std::optional<ResponsePipe> createClientPipeReadableByUID(uid_t uid);
 
   SystemLog& log() { return m_log; }

@@ -144,30 +144,6 @@ TEST_F(DaemonTest, CreatesTheResponsePipeForTheRequestingUser) {
   ::unlink(path->c_str());
 }
 
-TEST_F(DaemonTest, ARequestSpeaksOnlyForTheUserWhoSendsIt) {
-  // From a process of uid 4242: the exit status says whether the request was accepted.
-  auto sendAs4242 = [](std::uint32_t namedUser) {
-    pid_t child = ::fork();
-    if (child == 0) {
-      if (::setresgid(4242, 4242, 4242) != 0 || ::setresuid(4242, 4242, 4242) != 0) ::_exit(2);
-      auto version = command(1);
-      version->setUserIdentification(namedUser);
-      const Result<Value> reply = exchange(*version);
-      const Error* acknowledgement = asError(reply);
-      ::_exit(acknowledgement != nullptr && acknowledgement->is("com.tavorin.securityagent", 0)
-                  ? 0
-                  : 1);
-    }
-    int status = 0;
-    ::waitpid(child, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  };
-  EXPECT_EQ(sendAs4242(0), 1);
-  EXPECT_TRUE(waitForLog("Request of uid 4242 names uid 0: refused.", 1s)) << daemonLog();
-  EXPECT_EQ(sendAs4242(4243), 1);
-  EXPECT_EQ(sendAs4242(4242), 0);
-}
-
 TEST_F(DaemonTest, ShutdownLetsARunningCommandFinishThenExits) {
   auto whoami =
       std::async(std::launch::async, [this] { return runCommand(3, {Value::integer(2)}); });
