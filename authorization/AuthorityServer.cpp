@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <charconv>
+#include <chrono>
 #include <string>
 #include <thread>
 
@@ -94,7 +95,14 @@ void AuthorityServer::finished(uid_t uid) {
 
 void AuthorityServer::accept(int listeningSocket) {
   int fd = ::accept4(listeningSocket, nullptr, nullptr, SOCK_CLOEXEC);
-  if (fd < 0) return;
+  if (fd < 0) {
+    // Out of descriptors or memory, the pending connection keeps the socket readable: pause
+    // rather than spin a processor until a connection ends and frees what accept needs.
+    if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    return;
+  }
   UniqueFd connection(fd);
   Result<Peer> identified = identify(connection.get());
   if (!identified) return;
