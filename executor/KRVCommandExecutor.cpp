@@ -15,6 +15,7 @@
 
 #include "foundation/Assert.h"
 #include "foundation/Format.h"
+#include "foundation/NameValue.h"
 #include "foundation/System.h"
 #include "protocol/KRVSecurityAgent.h"
 
@@ -142,7 +143,7 @@ Error commandSuccess() { return commandError(0); }
 
 Error commandErrorWithFailingPath(std::int64_t code, const std::string& path) {
   Dictionary userInfo;
-  userInfo.set(key::kFailingPath, Value(path));
+  userInfo.set(key::kFailingPath, nameValue(path));
   return commandError(code, std::move(userInfo));
 }
 
