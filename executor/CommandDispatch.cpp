@@ -8,7 +8,6 @@
 #include <thread>
 
 #include "executor/KRVCommandExecutor.h"
-
 #include "foundation/NameValue.h"
 
 namespace krv {

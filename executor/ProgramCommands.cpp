@@ -5,7 +5,6 @@
 #include <mutex>
 
 #include "executor/KRVCommandExecutor.h"
-
 #include "foundation/NameValue.h"
 
 namespace krv {
