@@ -14,6 +14,7 @@
 #include "executor/KRVCommandExecutor.h"
 #include "foundation/Assert.h"
 #include "foundation/Format.h"
+#include "foundation/NameValue.h"
 #include "foundation/UniqueFd.h"
 #include "protocol/KRVSecurityAgent.h"
 
@@ -132,15 +133,21 @@ int SecurityAgentDaemon::handleConnectionRequest(int socket) {
           response = KRVSecurityAgent::transportError(kTransportPipeNotCreated);
           break;
         }
-        Dictionary userInfo;
-        userInfo.set(KRVSecurityAgent::keyForClientSocket(), Value(pipe->path));
-        response = KRVSecurityAgent::transportError(kTransportAccepted, std::move(userInfo));
         auto executor = std::make_unique<KRVCommandExecutor>();
         executor->useAppleSystemLoggingWithIdentification(
             kDaemonIdentification, kDaemonFacility, m_debug ? SystemLog::kCopyToStandardError : 0);
         executor->setPathOfClientCommunicationPipe(pipe->path);
         executor->setExpectedPipeIdentity(pipe->device, pipe->inode);
-        KRVCommandExecutor::startThread(std::move(executor), std::move(command));
+        // Acknowledged only once the thread that will open the pipe exists: otherwise the client
+        // would wait at a pipe nobody writes. Without a thread the pipe is gone again, and the
+        // client hears that none could be made.
+        if (!KRVCommandExecutor::startThread(std::move(executor), std::move(command))) {
+          response = KRVSecurityAgent::transportError(kTransportPipeNotCreated);
+          break;
+        }
+        Dictionary userInfo;
+        userInfo.set(KRVSecurityAgent::keyForClientSocket(), nameValue(pipe->path));
+        response = KRVSecurityAgent::transportError(kTransportAccepted, std::move(userInfo));
         break;
       }
     }

@@ -109,7 +109,7 @@ TEST(CommandThreadTest, WritesOnlyIntoTheDaemonsFifoAndCountsItselfFromTheStart)
   EXPECT_TRUE(sys::lstat(path));                   // and what is not the daemon's stays
 
   const std::int64_t before = KRVCommandExecutor::numberOfRunningExecutorThreads();
-  KRVCommandExecutor::startThread(executorFor(moved), version());
+  ASSERT_TRUE(KRVCommandExecutor::startThread(executorFor(moved), version()));
   EXPECT_EQ(KRVCommandExecutor::numberOfRunningExecutorThreads(), before + 1);
   Result<UniqueFd> reader = sys::open(moved, O_RDONLY);
   ASSERT_TRUE(reader);

@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "executor/KRVCommandExecutor.h"
+#include "foundation/NameValue.h"
 
 namespace krv {
 
@@ -20,9 +21,10 @@ constexpr std::int64_t kUnknownCommandCode = 1;
 constexpr std::int64_t kArgumentOutOfRange = 3;
 constexpr std::int64_t kArgumentListMalformed = 4;
 
-// The request passed validation, so argument kinds are known; these read them.
-const std::string& stringAt(const Array& arguments, std::size_t index) {
-  return *arguments[index].asString();
+// The request passed validation, so argument kinds are known; these read them. A string argument
+// is a path or a name that came as text or as bytes; either way it is read as its bytes.
+std::string stringAt(const Array& arguments, std::size_t index) {
+  return nameBytes(arguments[index]).value_or(std::string());
 }
 const Data& dataAt(const Array& arguments, std::size_t index) { return *arguments[index].asData(); }
 const Number& numberAt(const Array& arguments, std::size_t index) {

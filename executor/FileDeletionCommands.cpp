@@ -12,17 +12,17 @@
 #include "filesystem/FileManager.h"
 #include "filesystem/FolderReader.h"
 #include "filesystem/PathNames.h"
+#include "foundation/NameValue.h"
 #include "foundation/System.h"
 
 namespace krv {
 
 namespace {
 
-// The requests were validated, so every path is a string; anything else counts as an empty path.
-const std::string& pathAt(const Array& paths, std::size_t index) {
-  static const std::string kNoPath;
-  const std::string* path = paths[index].asString();
-  return path != nullptr ? *path : kNoPath;
+// The requests were validated, so every path came as text or as bytes; anything else counts as an
+// empty path.
+std::string pathAt(const Array& paths, std::size_t index) {
+  return nameBytes(paths[index]).value_or(std::string());
 }
 
 double fractionDone(std::size_t index, std::size_t count) {

@@ -11,6 +11,7 @@
 #include "filesystem/FileManager.h"
 #include "filesystem/FileTrees.h"
 #include "filesystem/PathNames.h"
+#include "foundation/NameValue.h"
 #include "foundation/System.h"
 #include "platform/FileFlags.h"
 #include "platform/FileSystemCalls.h"
@@ -66,8 +67,8 @@ std::uint32_t deviceOf(const PathHandle& object) {
 // An error of the enumerator, whose FailingPath is relative to the walked folder.
 Error walkError(const std::string& base, const Error& error) {
   const Value* relative = error.userInfo().find(key::kFailingPath);
-  const std::string* text = relative != nullptr ? relative->asString() : nullptr;
-  return FileManager::error(error, text != nullptr ? appendingPathComponent(base, *text) : base);
+  std::optional<std::string> bytes = relative != nullptr ? nameBytes(*relative) : std::nullopt;
+  return FileManager::error(error, bytes ? appendingPathComponent(base, *bytes) : base);
 }
 
 }  // namespace

@@ -15,6 +15,7 @@
 
 #include "foundation/Assert.h"
 #include "foundation/Format.h"
+#include "foundation/NameValue.h"
 #include "foundation/System.h"
 #include "protocol/KRVSecurityAgent.h"
 
@@ -124,12 +125,12 @@ Result<UniqueFd> openResponsePipe(const std::string& path, const PipeIdentity& e
 // daemon's FIFO (whatever else the client put under the name is left alone).
 void removeUnusedPipe(const std::string& path, const PipeIdentity& expected) {
   if (!expected) return;
-  struct stat status {};
-  if (::lstat(path.c_str(), &status) != 0 || !S_ISFIFO(status.st_mode) ||
-      status.st_dev != expected->first || status.st_ino != expected->second) {
+  Result<struct stat> status = sys::lstat(path);
+  if (!status || !S_ISFIFO(status->st_mode) || status->st_dev != expected->first ||
+      status->st_ino != expected->second) {
     return;
   }
-  ::unlink(path.c_str());
+  (void)sys::unlink(path);
 }
 
 }  // namespace
@@ -142,7 +143,7 @@ Error commandSuccess() { return commandError(0); }
 
 Error commandErrorWithFailingPath(std::int64_t code, const std::string& path) {
   Dictionary userInfo;
-  userInfo.set(key::kFailingPath, Value(path));
+  userInfo.set(key::kFailingPath, nameValue(path));
   return commandError(code, std::move(userInfo));
 }
 
@@ -195,8 +196,8 @@ void* KRVCommandExecutor::runStartedThread(void* argument) {
   return nullptr;
 }
 
-void KRVCommandExecutor::startThread(std::unique_ptr<KRVCommandExecutor> executor,
-                                     std::shared_ptr<const KRVPrivilegedCommand> command) {
+Status KRVCommandExecutor::startThread(std::unique_ptr<KRVCommandExecutor> executor,
+                                       std::shared_ptr<const KRVPrivilegedCommand> command) {
   auto work = std::make_unique<ThreadWork>(ThreadWork{std::move(executor), std::move(command)});
   pthread_attr_t attributes;
   ::pthread_attr_init(&attributes);
@@ -212,17 +213,20 @@ void KRVCommandExecutor::startThread(std::unique_ptr<KRVCommandExecutor> executo
   ThreadWork* handedOver = work.release();
   int error = ::pthread_create(&thread, &attributes, runStartedThread, handedOver);
   ::pthread_attr_destroy(&attributes);
-  if (error == 0) return;
+  if (error == 0) return {};
   {
     std::lock_guard<std::mutex> lock(executorLock());
     --startingExecutorThreads;
   }
   work.reset(handedOver);
-  // Without a thread the command cannot run; its client sees the pipe end without a result.
+  KRVCommandExecutor& unstarted = *work->executor;
   errno = error;
-  if (work->executor->log() != nullptr) {
-    work->executor->log()->log(SystemLog::Level::Error, "Could not start a command thread (%m)");
+  if (unstarted.log() != nullptr) {
+    unstarted.log()->log(SystemLog::Level::Error, "Could not start a command thread (%m)");
   }
+  if (work->command) work->command->discardAuthorization();
+  if (unstarted.m_pipePath) removeUnusedPipe(*unstarted.m_pipePath, unstarted.m_expectedPipe);
+  return Error::posix(error, "pthread_create");
 }
 
 namespace {

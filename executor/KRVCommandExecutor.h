@@ -68,9 +68,13 @@ class KRVCommandExecutor final : public TaskDelegate {
   void executeCommandInNewThread(std::shared_ptr<const KRVPrivilegedCommand> command);
   // Detaches a thread that runs executeCommandInNewThread; the thread owns both objects. The
   // thread is counted as running from before it is created, so that a daemon deciding to exit
-  // right after this call never ends a command that has not yet counted itself.
-  static void startThread(std::unique_ptr<KRVCommandExecutor> executor,
-                          std::shared_ptr<const KRVPrivilegedCommand> command);
+  // right after this call never ends a command that has not yet counted itself. When no thread
+  // can be created (the process is out of threads or memory) the command never runs: the failure
+  // is logged, the authorization is discarded as after a run, the pipe is removed while it is
+  // still the FIFO the daemon created, and the POSIX error of the creation is returned, so that
+  // the client can be told instead of waiting at a pipe that nobody will write.
+  static Status startThread(std::unique_ptr<KRVCommandExecutor> executor,
+                            std::shared_ptr<const KRVPrivilegedCommand> command);
 
   // ---- Client reporting ----
   // The open write end of the response pipe (the thread body opens it from the path; exposed so

@@ -9,6 +9,7 @@
 #include <fstream>
 
 #include "executor/ExecutorTestSupport.h"
+#include "foundation/NameValue.h"
 #include "platform/TestFileTree.h"
 
 namespace krv {
@@ -154,6 +155,9 @@ TEST_F(TaskExecutorTest, ResultCarriesAllOutputAndTheExitStatus) {
   EXPECT_TRUE(run("").userInfo().empty());
   // A NUL byte in an argument could not reach the program unchanged.
   EXPECT_TRUE(run(program("q", "true"), {std::string("a\0b", 3)}).is(kCommandErrorDomain, 3));
+  EXPECT_TRUE(
+      m_executor.executeSystemProgramAtPath(program("q", "true"), {Value(Data{'a', 0, 0xFF})})
+          .is(kCommandErrorDomain, 3));
 }
 
 TEST_F(TaskExecutorTest, PassesArgumentsUnchangedWithoutAShell) {
@@ -162,6 +166,11 @@ TEST_F(TaskExecutorTest, PassesArgumentsUnchangedWithoutAShell) {
       test::textOf(run(echo, {"a b", "*", "$HOME", "", "; exit 7", "é\xff"}), "OutputChannel"),
       echo + "|6[a b][*][$HOME][][; exit 7][é\xff]");
   EXPECT_EQ(test::textOf(run(echo), "OutputChannel"), echo + "|0[]");
+  // An argument that is not UTF-8 arrives as a byte string and reaches the program as its bytes.
+  EXPECT_EQ(
+      test::textOf(m_executor.executeSystemProgramAtPath(echo, {Value("a"), nameValue("\xfe\xff")}),
+                   "OutputChannel"),
+      echo + "|2[a][\xfe\xff]");
 
   // Passing the safety rule does not make a file a program: a clear answer instead of a crash,
   // and a script without "#!" is not handed to a shell.

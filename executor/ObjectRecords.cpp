@@ -11,6 +11,7 @@
 #include "executor/KRVCommandExecutor.h"
 #include "filesystem/FileAttributes.h"
 #include "foundation/Assert.h"
+#include "foundation/NameValue.h"
 #include "foundation/System.h"
 #include "protocol/CommandTable.h"
 #include "protocol/KRVSecurityAgent.h"
@@ -102,7 +103,7 @@ std::optional<ObjectRecord> objectRecordFromStatus(std::string_view path,
 Value objectRecordValue(ObjectRecord record) {
   Dictionary dictionary;
   dictionary.reserve(5);
-  dictionary.append(std::string(key::kPath), Value(std::move(record.path)));
+  dictionary.append(std::string(key::kPath), nameValue(std::move(record.path)));
   dictionary.append(std::string(key::kType), Value(record.type));
   dictionary.append(std::string(key::kSize), Value::unsignedInteger(record.size));
   dictionary.append(std::string(key::kModificationDate), Value(record.modificationDate));

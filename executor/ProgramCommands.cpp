@@ -5,6 +5,7 @@
 #include <mutex>
 
 #include "executor/KRVCommandExecutor.h"
+#include "foundation/NameValue.h"
 
 namespace krv {
 
@@ -14,12 +15,16 @@ constexpr std::int64_t kBadArgument = 3;
 constexpr std::int64_t kUnsafeProgram = 5;
 constexpr std::int64_t kProgramFailed = 6;
 
-std::vector<std::string> programArguments(const Array& arguments) {
+// The arguments' bytes, whether they came as text or as bytes; nothing when one holds a NUL byte
+// (it would reach the program cut short) or is no string at all (requests were validated, so only
+// a caller inside the daemon could pass one).
+std::optional<std::vector<std::string>> programArguments(const Array& arguments) {
   std::vector<std::string> strings;
   strings.reserve(arguments.size());
   for (const Value& argument : arguments) {
-    // Requests were validated: every argument of these commands is a string.
-    if (const std::string* text = argument.asString()) strings.push_back(*text);
+    std::optional<std::string> bytes = nameBytes(argument);
+    if (!bytes || bytes->find('\0') != std::string::npos) return std::nullopt;
+    strings.push_back(std::move(*bytes));
   }
   return strings;
 }
@@ -30,14 +35,9 @@ Error KRVCommandExecutor::executeSystemProgramAtPath(const std::string& path,
                                                      const Array& arguments,
                                                      bool keepingPathEnvironment) {
   if (path.empty()) return commandError(kBadArgument);
-  // An argument is passed exactly as the client sent it or not at all: one holding a NUL byte
-  // would reach the program cut short.
-  for (const Value& argument : arguments) {
-    const std::string* text = argument.asString();
-    if (text != nullptr && text->find('\0') != std::string::npos) {
-      return commandError(kBadArgument);
-    }
-  }
+  // An argument is passed exactly as the client sent it or not at all.
+  std::optional<std::vector<std::string>> programArgumentBytes = programArguments(arguments);
+  if (!programArgumentBytes) return commandError(kBadArgument);
   if (!KRVTaskExecutor::hasExecutableSafePermissionsAtPath(path)) {
     return commandErrorWithFailingPath(kUnsafeProgram, path);
   }
@@ -51,13 +51,13 @@ Error KRVCommandExecutor::executeSystemProgramAtPath(const std::string& path,
   Result<int> status = [&] {
     KRVHighLoadTaskExecutor task;
     task.setDelegate(this);
-    return task.executeProgramAtPath(path, programArguments(arguments));
+    return task.executeProgramAtPath(path, *programArgumentBytes);
   }();
   if (!status) {
     // The program passed the safety rule but could not be started (not executable, not a
     // program, ...): the launch's errno, with the program's path.
     Dictionary userInfo;
-    userInfo.set(key::kFailingPath, Value(path));
+    userInfo.set(key::kFailingPath, nameValue(path));
     clearSubCommandOutput();
     return Error(std::string(kPosixErrorDomain), status.error().code(), std::move(userInfo));
   }

@@ -28,6 +28,7 @@
 #include "filesystem/FolderReader.h"
 #include "filesystem/KRVDirectoryEnumerator.h"
 #include "filesystem/PathNames.h"
+#include "foundation/NameValue.h"
 #include "foundation/System.h"
 #include "protocol/CommandTable.h"
 
@@ -138,11 +139,11 @@ std::optional<std::vector<NamePattern>> namePatterns(const Array& strings) {
   std::vector<NamePattern> patterns;
   patterns.reserve(strings.size() / 2);
   for (std::size_t i = 0; i < strings.size(); i += 2) {
-    const std::string* kind = strings[i].asString();
-    const std::string* text = strings[i + 1].asString();
-    if (kind == nullptr || text == nullptr || kind->size() != 1 || text->empty()) {
-      return std::nullopt;
-    }
+    // Kinds and patterns are read as bytes like every string argument: a pattern that is not
+    // UTF-8 matches names that are not either.
+    const std::optional<std::string> kind = nameBytes(strings[i]);
+    const std::optional<std::string> text = nameBytes(strings[i + 1]);
+    if (!kind || !text || kind->size() != 1 || text->empty()) return std::nullopt;
     switch ((*kind)[0]) {
       case '0':
         patterns.push_back({NamePattern::Kind::Equals, *text});

@@ -9,6 +9,7 @@
 #include "filesystem/FileTrees.h"
 #include "filesystem/FolderReader.h"
 #include "filesystem/PathNames.h"
+#include "foundation/NameValue.h"
 #include "foundation/System.h"
 #include "platform/FileFlags.h"
 #include "platform/FileSystemCalls.h"
@@ -121,7 +122,7 @@ Status copyOrLinkTree(const std::string& from, const std::string& to, TreeCopyMo
 
 Error FileManager::error(int errnoValue, const std::string& path) {
   Dictionary userInfo;
-  userInfo.set(key::kFailingPath, Value(path));
+  userInfo.set(key::kFailingPath, nameValue(path));
   return Error(std::string(kPosixErrorDomain), errnoValue, std::move(userInfo));
 }
 

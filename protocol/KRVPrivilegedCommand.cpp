@@ -6,6 +6,7 @@
 #include <cstdio>
 
 #include "foundation/Format.h"
+#include "foundation/NameValue.h"
 
 namespace krv {
 
@@ -53,6 +54,17 @@ std::optional<ValueType> KRVPrivilegedCommand::requiredClassForArgumentAtIndex(
   return classForArgumentType(record->signature[index]);
 }
 
+namespace {
+
+// A string argument is a path or a name in its one wire form: text, or the bytes of one that is
+// not UTF-8 (see foundation/NameValue.h).
+bool hasRequiredClass(const Value& argument, ValueType required) {
+  if (required == ValueType::String) return isNameValue(argument);
+  return argument.type() == required;
+}
+
+}  // namespace
+
 bool KRVPrivilegedCommand::isValid() const {
   const CommandRecord* record = commandRecord(m_commandCode);
   if (record == nullptr) return false;
@@ -62,7 +74,7 @@ bool KRVPrivilegedCommand::isValid() const {
   }
   for (std::size_t index = 0; index < m_arguments.size(); ++index) {
     std::optional<ValueType> required = requiredClassForArgumentAtIndex(index);
-    if (!required || m_arguments[index].type() != *required) return false;
+    if (!required || !hasRequiredClass(m_arguments[index], *required)) return false;
   }
   return true;
 }

@@ -69,7 +69,9 @@ class KRVPrivilegedCommand final : public Archivable {
   bool hasAuthorizationToken() const;
   // The value type required at an argument position, or nothing.
   std::optional<ValueType> requiredClassForArgumentAtIndex(std::size_t index) const;
-  // Code at most 54, the fixed argument count matched, every argument of its required type.
+  // Code at most 54, the fixed argument count matched, every argument of its required type. A
+  // string argument is a path or a name in its one wire form (foundation/NameValue.h): a text
+  // string of valid UTF-8, or a byte string whose bytes are not valid UTF-8.
   bool isValid() const;
 
   // Table accessors for this command's code (false / empty for codes above 54).

@@ -31,6 +31,19 @@ TEST(KRVPrivilegedCommandTest, ValidatesArgumentsAgainstTheTable) {
   EXPECT_FALSE(make(1, {})->requiredClassForArgumentAtIndex(0));
 }
 
+TEST(KRVPrivilegedCommandTest, AStringArgumentHasOneEncoding) {
+  const Value notUtf8(Data{'/', 't', 0xFF});
+  const Value utf8Bytes(Data{'/', 't'});
+  EXPECT_TRUE(make(15, {notUtf8})->isValid());
+  EXPECT_FALSE(make(15, {utf8Bytes})->isValid());
+  EXPECT_FALSE(make(15, {Value(std::string("/t\xff"))})->isValid());  // could not be sent
+  EXPECT_TRUE(make(7, {Value("1"), Value("/a"), notUtf8})->isValid());
+  EXPECT_FALSE(make(7, {Value("1"), utf8Bytes})->isValid());
+  // A data argument takes any bytes, UTF-8 or not.
+  EXPECT_TRUE(make(34, {notUtf8, Value(Data{'a'})})->isValid());
+  EXPECT_FALSE(make(34, {utf8Bytes, Value(Data{0xFF})})->isValid());
+}
+
 TEST(KRVPrivilegedCommandTest, ListsEveryRightFromCodeTwoOn) {
   auto commands = KRVPrivilegedCommand::allImplementedCommandsNeedingAuthorization();
   ASSERT_EQ(commands.size(), 52u);  // codes 2..54 without the reserved code

@@ -11,6 +11,7 @@
 #include "foundation/Archiver.h"
 #include "foundation/Assert.h"
 #include "foundation/DataBlock.h"
+#include "foundation/NameValue.h"
 #include "foundation/System.h"
 #include "protocol/KRVSecurityAgent.h"
 
@@ -64,8 +65,8 @@ std::optional<std::string> KRVSecurityAgent::pathForResponsePipeFromExecutionAck
     const Error& acknowledgement) {
   if (!acknowledgement.is(kTransportErrorDomain, kTransportAccepted)) return std::nullopt;
   const Value* path = acknowledgement.userInfo().find(keyForClientSocket());
-  if (path == nullptr || path->asString() == nullptr) return std::nullopt;
-  return *path->asString();
+  if (path == nullptr) return std::nullopt;
+  return nameBytes(*path);
 }
 
 Error KRVSecurityAgent::startExecutionOfPrivilegedCommand(KRVPrivilegedCommand& command,

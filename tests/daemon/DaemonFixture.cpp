@@ -46,12 +46,13 @@ void DaemonTest::SetUp() {
   startDaemon();
 }
 
-void DaemonTest::startDaemon() {
+void DaemonTest::startDaemon(ThreadCreation threads) {
   m_daemon.reset();
-  Result<ServiceProcess> daemon =
-      ServiceProcess::start({kDaemonSocketPath, binary("daemon"), {"d"}, {}, 0666});
+  Result<ServiceProcess> daemon = ServiceProcess::start(
+      {kDaemonSocketPath, binary("daemon"), {"d"}, {}, 0666, threads == ThreadCreation::Refused});
   ASSERT_TRUE(daemon) << daemon.error().description();
   m_daemon.emplace(std::move(*daemon));
+  if (threads == ThreadCreation::Refused) return;
   // The daemon serves its first request only after its start-up (the right definitions among it).
   Error version = runCommand(1, {});
   ASSERT_TRUE(version.is(kCommandErrorDomain, 0)) << version.description() << daemonLog();

@@ -41,7 +41,10 @@ class DaemonTest : public testing::Test {
   void SetUp() override;
   void TearDown() override;
 
-  void startDaemon();
+  // Starts the daemon and waits until it serves. With ThreadCreation::Refused the kernel refuses
+  // the daemon every new thread, so no command can run; the start does not wait then.
+  enum class ThreadCreation : std::uint8_t { Allowed, Refused };
+  void startDaemon(ThreadCreation threads = ThreadCreation::Allowed);
   ServiceProcess& daemon() { return *m_daemon; }
   std::string daemonLog() const { return m_daemon ? m_daemon->standardError() : std::string(); }
   // Waits until the daemon's log contains `text`.

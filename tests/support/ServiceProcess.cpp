@@ -1,13 +1,20 @@
 #include "tests/support/ServiceProcess.h"
 
+#include <linux/audit.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <sched.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstddef>
 #include <cstring>
 #include <mutex>
 #include <thread>
@@ -26,6 +33,54 @@ struct ServiceProcess::State {
   mutable std::mutex mutex;
   std::string standardError;
 };
+
+namespace {
+
+// How a test makes a service's thread creation fail. The usual limits do not serve: RLIMIT_NPROC
+// never binds root, an address-space limit (RLIMIT_AS) small enough to refuse a thread's stack
+// also starves the allocator and the sanitizer runtime of the service at moments nobody chooses,
+// and cgroups here are shared with the host. A seccomp filter refuses exactly the creation of
+// threads (clone with CLONE_THREAD fails with EAGAIN, as when the kernel is out of threads) and
+// nothing else. clone3 passes its flags in memory a filter cannot read, so it reports ENOSYS, and
+// the C library then falls back to clone, whose flags the filter sees.
+#if defined(__x86_64__)
+constexpr std::uint32_t kAuditArchitecture = AUDIT_ARCH_X86_64;
+#elif defined(__aarch64__)
+constexpr std::uint32_t kAuditArchitecture = AUDIT_ARCH_AARCH64;
+#endif
+
+constexpr std::uint32_t kAllow = SECCOMP_RET_ALLOW;
+constexpr std::uint32_t kNotImplemented = SECCOMP_RET_ERRNO | ENOSYS;
+constexpr std::uint32_t kTryAgain = SECCOMP_RET_ERRNO | EAGAIN;
+
+// The low half of clone's first argument, the flags (both architectures are little-endian).
+constexpr std::uint32_t kCloneFlagsOffset = offsetof(seccomp_data, args);
+
+constexpr sock_filter kRefuseThreads[] = {
+    BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, arch)),
+    BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, kAuditArchitecture, 1, 0),
+    BPF_STMT(BPF_RET | BPF_K, kAllow),
+    BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+    BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_clone3, 0, 1),
+    BPF_STMT(BPF_RET | BPF_K, kNotImplemented),
+    BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_clone, 1, 0),
+    BPF_STMT(BPF_RET | BPF_K, kAllow),
+    BPF_STMT(BPF_LD | BPF_W | BPF_ABS, kCloneFlagsOffset),
+    BPF_JUMP(BPF_JMP | BPF_JSET | BPF_K, CLONE_THREAD, 0, 1),
+    BPF_STMT(BPF_RET | BPF_K, kTryAgain),
+    BPF_STMT(BPF_RET | BPF_K, kAllow),
+};
+
+// In the child between fork and exec: system calls only.
+bool refuseNewThreads() {
+  sock_fprog program{};
+  program.len = static_cast<unsigned short>(std::size(kRefuseThreads));
+  program.filter = const_cast<sock_filter*>(kRefuseThreads);
+  return ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
+         ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0;
+}
+
+}  // namespace
 
 Result<UniqueFd> listenOnUnixSocket(const std::string& path, mode_t mode) {
   sockaddr_un address{};
@@ -107,6 +162,7 @@ Result<ServiceProcess> ServiceProcess::start(const ServiceLaunch& launch) {
     } else if (::dup2(socket.get(), 3) < 0) {
       ::_exit(127);
     }
+    if (launch.refuseNewThreads && !refuseNewThreads()) ::_exit(127);
     ::execve(argv[0], argv.data(), envp.data());
     ::_exit(127);
   }

@@ -5,9 +5,10 @@
 // mode (0666 by default, as the shipped socket unit does), listens, and forks; the child moves the
 // socket to descriptor 3, sets LISTEN_PID (its own pid), LISTEN_FDS=1 and
 // LISTEN_FDNAMES=MasterSocket, adds the extra environment (LD_PRELOAD of test wrappers, ...) and
-// executes the binary. The parent keeps nothing of the socket but the file: once the service
-// exits, connections are refused. The service's standard error is collected (read by a thread of
-// the object) and available through standardError().
+// executes the binary (under a system-call filter that refuses new threads, when asked). The parent
+// keeps nothing of the socket but the file: once the service exits, connections are refused. The
+// service's standard error is collected (read by a thread of the object) and available through
+// standardError().
 //
 // The destructor terminates the service (SIGTERM, then SIGKILL after a grace period) and reaps it.
 // Objects are movable, not copyable; use one from one thread.
@@ -31,6 +32,9 @@ struct ServiceLaunch {
   std::vector<std::string> arguments;    // after argv[0]
   std::vector<std::string> environment;  // extra "NAME=value" entries, added to the inherited ones
   mode_t socketMode = 0666;
+  // The kernel refuses every new thread of the service (its creation fails with EAGAIN) while
+  // processes can still be started: what a daemon meets when it runs out of threads.
+  bool refuseNewThreads = false;
 };
 
 // A listening Unix stream socket bound at path (a stale socket file there is replaced), with the

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "foundation/Format.h"
+#include "foundation/NameValue.h"
 #include "foundation/System.h"
 #include "protocol/CommandTable.h"
 
@@ -97,7 +98,8 @@ std::optional<std::uint32_t> codeForName(const std::string& name) {
 Result<Value> convertArgument(const std::string& text, char letter) {
   switch (letter) {
     case 'S':
-      return Value(text);
+      // Command-line arguments are bytes: one that is not UTF-8 travels as a byte string.
+      return nameValue(text);
     case 'N':
       return parseNumber(text);
     case 'D':

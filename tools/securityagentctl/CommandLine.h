@@ -6,9 +6,10 @@
 //
 // COMMAND is a code (0-54) or a readable name derived from the command's right: the right name
 // without "com.tavorin." and with "." turned into "-" ("get-version", "count-file-objects"). Each
-// argument is converted by the letter of the command's signature: S keeps the text; N reads an
-// integer (decimal, or 0x hexadecimal), a real (with a "." or an exponent), or true/false/yes/no;
-// D reads "@FILE" (the file's bytes), "hex:..." or the text's own bytes.
+// argument is converted by the letter of the command's signature: S keeps the argument's bytes
+// (text when they are UTF-8, else a byte string); N reads an integer (decimal, or 0x hexadecimal),
+// a real (with a "." or an exponent), or true/false/yes/no; D reads "@FILE" (the file's bytes),
+// "hex:..." or the text's own bytes.
 
 #include <cstdint>
 #include <optional>

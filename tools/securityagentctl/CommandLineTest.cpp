@@ -38,6 +38,9 @@ TEST(CommandLineTest, ConvertsArgumentsByTheSignature) {
 
   EXPECT_EQ(convertArgument("-2.5", 'N')->asNumber()->doubleValue(), -2.5);
   EXPECT_EQ(convertArgument("0x10", 'N')->asNumber()->integerValue(), 16);
+  // Arguments are bytes: text when they are UTF-8, a byte string when they are not.
+  EXPECT_EQ(*convertArgument("/tmp/caf\xc3\xa9", 'S')->asString(), "/tmp/caf\xc3\xa9");
+  EXPECT_EQ(*convertArgument("/tmp/\xff", 'S')->asData(), (Data{'/', 't', 'm', 'p', '/', 0xff}));
 }
 
 TEST(CommandLineTest, RefusesWrongCountsAndBadNumbers) {
@@ -58,9 +61,14 @@ TEST(ResultPrinterTest, RendersResultsAsJson) {
   Error result("com.tavorin.privilegedCommand", 0, info);
   EXPECT_EQ(resultToJson(result),
             "{\"domain\":\"com.tavorin.privilegedCommand\",\"code\":0,\"userInfo\":{"
-            "\"AgentVersionBuild\":\"121004\",\"OutputChannel\":\"cm9vdAo=\","
+            "\"AgentVersionBuild\":\"121004\",\"OutputChannel\":{\"base64\":\"cm9vdAo=\"},"
             "\"ModificationDate\":\"1970-01-01T00:00:00Z\"}}");
-  EXPECT_EQ(toJson(Value(std::string("a\"\n\x01"))), "\"a\\\"\\n\\u0001\"");
+  // Pure ASCII, whatever the text holds; byte strings stay apart from text.
+  EXPECT_EQ(toJson(Value(std::string("a\"\n\x01\x1b\x7f"))), "\"a\\\"\\n\\u0001\\u001b\\u007f\"");
+  EXPECT_EQ(toJson(Value("caf\xc3\xa9 \xc2\x9b \xf0\x9f\x93\x81")),
+            "\"caf\\u00e9 \\u009b \\ud83d\\udcc1\"");
+  EXPECT_EQ(toJson(Value(Data{'/', 0xff})), "{\"base64\":\"L/8=\"}");
+  EXPECT_EQ(toJson(Value(std::string("/\xff"))), "{\"base64\":\"L/8=\"}");
 }
 
 }  // namespace

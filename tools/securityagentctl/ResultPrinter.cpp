@@ -7,6 +7,7 @@
 #include <ctime>
 
 #include "foundation/Format.h"
+#include "foundation/NameValue.h"
 #include "foundation/System.h"
 #include "protocol/CommandTable.h"
 #include "protocol/KRVPrivilegedCommand.h"
@@ -16,9 +17,17 @@ namespace krv::ctl {
 
 namespace {
 
+// A JSON string of pure ASCII: every character outside printable ASCII is written as \uXXXX (a
+// surrogate pair above U+FFFF), so no text can reach a terminal that shows the JSON as a control
+// sequence. Values from the wire are always valid UTF-8 (the reader refuses others, and text that
+// is not goes out as data, see appendJsonData); a byte that is not part of UTF-8 here could only
+// come from the client itself and is written as U+FFFD.
 void appendJsonString(std::string& out, std::string_view text) {
   out += '"';
-  for (unsigned char c : text) {
+  for (std::size_t offset = 0; offset < text.size();) {
+    const Utf8Character character = utf8CharacterAt(text, offset);
+    offset += character.length;
+    const char32_t c = character.valid ? character.codePoint : 0xFFFD;
     switch (c) {
       case '"':
         out += "\\\"";
@@ -36,10 +45,14 @@ void appendJsonString(std::string& out, std::string_view text) {
         out += "\\r";
         break;
       default:
-        if (c < 0x20) {
-          out += format("\\u%04x", c);
-        } else {
+        if (c >= 0x20 && c < 0x7F) {
           out += static_cast<char>(c);
+        } else if (c < 0x10000) {
+          out += format("\\u%04x", static_cast<unsigned>(c));
+        } else {
+          const char32_t supplementary = c - 0x10000;
+          out += format("\\u%04x\\u%04x", static_cast<unsigned>(0xD800 + (supplementary >> 10)),
+                        static_cast<unsigned>(0xDC00 + (supplementary & 0x3FF)));
         }
     }
   }
@@ -71,6 +84,14 @@ std::string isoDate(const Date& date) {
   return buffer;
 }
 
+// A byte string of the wire, told apart from text: {"base64": "<the bytes in base64>"}. A name
+// that is not UTF-8 (a "Path", a "FailingPath") arrives this way, and so does program output.
+void appendJsonData(std::string& out, const Data& data) {
+  out += "{\"base64\":";
+  appendJsonString(out, base64(data));
+  out += '}';
+}
+
 void appendJson(std::string& out, const Value& value);
 
 void appendElements(std::string& out, const std::vector<Value>& elements) {
@@ -98,7 +119,12 @@ void appendDictionary(std::string& out, const Dictionary& dictionary) {
 void appendJson(std::string& out, const Value& value) {
   switch (value.type()) {
     case ValueType::String:
-      appendJsonString(out, *value.asString());
+      if (isValidUtf8(*value.asString())) {
+        appendJsonString(out, *value.asString());
+      } else {
+        const std::string& text = *value.asString();
+        appendJsonData(out, Data(text.begin(), text.end()));
+      }
       break;
     case ValueType::Number: {
       const Number& number = *value.asNumber();
@@ -115,7 +141,7 @@ void appendJson(std::string& out, const Value& value) {
       break;
     }
     case ValueType::Data:
-      appendJsonString(out, base64(*value.asData()));
+      appendJsonData(out, *value.asData());
       break;
     case ValueType::Date:
       appendJsonString(out, isoDate(*value.asDate()));
@@ -149,13 +175,20 @@ void writeOut(int fd, std::string_view text) {
   (void)sys::writeAll(fd, {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()});
 }
 
-std::string readableValue(const Value& value) {
-  if (const std::string* text = value.asString()) return *text;
-  if (const Data* data = value.asData()) {
+bool isProgramOutput(std::string_view key) {
+  return key == key::kOutputChannel || key == key::kErrorChannel;
+}
+
+// One value for the text output. Strings, names and data are shown escaped (escapedName), so that
+// no name can forge a line or a column or reach the terminal; only a program's output is shown as
+// the program wrote it, as its live output is.
+std::string readableValue(const Value& value, std::string_view key = {}) {
+  if (const Data* data = value.asData(); data != nullptr && isProgramOutput(key)) {
     std::string text(data->begin(), data->end());
     while (!text.empty() && text.back() == '\n') text.pop_back();
     return text;
   }
+  if (std::optional<std::string> bytes = nameBytes(value)) return escapedName(*bytes);
   if (const Date* date = value.asDate()) return isoDate(*date);
   return toJson(value);
 }
@@ -168,7 +201,7 @@ std::string describeRecord(const Dictionary& record) {
       line += format("%04llo",
                      static_cast<unsigned long long>(value.asNumber()->unsignedIntegerValue()));
     } else {
-      line += readableValue(value);
+      line += readableValue(value, key);
     }
   }
   return line;
@@ -281,12 +314,18 @@ void ResultPrinter::endProgress() {
 
 void ResultPrinter::report(const Error& report) {
   const Dictionary& info = report.userInfo();
-  if (const Value* output = info.find(key::kOutputChannel); output && output->asData()) {
-    writeOut(STDOUT_FILENO, std::string(output->asData()->begin(), output->asData()->end()));
-    return;
-  }
-  if (const Value* output = info.find(key::kErrorChannel); output && output->asData()) {
-    writeOut(STDERR_FILENO, std::string(output->asData()->begin(), output->asData()->end()));
+  for (const std::string_view channel : {key::kOutputChannel, key::kErrorChannel}) {
+    const Value* output = info.find(channel);
+    if (output == nullptr || output->asData() == nullptr) continue;
+    if (m_json) {
+      // One JSON document per line, like the chunks, so that the output stays JSON.
+      Dictionary chunk;
+      chunk.set(channel, *output);
+      writeOut(STDOUT_FILENO, toJson(Value(std::move(chunk))) + "\n");
+    } else {
+      writeOut(channel == key::kOutputChannel ? STDOUT_FILENO : STDERR_FILENO,
+               std::string(output->asData()->begin(), output->asData()->end()));
+    }
     return;
   }
   const Value* progress = info.find(key::kCurrentProgress);
@@ -324,10 +363,10 @@ void ResultPrinter::finish(const Error& result) {
   if (result.code() == 0 && result.domain() != kPosixErrorDomain) {
     text = "OK\n";
   } else {
-    text = format("Failed: %s code %lld", result.domain().c_str(),
+    text = format("Failed: %s code %lld", escapedName(result.domain()).c_str(),
                   static_cast<long long>(result.code()));
     std::string explanation = explainResult(result);
-    if (!explanation.empty()) text += " (" + explanation + ")";
+    if (!explanation.empty()) text += " (" + escapedName(explanation) + ")";
     text += "\n";
   }
   for (const auto& [key, value] : result.userInfo()) {
@@ -337,11 +376,11 @@ void ResultPrinter::finish(const Error& result) {
       }
       continue;
     }
-    std::string rendered = readableValue(value);
+    std::string rendered = readableValue(value, key);
     if (rendered.find('\n') != std::string::npos) {
-      text += "  " + key + ":\n" + rendered + "\n";
+      text += "  " + escapedName(key) + ":\n" + rendered + "\n";
     } else {
-      text += "  " + key + ": " + rendered + "\n";
+      text += "  " + escapedName(key) + ": " + rendered + "\n";
     }
   }
   writeOut(result.code() == 0 ? STDOUT_FILENO : STDERR_FILENO, text);

@@ -1,7 +1,9 @@
 #pragma once
 // How securityagentctl shows what the daemon sends: a progress bar for progress reports, found
 // objects as they arrive, live program output on the client's own output streams, and the final
-// result readably or as JSON. Used by the client's one thread.
+// result readably or as JSON. The readable text shows every string and name escaped (escapedName
+// of foundation/NameValue.h) except a program's own output; the JSON is a lossless picture of the
+// values as they came. Used by the client's one thread.
 
 #include <cstdio>
 #include <string>
@@ -10,7 +12,8 @@
 
 namespace krv::ctl {
 
-// A value as JSON: data as base64 text, dates as ISO 8601 UTC text, sets as arrays, objects as
+// A value as JSON (pure ASCII): text as strings, byte strings (data, and names that are not UTF-8)
+// as {"base64": text}, dates as ISO 8601 UTC text, sets as arrays, objects as
 // {"class": name, items...}.
 std::string toJson(const Value& value);
 // The final result as one JSON document: {"domain": ..., "code": ..., "userInfo": {...}}.
