@@ -1,11 +1,11 @@
 // The service short of descriptors, end to end: the limit it gives itself, and what a right check
 // answers when descriptors run out anyway (the test lowers the running service's limit).
 
-#include <dirent.h>
 #include <sys/resource.h>
 
 #include <algorithm>
 #include <cstdlib>
+#include <filesystem>
 #include <string>
 #include <thread>
 #include <vector>
@@ -23,16 +23,13 @@ rlimit descriptorLimitOf(pid_t pid) {
   return limit;
 }
 
+// The numbered entries of a folder of /proc (tasks, descriptors).
 std::vector<int> numericEntries(const std::string& folder) {
   std::vector<int> numbers;
-  DIR* stream = ::opendir(folder.c_str());
-  if (stream == nullptr) return numbers;
-  while (const dirent* entry = ::readdir(stream)) {
-    if (entry->d_name[0] >= '0' && entry->d_name[0] <= '9') {
-      numbers.push_back(std::atoi(entry->d_name));
-    }
+  std::error_code error;
+  for (const auto& entry : std::filesystem::directory_iterator(folder, error)) {
+    numbers.push_back(std::atoi(entry.path().filename().c_str()));
   }
-  ::closedir(stream);
   return numbers;
 }
 
