@@ -101,6 +101,13 @@ int converse(int count, const pam_message** messages, pam_response** responses, 
   return PAM_SUCCESS;
 }
 
+// PAM or a module could not do its work (out of memory or descriptors, a source of account data
+// unavailable): no verdict on the password or the account.
+bool isFailureOfPam(int status) {
+  return status == PAM_ABORT || status == PAM_BUF_ERR || status == PAM_SYSTEM_ERR ||
+         status == PAM_AUTHINFO_UNAVAIL;
+}
+
 AuthenticationOutcome outcomeOfAbort(Abort abort) {
   switch (abort) {
     case Abort::EmptyPassword:
@@ -160,18 +167,10 @@ AuthenticationResult PamAuthenticator::authenticate(const std::string& account,
     result.outcome = outcomeOfAbort(conversation.abort);
     return result;
   }
-  switch (status) {
-    case PAM_SUCCESS:
-      break;
-    case PAM_ABORT:
-    case PAM_BUF_ERR:
-    case PAM_SYSTEM_ERR:
-    case PAM_AUTHINFO_UNAVAIL:
-      result.outcome = AuthenticationOutcome::Error;
-      return result;
-    default:
-      result.outcome = AuthenticationOutcome::Failed;
-      return result;
+  if (status != PAM_SUCCESS) {
+    result.outcome =
+        isFailureOfPam(status) ? AuthenticationOutcome::Error : AuthenticationOutcome::Failed;
+    return result;
   }
 
   status = transaction.record(::pam_acct_mgmt(handle, PAM_DISALLOW_NULL_AUTHTOK));
@@ -180,7 +179,8 @@ AuthenticationResult PamAuthenticator::authenticate(const std::string& account,
     return result;
   }
   if (status != PAM_SUCCESS) {
-    result.outcome = AuthenticationOutcome::Refused;
+    result.outcome =
+        isFailureOfPam(status) ? AuthenticationOutcome::Error : AuthenticationOutcome::Refused;
     return result;
   }
 

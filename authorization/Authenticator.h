@@ -42,7 +42,7 @@ enum class AuthenticationOutcome : std::uint8_t {
   Cancelled,      // the user cancelled
   NoInteraction,  // the client has no way to ask
   Disconnected,   // the client went away or answered nonsense
-  Error,          // PAM itself failed
+  Error,          // PAM or a module could not do its work (no verdict on password or account)
 };
 
 struct AuthenticationResult {

@@ -25,9 +25,15 @@ using SteadyClock = std::chrono::steady_clock;
 #define SO_PEERPIDFD 77
 #endif
 
-std::uint32_t sessionOf(pid_t pid) {
+// The audit session of a process; kNoSession when it has none (or the kernel keeps none).
+Result<std::uint32_t> sessionOf(pid_t pid) {
   Result<std::string> text = sys::readFile("/proc/" + std::to_string(pid) + "/sessionid", 32);
-  if (!text) return kNoSession;
+  if (!text) {
+    if (sys::isResourceExhaustion(static_cast<int>(text.error().code()))) {
+      return std::move(text).error();
+    }
+    return kNoSession;
+  }
   std::uint32_t session = kNoSession;
   const char* begin = text->data();
   std::from_chars(begin, begin + text->size(), session);
@@ -35,6 +41,17 @@ std::uint32_t sessionOf(pid_t pid) {
 }
 
 }  // namespace
+
+std::size_t tokensWithin(std::uint64_t descriptorLimit, const ServerLimits& limits) {
+  const std::uint64_t reserved =
+      (limits.connections + limits.rootConnections) * kDescriptorsPerConnection + kOwnDescriptors;
+  return descriptorLimit > reserved ? static_cast<std::size_t>(descriptorLimit - reserved) : 0;
+}
+
+static_assert((ServerLimits{}.connections + ServerLimits{}.rootConnections) *
+                      kDescriptorsPerConnection +
+                  kOwnDescriptors + TokenLimits{}.total <=
+              kDescriptorLimit);
 
 AuthorityServer::AuthorityServer(AuthorityService& service, TokenStore& tokens, SystemLog& log,
                                  ServerLimits limits)
@@ -72,12 +89,20 @@ Result<Peer> AuthorityServer::identify(int connection) {
     // Older kernels: the pid could in principle be reused between connect() and here, but the
     // peer is blocked waiting for our answer, so it is alive and still the same process.
     Result<UniqueFd> process = sys::pidfdOpen(peer.pid);
-    if (process) peer.process = std::move(process).value();
+    if (process) {
+      peer.process = std::move(process).value();
+    } else if (sys::isResourceExhaustion(static_cast<int>(process.error().code()))) {
+      peer.identified = false;
+    }
   }
   if (peer.process.valid() && peer.pid > 0) {
-    const std::uint32_t session = sessionOf(peer.pid);
+    const Result<std::uint32_t> session = sessionOf(peer.pid);
     // Only trust what was read if the process was still the same one afterwards.
-    if (!processHasExited(peer.process.get())) peer.session = session;
+    if (!session) {
+      peer.identified = false;
+    } else if (!processHasExited(peer.process.get())) {
+      peer.session = *session;
+    }
   }
   return peer;
 }

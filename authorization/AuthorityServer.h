@@ -24,6 +24,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
+#include <cstdint>
 #include <map>
 #include <mutex>
 
@@ -41,6 +42,19 @@ struct ServerLimits {
   std::chrono::milliseconds idleTimeout{60'000};
   std::chrono::milliseconds sweepInterval{10'000};
 };
+
+// Descriptors: the service holds one per live token (its creator's process) and, per connection,
+// at most kDescriptorsPerConnection at once (the socket, the peer's process, the folder and file of
+// a right's definition, or PAM's and the name services' files), plus kOwnDescriptors of its own.
+// It raises its limit to kDescriptorLimit, which covers the most tokens and connections the
+// default limits allow; under a lower hard limit it creates fewer tokens (tokensWithin), so that
+// held tokens can never leave a connection without descriptors.
+inline constexpr std::size_t kDescriptorsPerConnection = 8;
+inline constexpr std::size_t kOwnDescriptors = 32;
+inline constexpr std::uint64_t kDescriptorLimit = 8192;
+
+// How many tokens a descriptor limit leaves room for beside the connections and the service.
+std::size_t tokensWithin(std::uint64_t descriptorLimit, const ServerLimits& limits);
 
 class AuthorityServer {
  public:

@@ -146,15 +146,25 @@ void AuthorityService::serve(int connection, Peer& peer) {
 }
 
 AuthorityService::Reply AuthorityService::create(Peer& peer) {
+  Reply reply;
   Creator creator;
   creator.uid = peer.uid;
   creator.session = peer.session;
   if (peer.process.valid()) {
-    // Without a copy the token lives until it is freed or unused for long enough.
-    creator.process = sys::duplicate(peer.process.get()).valueOr(UniqueFd());
+    Result<UniqueFd> process = sys::duplicate(peer.process.get());
+    if (process) creator.process = std::move(process).value();
+  }
+  // A token must end with its creator and keep to its login session: when the system was too
+  // short of descriptors or memory to tell them, no token (a kernel without process descriptors
+  // only makes tokens live until they are freed or unused for long enough).
+  if (!peer.identified || (peer.process.valid() && !creator.process.valid())) {
+    log(Level::Error, format("Could not create an authorization for uid %u: out of resources to "
+                             "follow its creator",
+                             peer.uid));
+    reply.status = kStatusInternal;
+    return reply;
   }
   ExternalForm token{};
-  Reply reply;
   reply.status = m_tokens.create(std::move(creator), token);
   if (reply.status != kStatusSuccess) {
     log(Level::Warning,
@@ -166,7 +176,7 @@ AuthorityService::Reply AuthorityService::create(Peer& peer) {
   return reply;
 }
 
-const Rule* AuthorityService::ruleOf(const std::string& right) {
+std::optional<const Rule*> AuthorityService::ruleOf(const std::string& right) {
   RightsStore::Lookup lookup = m_rights.lookup(right);
   switch (lookup.state) {
     case RightsStore::State::Defined: {
@@ -192,18 +202,36 @@ const Rule* AuthorityService::ruleOf(const std::string& right) {
       log(Level::Error, format("Definition of right '%s' is broken (%s): denied", right.c_str(),
                                lookup.problem.c_str()));
       return nullptr;
+    case RightsStore::State::Unavailable:
+      log(Level::Error, format("Definition of right '%s' cannot be read now (%s)", right.c_str(),
+                               lookup.problem.c_str()));
+      return std::nullopt;
   }
   return nullptr;
 }
 
-Subject AuthorityService::subjectOf(uid_t uid, const Rule* rule) const {
+Result<Subject> AuthorityService::subjectOf(uid_t uid, const Rule* rule) const {
   Subject subject;
   subject.uid = uid;
   // Group membership costs a name-service lookup; only "is-admin" needs it for the requester.
   if (uid != 0 && rule != nullptr && rule->ruleClass == RuleClass::IsAdministrator) {
-    subject.administrator = m_users.isAdministrator(uid);
+    KRV_TRY(subject.administrator, m_users.isAdministrator(uid));
   }
   return subject;
+}
+
+std::optional<AuthorityService::Evaluation> AuthorityService::evaluate(std::uint64_t id,
+                                                                       const std::string& right,
+                                                                       uid_t uid, Use use) {
+  std::optional<const Rule*> rule = ruleOf(right);
+  if (!rule) return std::nullopt;
+  Result<Subject> subject = subjectOf(uid, *rule);
+  if (!subject) {
+    log(Level::Error, format("Could not tell whether uid %u is an administrator: %s", uid,
+                             subject.error().description().c_str()));
+    return std::nullopt;
+  }
+  return Evaluation{*rule, m_tokens.evaluate(id, right, *rule, *subject, use)};
 }
 
 AuthorityService::Reply AuthorityService::copyRights(int connection, const Peer& peer,
@@ -219,10 +247,13 @@ AuthorityService::Reply AuthorityService::copyRights(int connection, const Peer&
     reply.status = kStatusInvalidRef;
     return reply;
   }
-  const Rule* rule = ruleOf(request.right);
-  const Verdict verdict =
-      m_tokens.evaluate(entry->id, request.right, rule, subjectOf(peer.uid, rule), Use::Client);
-  switch (verdict) {
+  std::optional<Evaluation> evaluation = evaluate(entry->id, request.right, peer.uid, Use::Client);
+  if (!evaluation) {
+    reply.status = kStatusInternal;
+    return reply;
+  }
+  const Rule* rule = evaluation->rule;
+  switch (evaluation->verdict) {
     case Verdict::Granted:
       log(Level::Debug, format("Right '%s' granted to uid %u", request.right.c_str(), peer.uid));
       reply.status = kStatusSuccess;
@@ -251,27 +282,52 @@ AuthorityService::Reply AuthorityService::copyRights(int connection, const Peer&
 std::int32_t AuthorityService::authenticate(int connection, const Peer& peer,
                                             const Request& request, std::uint64_t id,
                                             const Rule& rule, bool& clientGone) {
-  std::optional<UserAccount> requester = m_users.accountOf(peer.uid);
-  std::string account = request.account;
-  if (account.empty()) {
-    if (!requester) {
+  auto lookupFailed = [this](const char* what, const Error& error) {
+    log(Level::Error, format("Could not look up %s: %s", what, error.description().c_str()));
+    return kStatusInternal;
+  };
+  Result<std::optional<UserAccount>> requester = m_users.accountOf(peer.uid);
+  if (!requester) return lookupFailed("the requesting user", requester.error());
+  AttemptKey key;
+  key.requester = peer.uid;
+  key.account = request.account;
+  if (key.account.empty()) {
+    if (!*requester) {
       log(Level::Warning, format("uid %u has no account name to authenticate: denied", peer.uid));
       return kStatusDenied;
     }
-    account = requester->name;
+    key.account = (*requester)->name;
+    key.accountKnown = true;
+    key.ownAccount = true;
+  } else {
+    Result<std::optional<UserAccount>> named = m_users.accountNamed(key.account);
+    if (!named) return lookupFailed("the account to authenticate", named.error());
+    key.accountKnown = named->has_value();
+    key.ownAccount = key.accountKnown && (*named)->uid == peer.uid;
   }
-  const std::string requesterName = requester ? requester->name : std::string();
+  const std::string& account = key.account;
+  const std::string requesterName = *requester ? (*requester)->name : std::string();
   ConnectionChannel channel(connection, m_timeouts);
 
   for (int attempt = 1; attempt <= kMaximumPasswordAttempts; ++attempt) {
-    const Instant delay = m_backOff.reserveAttempt(account);
-    if (delay > Instant::zero()) {
+    // The turn is held until this attempt ends, however it ends.
+    BackOff::Turn turn = m_backOff.reserve(key);
+    if (turn.refused()) {
+      log(Level::Warning,
+          format("Refused authentication as '%s' for uid %u: other attempts wait for every turn "
+                 "within the largest delay",
+                 account.c_str(), peer.uid));
+      return kStatusInternal;
+    }
+    if (turn.wait() > Instant::zero()) {
       log(Level::Info,
-          format("Delaying authentication as '%s' by %lld ms after repeated failures",
-                 account.c_str(),
+          format("Delaying authentication as '%s' for uid %u by %lld ms after repeated failures",
+                 account.c_str(), peer.uid,
                  static_cast<long long>(
-                     std::chrono::duration_cast<std::chrono::milliseconds>(delay).count())));
-      if (!channel.pause(delay)) {
+                     std::chrono::duration_cast<std::chrono::milliseconds>(turn.wait()).count())));
+      if (!channel.pause(turn.wait())) {
+        log(Level::Info, format("Client of uid %u went away while waiting to authenticate as '%s'",
+                                peer.uid, account.c_str()));
         clientGone = true;
         return kStatusCanceled;
       }
@@ -279,22 +335,25 @@ std::int32_t AuthorityService::authenticate(int connection, const Peer& peer,
     AuthenticationResult result = m_authenticator.authenticate(account, requesterName, channel);
     switch (result.outcome) {
       case AuthenticationOutcome::Authenticated: {
-        m_backOff.recordSuccess(account);
-        std::optional<UserAccount> authenticated = m_users.accountNamed(result.account);
-        if (!authenticated) {
+        m_backOff.recordSuccess(key);
+        Result<std::optional<UserAccount>> authenticated = m_users.accountNamed(result.account);
+        if (!authenticated) return lookupFailed("the authenticated account", authenticated.error());
+        if (!*authenticated) {
           log(Level::Warning,
               format("Authenticated account '%s' is unknown: denied", result.account.c_str()));
           return kStatusDenied;
         }
+        Result<bool> administrator = m_users.isAdministrator(**authenticated);
+        if (!administrator) return lookupFailed("the administrators", administrator.error());
         Credential credential;
-        credential.uid = authenticated->uid;
-        credential.administrator = m_users.isAdministrator(*authenticated);
+        credential.uid = (*authenticated)->uid;
+        credential.administrator = *administrator;
         credential.obtained = m_clock.now();
         if (!credentialQualifies(rule, credential, peer.uid)) {
           log(Level::Warning,
               format("Right '%s' denied to uid %u: '%s' authenticated but is not entitled by "
                      "rule '%s'",
-                     request.right.c_str(), peer.uid, authenticated->name.c_str(),
+                     request.right.c_str(), peer.uid, (*authenticated)->name.c_str(),
                      std::string(rule.name).c_str()));
           return kStatusDenied;
         }
@@ -303,11 +362,11 @@ std::int32_t AuthorityService::authenticate(int connection, const Peer& peer,
           return kStatusInvalidRef;
         }
         log(Level::Info, format("Right '%s' granted to uid %u after authentication as '%s'",
-                                request.right.c_str(), peer.uid, authenticated->name.c_str()));
+                                request.right.c_str(), peer.uid, (*authenticated)->name.c_str()));
         return kStatusSuccess;
       }
       case AuthenticationOutcome::Failed:
-        m_backOff.recordFailure(account);
+        m_backOff.recordFailure(key);
         log(Level::Warning, format("Authentication as '%s' for uid %u failed (attempt %d of %d)",
                                    account.c_str(), peer.uid, attempt, kMaximumPasswordAttempts));
         if (attempt < kMaximumPasswordAttempts &&
@@ -376,9 +435,13 @@ AuthorityService::Reply AuthorityService::validate(const Peer& peer, const Reque
     reply.status = kStatusDenied;
     return reply;
   }
-  const Rule* rule = ruleOf(request.right);
-  switch (m_tokens.evaluate(entry->id, request.right, rule, subjectOf(request.user, rule),
-                            Use::Validation)) {
+  std::optional<Evaluation> evaluation =
+      evaluate(entry->id, request.right, request.user, Use::Validation);
+  if (!evaluation) {
+    reply.status = kStatusInternal;
+    return reply;
+  }
+  switch (evaluation->verdict) {
     case Verdict::Granted:
       log(Level::Debug,
           format("Right '%s' validated for uid %u", request.right.c_str(), request.user));
@@ -429,6 +492,11 @@ AuthorityService::Reply AuthorityService::rightGet(const Peer& peer, const Reque
       break;
     case RightsStore::State::Missing:
       reply.status = kStatusDenied;
+      break;
+    case RightsStore::State::Unavailable:
+      log(Level::Error, format("Definition of right '%s' cannot be read now (%s)",
+                               request.right.c_str(), lookup.problem.c_str()));
+      reply.status = kStatusInternal;
       break;
   }
   return reply;

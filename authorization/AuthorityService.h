@@ -8,9 +8,15 @@
 // operations and their statuses are those of docs/authorization-protocol.md.
 //
 // Authentication (copy rights with interaction allowed) asks for the password of the requesting
-// user, or of the account the request names, at most three times; after repeated failures of an
-// account every attempt first waits (BackOff), and a client that hangs up meanwhile ends the
-// attempt at once. Wrong three times, or authenticated but not entitled by the rule: denied.
+// user, or of the account the request names, at most three times; after repeated failures every
+// attempt first waits its turn (BackOff: failures for accounts the system does not know count
+// against the requesting uid), and a client that hangs up meanwhile ends the attempt at once and
+// gives its turn back. Wrong three times, or authenticated but not entitled by the rule: denied.
+// An attempt whose turn would lie beyond the largest delay is refused with kStatusInternal.
+//
+// Running short of something is a failure of the service, never a verdict: when the rights store,
+// the name services or the identification of the peer fail for want of descriptors or memory or
+// with an input/output error, the request is answered kStatusInternal, never kStatusDenied.
 //
 // Every step has a deadline (ServiceTimeouts), so a client that stalls releases its thread. The
 // service logs decisions (right names, uids and account names, never passwords or tokens).
@@ -22,6 +28,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include "authorization/Authenticator.h"
@@ -45,6 +52,9 @@ struct Peer {
   pid_t pid = 0;
   UniqueFd process;  // pidfd of the peer process, when it could be had
   std::uint32_t session = kNoSession;
+  // False when a shortage of descriptors or memory kept the process or the session from being
+  // had (as opposed to a kernel or a process without them).
+  bool identified = true;
 };
 
 struct ServiceTimeouts {
@@ -78,9 +88,19 @@ class AuthorityService {
   Reply rightSet(const Peer& peer, const Request& request);
   Reply rightRemove(const Peer& peer, const Request& request);
 
-  // The rule a right is defined with (null: deny), logging unsafe and broken definitions.
-  const Rule* ruleOf(const std::string& right);
-  Subject subjectOf(uid_t uid, const Rule* rule) const;
+  struct Evaluation {
+    const Rule* rule = nullptr;
+    Verdict verdict = Verdict::Denied;
+  };
+
+  // The rule a right is defined with (null: deny), logging unsafe and broken definitions; nothing
+  // when the definition cannot be read now.
+  std::optional<const Rule*> ruleOf(const std::string& right);
+  Result<Subject> subjectOf(uid_t uid, const Rule* rule) const;
+  // The right's rule evaluated for uid with the authorization's credentials; nothing (logged) when
+  // the rule or the user's groups cannot be had now.
+  std::optional<Evaluation> evaluate(std::uint64_t id, const std::string& right, uid_t uid,
+                                     Use use);
   std::int32_t authenticate(int connection, const Peer& peer, const Request& request,
                             std::uint64_t id, const Rule& rule, bool& clientGone);
 

@@ -32,18 +32,26 @@ constexpr const char* kRight = "com.test.right";
 
 class FakeDirectory final : public UserDirectory {
  public:
-  std::optional<UserAccount> accountOf(uid_t uid) const override {
-    if (uid == kAlice) return UserAccount{"alice", kAlice, kAlice};
-    if (uid == kBob) return UserAccount{"bob", kBob, kBob};
-    return std::nullopt;
+  Result<std::optional<UserAccount>> accountOf(uid_t uid) const override {
+    if (failing) return Error::posix(EMFILE, "getpwuid_r");
+    if (uid == kAlice) return std::optional<UserAccount>(UserAccount{"alice", kAlice, kAlice});
+    if (uid == kBob) return std::optional<UserAccount>(UserAccount{"bob", kBob, kBob});
+    return std::optional<UserAccount>();
   }
-  std::optional<UserAccount> accountNamed(const std::string& name) const override {
-    return name == "alice" ? accountOf(kAlice) : name == "bob" ? accountOf(kBob) : std::nullopt;
+  Result<std::optional<UserAccount>> accountNamed(const std::string& name) const override {
+    if (name == "alice") return accountOf(kAlice);
+    if (name == "bob") return accountOf(kBob);
+    if (failing) return Error::posix(EMFILE, "getpwnam_r");
+    return std::optional<UserAccount>();
   }
-  bool isAdministrator(const UserAccount& account) const override {
+  Result<bool> isAdministrator(const UserAccount& account) const override {
+    if (failing) return Error::posix(EMFILE, "getgrnam_r");
     return account.name == "alice";
   }
   using UserDirectory::isAdministrator;
+
+  // The name services are out of descriptors.
+  bool failing = false;
 };
 
 // Asks once for a password; each account's password is its name followed by "-password".
@@ -321,6 +329,18 @@ TEST_F(AuthorityServiceTest, RepeatedFailuresDelayTheNextAttempt) {
   peer.uid = kAlice;
   m_service->serve(server.get(), peer);
   EXPECT_LT(std::chrono::steady_clock::now() - start, 250ms);
+}
+
+TEST_F(AuthorityServiceTest, NameServicesThatCannotAnswerFailTheRequestInsteadOfDenyingIt) {
+  const ExternalForm token = create(kAlice);
+  m_directory.failing = true;
+  Exchange exchange = copyRights(kAlice, token, typing({"alice-password"}));
+  EXPECT_EQ(exchange.status, kStatusInternal) << "her account name could not be had";
+  EXPECT_EQ(exchange.prompts, 0u);
+  ASSERT_TRUE(m_rights->set(kRight, {"is-admin", ""}));
+  EXPECT_EQ(copyRights(kAlice, token).status, kStatusInternal) << "her groups could not be had";
+  m_directory.failing = false;
+  EXPECT_EQ(copyRights(kAlice, token).status, kStatusSuccess);
 }
 
 // The server: connections, limits and lifetime, on a socket of the test.

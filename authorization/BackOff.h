@@ -1,21 +1,37 @@
 #pragma once
-// BackOff: the delay imposed on password attempts for an account after repeated failures.
+// BackOff: the delay imposed on password attempts after repeated failures.
 //
-// Failures are counted per account name (the account being authenticated, whoever asks). The
-// first `freeFailures` failures cost nothing beyond what PAM itself imposes; from then on every
-// new attempt waits first: `initialDelay` after the third failure, doubling with each further one,
-// at most `maximumDelay`. A success forgets the account's failures, and so does `forgetAfter`
-// without a failure. At most `capacity` accounts are remembered; when full, the account whose last
-// failure is oldest is forgotten first.
+// Counting. Failures are counted per account being authenticated, whoever asks. A failure for an
+// account the system does not know is counted against the uid that asks (the requester, from
+// SO_PEERCRED): made-up names cost their inventor and take no room. The first `freeFailures`
+// failures of a count cost nothing beyond what PAM imposes; from then on every attempt the count
+// concerns waits first: `initialDelay` after the third failure, doubling with each further one, at
+// most `maximumDelay`. A success forgets the account's count (never the requester's); so does
+// `forgetAfter` without a failure, for any count.
 //
-// Attempts made side by side (one user may hold several connections) do not share one wait: each
-// attempt reserves its turn, and the next one in the same back-off goes one delay later, so that
-// parallel connections gain no more guesses than one connection would.
+// Bounds. Nothing counted is forgotten early: the table is bounded by what may enter it instead.
+// One requester's failures open at most `accountsPerRequester` account counts; beyond, its
+// failures for accounts without a count of their own go to the requester's count. At most
+// `capacity` counts exist in all; beyond, a failure that finds no count of its own goes to one
+// shared overflow count, which every attempt without a count of its own then obeys. So no flood of
+// names, however large, frees a guesser from the wait.
 //
-// Time is the service's Clock. Thread-safe.
+// Turns. An attempt obeys the account's count and the requester's (the overflow count when it has
+// neither), and reserves a Turn in them: one delay after the last failure and one delay after the
+// turn before it, so parallel connections gain no more guesses than one connection would. Attempts
+// of the account's own user and attempts of others take turns in separate lines, so that nobody
+// else can make a user wait for her own account longer than one delay. A Turn ends with its
+// attempt, made or abandoned, and no longer holds anybody back. A turn further away than
+// `maximumDelay` is not given: such an attempt is refused at once, and no attempt ever waits
+// longer than `maximumDelay`.
+//
+// Time is the service's Clock. Thread-safe; a Turn must not outlive its BackOff.
+
+#include <sys/types.h>
 
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -29,35 +45,77 @@ struct BackOffLimits {
   Instant initialDelay = std::chrono::seconds(2);
   Instant maximumDelay = std::chrono::seconds(60);
   Instant forgetAfter = std::chrono::minutes(15);
-  std::size_t capacity = 1024;
+  std::size_t accountsPerRequester = 16;
+  std::size_t capacity = 4096;
+};
+
+// One attempt to authenticate, as the back-off sees it.
+struct AttemptKey {
+  std::string account;        // the account being authenticated
+  bool accountKnown = false;  // the system knows the account
+  bool ownAccount = false;    // the requester is the account's own user
+  uid_t requester = 0;        // who asks
 };
 
 class BackOff {
  public:
+  // A reserved turn: the wait before the attempt, or a refusal. Releases its place when destroyed.
+  class Turn {
+   public:
+    Turn(Turn&& other) noexcept;
+    Turn& operator=(Turn&&) = delete;
+    Turn(const Turn&) = delete;
+    Turn& operator=(const Turn&) = delete;
+    ~Turn();
+
+    bool refused() const { return m_refused; }
+    Instant wait() const { return m_wait; }
+
+   private:
+    friend class BackOff;
+    Turn(BackOff* owner, std::uint64_t ticket, Instant wait, bool refused)
+        : m_owner(owner), m_ticket(ticket), m_wait(wait), m_refused(refused) {}
+
+    BackOff* m_owner;
+    std::uint64_t m_ticket;
+    Instant m_wait;
+    bool m_refused;
+  };
+
   explicit BackOff(const Clock& clock, BackOffLimits limits = {});
 
-  // How long an attempt for the account must still wait (zero when it may go ahead now).
-  Instant delayBefore(const std::string& account) const;
-  // As delayBefore, for an attempt about to be made: while the account is in back-off the attempt
-  // takes its turn, and a concurrent attempt's turn comes one delay later.
-  Instant reserveAttempt(const std::string& account);
-  void recordFailure(const std::string& account);
-  void recordSuccess(const std::string& account);
+  Turn reserve(const AttemptKey& attempt);
+  void recordFailure(const AttemptKey& attempt);
+  void recordSuccess(const AttemptKey& attempt);
 
  private:
+  enum class Kind : std::uint8_t { Account, Requester, Overflow };
+  struct Slot {
+    std::uint64_t ticket = 0;
+    bool ownLine = false;
+    Instant start{};
+  };
   struct Entry {
-    std::string account;
+    Kind kind = Kind::Account;
+    std::string account;  // Account
+    uid_t uid = 0;        // Account: the requester who opened it; Requester: the requester
     unsigned failures = 0;
     Instant lastFailure{};
-    Instant reservedUntil{};  // the earliest time at which the next attempt may start
+    std::vector<Slot> turns;
   };
 
   Instant delayAfter(unsigned failures) const;
+  void forgetLocked(Instant now);
+  Entry* accountEntryLocked(const AttemptKey& attempt);
+  Entry* requesterEntryLocked(uid_t requester);
+  void release(std::uint64_t ticket);
 
   const Clock& m_clock;
   const BackOffLimits m_limits;
-  mutable std::mutex m_mutex;
+  std::mutex m_mutex;
   std::vector<Entry> m_entries;
+  Entry m_overflow;
+  std::uint64_t m_nextTicket = 1;
 };
 
 }  // namespace krv::auth

@@ -155,22 +155,36 @@ RightsStore::Lookup RightsStore::lookup(std::string_view name) const {
     return lookup;
   };
   if (!isValidRightName(name)) return problem(State::Missing, "invalid right name");
+  // A failure of the system is no verdict on the definition.
+  auto unavailable = [&problem](const char* what, const Error& error) {
+    return problem(State::Unavailable,
+                   std::string(what) + ": " + sys::errorText(static_cast<int>(error.code())));
+  };
   Result<UniqueFd> folder = openStoreFolder(m_directory, false);
   if (!folder) {
-    if (folder.error().code() == ENOENT) return problem(State::Missing, "no rights folder");
+    const int error = static_cast<int>(folder.error().code());
+    if (error == ENOENT) return problem(State::Missing, "no rights folder");
+    if (sys::isResourceExhaustion(error)) return unavailable("rights folder", folder.error());
     return problem(State::Unsafe, "rights folder: " + folder.error().description());
   }
   // O_NONBLOCK: a FIFO planted under the name must not hang the reader.
   Result<UniqueFd> file = sys::openAt(folder->get(), fileName(name).c_str(),
                                       O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY);
   if (!file) {
-    int error = static_cast<int>(file.error().code());
+    const int error = static_cast<int>(file.error().code());
     if (error == ENOENT) return problem(State::Missing, "not defined");
     if (error == ELOOP) return problem(State::Unsafe, "definition is a symbolic link");
+    if (sys::isResourceExhaustion(error))
+      return unavailable("cannot open definition", file.error());
     return problem(State::Unsafe, "cannot open definition: " + sys::errorText(error));
   }
   Result<struct stat> status = sys::fstat(file->get());
-  if (!status) return problem(State::Unsafe, "cannot examine definition");
+  if (!status) {
+    if (sys::isResourceExhaustion(static_cast<int>(status.error().code()))) {
+      return unavailable("cannot examine definition", status.error());
+    }
+    return problem(State::Unsafe, "cannot examine definition");
+  }
   if (!S_ISREG(status->st_mode)) return problem(State::Unsafe, "definition is not a regular file");
   if (status->st_uid != 0) return problem(State::Unsafe, "definition is not owned by root");
   if ((status->st_mode & (S_IWGRP | S_IWOTH)) != 0) {
@@ -184,7 +198,12 @@ RightsStore::Lookup RightsStore::lookup(std::string_view name) const {
   std::uint8_t buffer[4096];
   for (;;) {
     Result<std::size_t> count = sys::read(file->get(), buffer);
-    if (!count) return problem(State::Broken, "cannot read definition");
+    if (!count) {
+      if (sys::isResourceExhaustion(static_cast<int>(count.error().code()))) {
+        return unavailable("cannot read definition", count.error());
+      }
+      return problem(State::Broken, "cannot read definition");
+    }
     if (*count == 0) break;
     // The size may have grown since fstat; the bound holds whatever the file does.
     if (bytes.size() + *count > kMaximumDefinitionFileSize) {

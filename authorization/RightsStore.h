@@ -15,6 +15,9 @@
 //   not writable by group or others and at most kMaximumDefinitionFileSize bytes. Anything else is
 //   Unsafe; a safe file that does not parse is Broken. Both count as existing (so a set-up that
 //   only adds missing rights never overwrites an administrator's edit) and both evaluate to deny.
+// - a lookup the system could not carry out for want of resources or because of an input/output
+//   error (sys::isResourceExhaustion: out of descriptors or memory, EIO) is Unavailable: it says
+//   nothing about the definition, and callers report a failure of their own, never a denial.
 // - set() writes a temporary file in the same folder, syncs it and renames it over the old one,
 //   then syncs the folder: readers see the old or the new definition, never a mixture.
 //
@@ -55,11 +58,11 @@ Result<RightDefinition> definitionFromValue(const Value& value);
 
 class RightsStore {
  public:
-  enum class State { Defined, Missing, Unsafe, Broken };
+  enum class State { Defined, Missing, Unsafe, Broken, Unavailable };
   struct Lookup {
     State state = State::Missing;
     RightDefinition definition;  // when Defined
-    std::string problem;         // when Unsafe or Broken: why, for the log
+    std::string problem;         // when Unsafe, Broken or Unavailable: why, for the log
   };
 
   explicit RightsStore(std::string directory = std::string(kRightsDirectory));

@@ -3,6 +3,7 @@
 #include <poll.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <utility>
 
 #include "authorization/Secret.h"
@@ -32,8 +33,14 @@ void eraseOldest(std::vector<T>& items, Key obtainedOf) {
 
 bool processHasExited(int pidfd) {
   pollfd entry{pidfd, POLLIN, 0};
-  int ready = ::poll(&entry, 1, 0);
-  return ready != 0;  // readable, or an error: either way the creator cannot be followed
+  for (;;) {
+    int ready = ::poll(&entry, 1, 0);
+    // Readable, or the descriptor is unusable (POLLNVAL): either way the creator is gone for us.
+    if (ready >= 0) return ready > 0;
+    // Out of memory for the poll itself says nothing about the process: the idle limit still ends
+    // the token, a shortage must not.
+    if (errno != EINTR) return false;
+  }
 }
 
 TokenStore::TokenStore(const Clock& clock, TokenLimits limits) : m_clock(clock), m_limits(limits) {}

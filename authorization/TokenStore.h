@@ -145,7 +145,8 @@ class TokenStore {
   std::uint64_t m_nextId = 1;
 };
 
-// True when the process behind a pidfd has exited (or the descriptor is unusable).
+// True when the process behind a pidfd has exited (or the descriptor is unusable); false when the
+// system cannot tell for now.
 bool processHasExited(int pidfd);
 
 }  // namespace krv::auth

@@ -6,14 +6,21 @@
 // group and every group listing the user. SystemUserDirectory asks the system's name services
 // (NSS) on every call; nothing is cached, so a change of group membership counts at once.
 //
+// Every answer tells "no such user" (nothing) from "the name services could not answer" (an
+// error: out of descriptors or memory, an input/output error, an entry larger than 1 MiB): a user
+// is never taken for absent, or for no administrator, because the service ran short of something.
+// One limit remains: getgrouplist() reports no failure of its own, so a failure while it lists the
+// groups reads as fewer groups (the administrators group itself is looked up with errors told).
+//
 // The interface exists so that the rules can be tested with an invented directory. The system
-// directory is thread-safe (it uses the reentrant lookups only); answers are best effort: a user
-// or group the name services cannot resolve is simply absent.
+// directory is thread-safe (it uses the reentrant lookups only).
 
 #include <sys/types.h>
 
 #include <optional>
 #include <string>
+
+#include "foundation/Result.h"
 
 namespace krv::auth {
 
@@ -28,25 +35,26 @@ struct UserAccount {
 class UserDirectory {
  public:
   virtual ~UserDirectory() = default;
-  virtual std::optional<UserAccount> accountOf(uid_t uid) const = 0;
-  virtual std::optional<UserAccount> accountNamed(const std::string& name) const = 0;
-  virtual bool isAdministrator(const UserAccount& account) const = 0;
+  virtual Result<std::optional<UserAccount>> accountOf(uid_t uid) const = 0;
+  virtual Result<std::optional<UserAccount>> accountNamed(const std::string& name) const = 0;
+  virtual Result<bool> isAdministrator(const UserAccount& account) const = 0;
 
-  bool isAdministrator(uid_t uid) const {
-    std::optional<UserAccount> account = accountOf(uid);
-    return account && isAdministrator(*account);
+  Result<bool> isAdministrator(uid_t uid) const {
+    KRV_TRY(std::optional<UserAccount> account, accountOf(uid));
+    if (!account) return false;
+    return isAdministrator(*account);
   }
 };
 
 class SystemUserDirectory final : public UserDirectory {
  public:
-  std::optional<UserAccount> accountOf(uid_t uid) const override;
-  std::optional<UserAccount> accountNamed(const std::string& name) const override;
-  bool isAdministrator(const UserAccount& account) const override;
+  Result<std::optional<UserAccount>> accountOf(uid_t uid) const override;
+  Result<std::optional<UserAccount>> accountNamed(const std::string& name) const override;
+  Result<bool> isAdministrator(const UserAccount& account) const override;
   using UserDirectory::isAdministrator;
 
   // The gid of the administrators group, if one of the candidates exists.
-  static std::optional<gid_t> administratorsGroup();
+  static Result<std::optional<gid_t>> administratorsGroup();
 };
 
 }  // namespace krv::auth

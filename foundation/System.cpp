@@ -2,10 +2,12 @@
 
 #include <fcntl.h>
 #include <sys/random.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <utility>
@@ -219,6 +221,34 @@ std::string errorText(int errnoValue) {
   // The GNU strerror_r returns the text, which may or may not be in the buffer.
   const char* text = ::strerror_r(errnoValue, buffer, sizeof buffer);
   return text;
+}
+
+bool isResourceExhaustion(int errnoValue) {
+  switch (errnoValue) {
+    case EMFILE:
+    case ENFILE:
+    case ENOMEM:
+    case ENOBUFS:
+    case EAGAIN:
+    case EINTR:
+    case EIO:
+    case ENOSPC:
+    case EDQUOT:
+      return true;
+    default:
+      return false;
+  }
+}
+
+Result<std::uint64_t> raiseDescriptorLimit(std::uint64_t wanted) {
+  rlimit limit{};
+  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return Error::fromErrno("getrlimit");
+  const rlim_t target = std::min<rlim_t>(static_cast<rlim_t>(wanted), limit.rlim_max);
+  if (limit.rlim_cur < target) {
+    limit.rlim_cur = target;
+    if (::setrlimit(RLIMIT_NOFILE, &limit) != 0) return Error::fromErrno("setrlimit");
+  }
+  return static_cast<std::uint64_t>(limit.rlim_cur);
 }
 
 }  // namespace krv::sys

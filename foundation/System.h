@@ -91,4 +91,13 @@ Result<UniqueFd> pidfdOpen(pid_t pid);
 // The text of an errno value (strerror_r, thread-safe).
 std::string errorText(int errnoValue);
 
+// True for the errors that say the system is short of something for now (descriptors, memory,
+// buffers, space) or could not do the input or output, as opposed to an answer about the object
+// itself: EMFILE, ENFILE, ENOMEM, ENOBUFS, EAGAIN, EINTR, EIO, ENOSPC, EDQUOT.
+bool isResourceExhaustion(int errnoValue);
+
+// Raises the soft limit of open descriptors to `wanted`, or to the hard limit when that is lower;
+// never lowers it. Returns the soft limit in effect afterwards.
+Result<std::uint64_t> raiseDescriptorLimit(std::uint64_t wanted);
+
 }  // namespace krv::sys

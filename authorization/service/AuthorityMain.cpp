@@ -19,6 +19,8 @@
 #include "authorization/RightsStore.h"
 #include "authorization/TokenStore.h"
 #include "authorization/UserDirectory.h"
+#include "foundation/Format.h"
+#include "foundation/System.h"
 #include "foundation/SystemLog.h"
 #include "platform/SocketActivation.h"
 
@@ -75,14 +77,31 @@ int main(int argc, char** argv) {
     return kSetUpFailure;
   }
 
+  // Enough descriptors for the most tokens and connections; fewer tokens under a lower hard limit.
+  krv::auth::TokenLimits tokenLimits;
+  krv::auth::ServerLimits serverLimits;
+  const krv::Result<std::uint64_t> descriptors =
+      krv::sys::raiseDescriptorLimit(krv::auth::kDescriptorLimit);
+  const std::size_t fit =
+      descriptors ? krv::auth::tokensWithin(*descriptors, serverLimits) : tokenLimits.total;
+  if (!descriptors) {
+    log.log(krv::SystemLog::Level::Warning, krv::format("Could not raise the descriptor limit: %s",
+                                                        descriptors.error().description().c_str()));
+  } else if (fit < tokenLimits.total) {
+    log.log(krv::SystemLog::Level::Warning,
+            krv::format("The descriptor limit of %llu leaves room for %zu authorizations only",
+                        static_cast<unsigned long long>(*descriptors), fit));
+    tokenLimits.total = fit;
+  }
+
   krv::auth::BootClock clock;
-  krv::auth::TokenStore tokens(clock);
+  krv::auth::TokenStore tokens(clock, tokenLimits);
   krv::auth::RightsStore rights;
   krv::auth::PamAuthenticator authenticator;
   krv::auth::SystemUserDirectory users;
   krv::auth::BackOff backOff(clock);
   krv::auth::AuthorityService service(clock, tokens, rights, authenticator, users, backOff, log);
-  krv::auth::AuthorityServer server(service, tokens, log);
+  krv::auth::AuthorityServer server(service, tokens, log, serverLimits);
   log.log(krv::SystemLog::Level::Debug, "Checked in; serving");
   return server.run(checkIn.socket.get());
 }

@@ -12,7 +12,6 @@
 #include "authorization/AuthorityProtocol.h"
 #include "authorization/MessageChannel.h"
 #include "authorization/PromptHandler.h"
-#include "foundation/Sha256.h"
 #include "foundation/System.h"
 #include "tests/authority/AuthorityFixture.h"
 
@@ -21,9 +20,6 @@ namespace {
 
 using namespace std::chrono_literals;
 using auth::Authorization;
-
-constexpr std::uint32_t kClientFlags =
-    auth::kFlagInteractionAllowed | auth::kFlagExtendRights | auth::kFlagPreAuthorize;
 
 // One request without the client library; the first message of the reply (a prompt or a status).
 struct RawReply {
@@ -56,35 +52,6 @@ std::int32_t rawStatus(const auth::Request& request) {
   RawReply reply = rawRequest(request);
   if (!reply.message || reply.message->prompt) return 1;
   return reply.message->status;
-}
-
-// Creates an authorization and obtains the right with the given answers (nothing = cancel); sends
-// the parent the status, the number of prompts and the token. The token lives as long as the
-// returned authorization.
-std::unique_ptr<Authorization> obtainRight(LineChannel& parent, const std::string& right,
-                                           std::vector<std::optional<std::string>> answers) {
-  int asked = 0;
-  answerPrompts(std::move(answers), &asked);
-  std::unique_ptr<Authorization> authorization;
-  if (Authorization::create(authorization) != auth::kStatusSuccess) {
-    (void)parent.send("create failed");
-    return authorization;
-  }
-  (void)parent.send(line(authorization->copyRights(right, kClientFlags)));
-  (void)parent.send(std::to_string(asked));
-  auth::ExternalForm token{};
-  (void)authorization->makeExternalForm(token);
-  (void)parent.send(Sha256::hex(token));
-  return authorization;
-}
-
-// The daemon's part: validates a token for the user its client claims to be.
-std::int32_t validate(const auth::ExternalForm& token, uid_t claimed,
-                      const std::string& right = kDefaultRight) {
-  std::unique_ptr<Authorization> authorization;
-  EXPECT_EQ(Authorization::createFromExternalForm(token, claimed, authorization),
-            auth::kStatusSuccess);
-  return authorization->copyRights(right, auth::kFlagExtendRights);
 }
 
 class AuthorityEndToEndTest : public AuthorityFixture {};

@@ -1,12 +1,19 @@
 #include "tests/authority/AuthorityFixture.h"
 
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
+#include <thread>
 
+#include "authorization/MessageChannel.h"
 #include "authorization/PromptHandler.h"
+#include "foundation/Sha256.h"
 #include "foundation/System.h"
 #include "tests/support/Sandbox.h"
 
@@ -98,7 +105,15 @@ void AuthorityFixture::SetUp() {
       std::string("ASAN_OPTIONS=") +
       (sanitizerOptions != nullptr ? std::string(sanitizerOptions) + ":" : std::string()) +
       "quarantine_size_mb=0:thread_local_quarantine_size_kb=0");
+  // The service inherits the limit at the fork; the test's own is restored at once.
+  rlimit saved{};
+  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &saved), 0);
+  if (m_launchDescriptorLimit) {
+    const rlimit lowered{*m_launchDescriptorLimit, saved.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &lowered), 0);
+  }
   Result<ServiceProcess> started = ServiceProcess::start(launch);
+  ::setrlimit(RLIMIT_NOFILE, &saved);
   ASSERT_TRUE(started.ok()) << started.error().description();
   m_service.emplace(std::move(started).value());
   defineRight(kDefaultRight, "default");
@@ -115,6 +130,15 @@ void AuthorityFixture::TearDown() {
 
 void AuthorityFixture::defineRight(const std::string& right, const std::string& rule) {
   ASSERT_EQ(auth::rightSet(right, Value(rule)), auth::kStatusSuccess) << right;
+}
+
+bool AuthorityFixture::waitForLog(std::string_view text, std::chrono::milliseconds timeout) {
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  while (serviceLog().find(text) == std::string::npos) {
+    if (std::chrono::steady_clock::now() >= deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  return true;
 }
 
 std::string AuthorityFixture::rightFile(const std::string& right) const {
@@ -167,6 +191,75 @@ int execute(const std::vector<std::string>& command) {
   argv.push_back(nullptr);
   ::execv(argv[0], argv.data());
   return 127;
+}
+
+bool RawConnection::open(const auth::Request& request) {
+  m_socket.reset(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  const std::string path = auth::serviceSocketPath();
+  std::memcpy(address.sun_path, path.data(), std::min(path.size(), sizeof address.sun_path - 1));
+  return m_socket.valid() &&
+         ::connect(m_socket.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
+         auth::sendMessage(m_socket.get(), auth::encodeRequest(request),
+                           auth::deadlineAfter(std::chrono::seconds(5)));
+}
+
+std::optional<auth::ServiceMessage> RawConnection::next(std::chrono::milliseconds timeout) {
+  Result<Data> payload = auth::receiveMessage(m_socket.get(), auth::kMaximumReplyPayload,
+                                              auth::deadlineAfter(timeout));
+  if (!payload) return std::nullopt;
+  Result<auth::ServiceMessage> message = auth::decodeServiceMessage(*payload);
+  if (!message) return std::nullopt;
+  return std::move(message).value();
+}
+
+bool RawConnection::answer(auth::AnswerKind kind, std::string_view response) {
+  return auth::sendMessage(m_socket.get(), auth::encodeAnswer(kind, response),
+                           auth::deadlineAfter(std::chrono::seconds(5)))
+      .ok();
+}
+
+bool RawConnection::hangUpAndWaitForClose(std::chrono::milliseconds timeout) {
+  ::shutdown(m_socket.get(), SHUT_WR);
+  const bool silent = !next(timeout).has_value();
+  std::uint8_t byte = 0;
+  return silent && ::recv(m_socket.get(), &byte, 1, MSG_DONTWAIT) == 0;
+}
+
+auth::Request copyRightsRequest(auth::Authorization& authorization, const std::string& right,
+                                const std::string& account) {
+  auth::Request request;
+  request.operation = auth::Operation::CopyRights;
+  (void)authorization.makeExternalForm(request.token);
+  request.right = right;
+  request.flags = kClientFlags;
+  request.account = account;
+  return request;
+}
+
+std::unique_ptr<auth::Authorization> obtainRight(LineChannel& parent, const std::string& right,
+                                                 std::vector<std::optional<std::string>> answers) {
+  int asked = 0;
+  answerPrompts(std::move(answers), &asked);
+  std::unique_ptr<auth::Authorization> authorization;
+  if (auth::Authorization::create(authorization) != auth::kStatusSuccess) {
+    (void)parent.send("create failed");
+    return authorization;
+  }
+  (void)parent.send(line(authorization->copyRights(right, kClientFlags)));
+  (void)parent.send(std::to_string(asked));
+  auth::ExternalForm token{};
+  (void)authorization->makeExternalForm(token);
+  (void)parent.send(Sha256::hex(token));
+  return authorization;
+}
+
+std::int32_t validate(const auth::ExternalForm& token, uid_t claimed, const std::string& right) {
+  std::unique_ptr<auth::Authorization> authorization;
+  EXPECT_EQ(auth::Authorization::createFromExternalForm(token, claimed, authorization),
+            auth::kStatusSuccess);
+  return authorization->copyRights(right, auth::kFlagExtendRights);
 }
 
 auth::ExternalForm tokenFromHex(const std::string& text) {

@@ -13,15 +13,20 @@
 //   erin   1005  ordinary user                  unknown to PAM
 //   uid 1009 has no account at all.
 
+#include <sys/resource.h>
 #include <sys/types.h>
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
+#include "authorization/AuthorityProtocol.h"
 #include "authorization/Authorization.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/ServiceProcess.h"
@@ -37,6 +42,10 @@ inline constexpr uid_t kNobodyKnown = 1009;
 
 inline constexpr const char* kDefaultRight = "com.test.default";
 
+// The flags of an interactive client: ask the user if needed, obtain the right, pre-authorize.
+inline constexpr std::uint32_t kClientFlags =
+    auth::kFlagInteractionAllowed | auth::kFlagExtendRights | auth::kFlagPreAuthorize;
+
 class AuthorityFixture : public ::testing::Test {
  protected:
   void SetUp() override;
@@ -51,10 +60,46 @@ class AuthorityFixture : public ::testing::Test {
 
   ServiceProcess& service() { return *m_service; }
   std::string serviceLog() const { return m_service ? m_service->standardError() : ""; }
+  // Waits until the service's log holds the text.
+  bool waitForLog(std::string_view text, std::chrono::milliseconds timeout);
+
+  // The soft descriptor limit the service is started with (by default the test's own).
+  std::optional<rlim_t> m_launchDescriptorLimit;
 
  private:
   std::optional<ServiceProcess> m_service;
 };
+
+// One connection driven by hand, as a hostile client would.
+class RawConnection {
+ public:
+  // Connects to the service and sends the request; false when either fails.
+  bool open(const auth::Request& request);
+  // The next message of the service; nothing once the connection ended or after the timeout.
+  std::optional<auth::ServiceMessage> next(
+      std::chrono::milliseconds timeout = std::chrono::seconds(30));
+  bool answer(auth::AnswerKind kind, std::string_view response = {});
+  // Stops sending and waits until the service closes the connection; true when it closed it
+  // without a word.
+  bool hangUpAndWaitForClose(std::chrono::milliseconds timeout = std::chrono::seconds(30));
+
+ private:
+  UniqueFd m_socket;
+};
+
+// A copy-rights request of an interactive client for the right, with the authorization's token.
+auth::Request copyRightsRequest(auth::Authorization& authorization, const std::string& right,
+                                const std::string& account = {});
+
+// Creates an authorization and obtains the right with the given answers (nothing = cancel); sends
+// the parent the status, the number of prompts and the token. The token lives as long as the
+// returned authorization.
+std::unique_ptr<auth::Authorization> obtainRight(LineChannel& parent, const std::string& right,
+                                                 std::vector<std::optional<std::string>> answers);
+
+// The daemon's part: validates a token for the user its client claims to be.
+std::int32_t validate(const auth::ExternalForm& token, uid_t claimed,
+                      const std::string& right = kDefaultRight);
 
 // Installs a prompt handler that answers the prompts with these responses in order (nothing =
 // cancel) and counts the questions in *asked; once the script is used up it cancels.
