@@ -21,8 +21,18 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr uid_t kUser = 1000;
-// Root's own folder, out of the user's reach, with things named as in the user's tree.
-constexpr const char* kVault = "/run/vault";
+
+// One attack: what the user makes in /tmp/att (dated long ago), the path the age search lists and
+// the administrator then deletes with `code`, and what the user swaps for a link to /run/vault,
+// root's own folder, which holds objects of the same names.
+struct Attack {
+  const char* made;
+  const char* listed;
+  std::uint32_t code;
+  Array arguments;
+  const char* swapped;
+  const char* survivor;
+};
 
 class LinkSwapTest : public DaemonTest {
  protected:
@@ -31,17 +41,14 @@ class LinkSwapTest : public DaemonTest {
     if (IsSkipped() || HasFatalFailure()) return;
     ASSERT_EQ(::mkdir("/tmp/att", 0755), 0) << errno;
     ASSERT_EQ(::chown("/tmp/att", kUser, kUser), 0) << errno;
-    ASSERT_EQ(::mkdir(kVault, 0700), 0) << errno;
-    for (const char* folder : {"/run/vault/dir", "/run/vault/box"}) {
-      ASSERT_EQ(::mkdir(folder, 0700), 0) << errno;
-    }
-    for (const char* file : {"/run/vault/secret", "/run/vault/dir/file", "/run/vault/box/file"}) {
-      UniqueFd fd(::open(file, O_CREAT | O_WRONLY | O_CLOEXEC, 0600));
-      ASSERT_TRUE(fd.valid()) << file;
-    }
+    ProgramRun vault =
+        runProgram("/bin/sh", {"-c",
+                               "mkdir -m 700 /run/vault /run/vault/dir /run/vault/box && "
+                               "touch /run/vault/secret /run/vault/dir/file /run/vault/box/file"});
+    ASSERT_EQ(vault.exitCode, 0) << vault.standardError;
   }
   void TearDown() override {
-    (void)runProgram("/bin/rm", {"-rf", "/tmp/att", "/tmp/system-link", kVault});
+    (void)runProgram("/bin/rm", {"-rf", "/tmp/att", "/tmp/system-link", "/run/vault"});
     DaemonTest::TearDown();
   }
 
@@ -51,10 +58,11 @@ class LinkSwapTest : public DaemonTest {
     ASSERT_EQ(run.exitCode, 0) << script << ": " << run.standardError;
   }
 
-  // What the administrator's cleaner sees: the paths the age search lists below the folder.
-  std::vector<std::string> agedPaths(const char* folder) {
+  // What the administrator's cleaner sees: the paths the age search lists below /tmp/att.
+  std::vector<std::string> agedPaths() {
     std::vector<Error> reports;
-    Error result = runCommand(14, {Value(folder), Value::integer(30), Value::integer(0)}, &reports);
+    Error result =
+        runCommand(14, {Value("/tmp/att"), Value::integer(30), Value::integer(0)}, &reports);
     EXPECT_TRUE(result.is(kCommandErrorDomain, 0)) << result.description();
     std::vector<std::string> paths;
     for (const Error& report : reports) {
@@ -67,73 +75,66 @@ class LinkSwapTest : public DaemonTest {
     return paths;
   }
 
-  static bool listed(const std::vector<std::string>& paths, const std::string& path) {
-    return std::find(paths.begin(), paths.end(), path) != paths.end();
-  }
-  static bool exists(const char* path) {
-    struct stat status {};
-    return ::lstat(path, &status) == 0;
-  }
+  // The attack fails: POSIX 13 naming the listed path, root's object is still there, and the log
+  // names the link and both owners.
+  void expectRefused(const Attack& attack) {
+    asUser(std::string("cd /tmp/att && mkdir -p ") + attack.made + " && touch -d 2000-01-01 " +
+           attack.listed);
+    std::vector<std::string> listed = agedPaths();
+    ASSERT_NE(std::find(listed.begin(), listed.end(), attack.listed), listed.end());
+    asUser(std::string("cd /tmp/att && mv ") + attack.swapped + " was && ln -s /run/vault " +
+           attack.swapped);
 
-  // The refusal the daemon answers with, and the log line that names the link and both owners.
-  void expectRefusal(const Error& result, const std::string& path, const std::string& link) {
+    Error result = runCommand(attack.code, attack.arguments);
     EXPECT_TRUE(result.is(kPosixErrorDomain, EACCES)) << result.description();
     const Value* failing = result.userInfo().find("FailingPath");
-    ASSERT_NE(failing, nullptr) << result.description();
-    ASSERT_NE(failing->asString(), nullptr);
-    EXPECT_EQ(*failing->asString(), path);
-    EXPECT_TRUE(waitForLog("Refused to follow the symbolic link \"" + link +
-                               "\" of user 1000 to \"" + kVault + "\" of user 0",
+    ASSERT_TRUE(failing != nullptr && failing->asString() != nullptr) << result.description();
+    EXPECT_EQ(*failing->asString(), attack.listed);
+    struct stat status {};
+    EXPECT_EQ(::lstat(attack.survivor, &status), 0) << attack.survivor;
+    EXPECT_TRUE(waitForLog(std::string("Refused to follow the symbolic link \"/tmp/att/") +
+                               attack.swapped + "\" of user 1000 to \"/run/vault\" of user 0",
                            5s))
         << daemonLog();
+    // The daemon stays up and serves the next request.
+    EXPECT_TRUE(runCommand(1, {}).is(kCommandErrorDomain, 0));
   }
 };
 
 TEST_F(LinkSwapTest, DeletingAListedFileRefusesAFolderSwappedForALink) {
-  asUser(
-      "mkdir /tmp/att/sub && echo mine > /tmp/att/sub/secret &&"
-      " touch -d 2000-01-01 /tmp/att/sub/secret");
-  ASSERT_TRUE(listed(agedPaths("/tmp/att"), "/tmp/att/sub/secret"));
-  asUser("mv /tmp/att/sub /tmp/att/was && ln -s /run/vault /tmp/att/sub");
-
-  expectRefusal(runCommand(7, {Value("1"), Value("/tmp/att/sub/secret")}), "/tmp/att/sub/secret",
-                "/tmp/att/sub");
-  EXPECT_TRUE(exists("/run/vault/secret"));
-  // The daemon stays up and serves the next request.
-  EXPECT_TRUE(runCommand(1, {}).is(kCommandErrorDomain, 0));
+  expectRefused({"sub/secret",
+                 "/tmp/att/sub/secret",
+                 7,
+                 {Value("1"), Value("/tmp/att/sub/secret")},
+                 "sub",
+                 "/run/vault/secret"});
 }
 
 TEST_F(LinkSwapTest, EmptyingAListedFolderRefusesTheFolderSwappedForALink) {
-  asUser("mkdir /tmp/att/box && touch -d 2000-01-01 /tmp/att/box/file /tmp/att/box");
-  ASSERT_TRUE(listed(agedPaths("/tmp/att"), "/tmp/att/box"));
-  asUser("mv /tmp/att/box /tmp/att/was && ln -s /run/vault /tmp/att/box");
-
-  expectRefusal(runCommand(49, {Value("/tmp/att/box")}), "/tmp/att/box", "/tmp/att/box");
-  EXPECT_TRUE(exists("/run/vault/secret") && exists("/run/vault/box/file"));
+  expectRefused(
+      {"box/file", "/tmp/att/box", 49, {Value("/tmp/att/box")}, "box", "/run/vault/box/file"});
 }
 
 TEST_F(LinkSwapTest, DeletingAListedTreeRefusesALinkInTheMiddleOfItsPath) {
-  asUser("mkdir -p /tmp/att/sub/dir && touch -d 2000-01-01 /tmp/att/sub/dir/file /tmp/att/sub/dir");
-  ASSERT_TRUE(listed(agedPaths("/tmp/att"), "/tmp/att/sub/dir"));
-  asUser("mv /tmp/att/sub /tmp/att/was && ln -s /run/vault /tmp/att/sub");
-
-  expectRefusal(runCommand(8, {Value("/tmp/att/sub/dir")}), "/tmp/att/sub/dir", "/tmp/att/sub");
-  EXPECT_TRUE(exists("/run/vault/dir/file"));
+  expectRefused({"sub/dir/file",
+                 "/tmp/att/sub/dir",
+                 8,
+                 {Value("/tmp/att/sub/dir")},
+                 "sub",
+                 "/run/vault/dir/file"});
 }
 
 // Root's own links (as the system has them) and a user's links inside her own files lead on.
 TEST_F(LinkSwapTest, RootsLinksAndLinksWithinAUsersOwnFilesStillLead) {
-  ASSERT_EQ(::symlink(kVault, "/tmp/system-link"), 0);
+  ASSERT_EQ(::symlink("/run/vault", "/tmp/system-link"), 0);
   Error deleted = runCommand(7, {Value("1"), Value("/tmp/system-link/secret")});
   EXPECT_TRUE(deleted.is(kCommandErrorDomain, 0)) << deleted.description();
-  EXPECT_FALSE(exists("/run/vault/secret"));
+  EXPECT_NE(::access("/run/vault/secret", F_OK), 0);
 
-  asUser(
-      "mkdir -p /tmp/att/real/tree && touch /tmp/att/real/tree/file && "
-      "ln -s real /tmp/att/mine");
+  asUser("mkdir -p /tmp/att/real/tree/deeper && ln -s real /tmp/att/mine");
   deleted = runCommand(8, {Value("/tmp/att/mine/tree")});
   EXPECT_TRUE(deleted.is(kCommandErrorDomain, 0)) << deleted.description();
-  EXPECT_FALSE(exists("/tmp/att/real/tree"));
+  EXPECT_NE(::access("/tmp/att/real/tree", F_OK), 0);
   EXPECT_EQ(daemonLog().find("Refused"), std::string::npos) << daemonLog();
 }
 
