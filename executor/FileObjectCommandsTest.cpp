@@ -147,6 +147,11 @@ TEST_F(ObjectCommandTest, CreatesRootOwnedObjectsOfTheThreeTypesOnly) {
   expectResult(run(5, {text(path("dangling")), text("F")}), kPosixErrorDomain, EEXIST,
                path("dangling"));
   expectResult(run(5, {text(path("no/file")), text("F")}), kCommandErrorDomain, 8, path("no/file"));
+  // A trailing slash names a folder: one can be made there, a file cannot.
+  expectResult(run(5, {text(path("slashed/")), text("F")}), kCommandErrorDomain, 8,
+               path("slashed/"));
+  expectSuccess(5, {text(path("slashed/")), text("D")});
+  EXPECT_TRUE(S_ISDIR(statusOf(path("slashed")).st_mode));
   expectResult(run(5, {text(path("no/folder")), text("D")}), kPosixErrorDomain, ENOENT,
                path("no/folder"));
 }

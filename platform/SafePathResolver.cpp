@@ -93,6 +93,7 @@ class Resolution {
   std::string m_path;  // the resolved path of m_current ("" for the working folder)
   std::deque<Step> m_pending;
   std::size_t m_pendingNames = 0;
+  bool m_folderNamed = false;  // the client's path ends in "/"
   int m_linksFollowed = 0;
 };
 
@@ -108,6 +109,7 @@ Status Resolution::start(const std::string& path) {
     m_path.clear();
   }
   pushFront(path);
+  m_folderNamed = path.back() == '/' && m_pendingNames > 0;
   return {};
 }
 
@@ -231,8 +233,9 @@ Result<PathHandle> Resolution::toObject(LinkHandling finalLink) {
       continue;
     }
     const bool last = --m_pendingNames == 0;
-    KRV_TRY_VOID(enter(step.text, !last || finalLink == LinkHandling::Follow));
+    KRV_TRY_VOID(enter(step.text, !last || finalLink == LinkHandling::Follow || m_folderNamed));
   }
+  if (m_folderNamed && !m_current->isDirectory()) return Error::posix(ENOTDIR, "openat");
   return std::move(*m_current);
 }
 
@@ -272,10 +275,17 @@ Result<PinnedEntry> Resolution::toEntry(LinkHandling finalLink) {
     } else if (opened.error().code() != ENOENT) {
       return std::move(opened).error();
     }
-    if (object && object->isSymbolicLink() && finalLink == LinkHandling::Follow) {
+    if (object && object->isSymbolicLink() &&
+        (finalLink == LinkHandling::Follow || m_folderNamed)) {
       KRV_TRY_VOID(followLink(*object, name));
       continue;
     }
+    if (m_folderNamed && object && !object->isDirectory()) {
+      return Error::posix(ENOTDIR, "openat");
+    }
+    // A folder to be made keeps its slash, so that each creating call answers as it does for
+    // "x/" (a folder can be made there, a file or a link cannot); none of them follows a link.
+    if (m_folderNamed && !object && m_pending.empty()) name += '/';
     PinnedEntry entry{std::move(*m_current), std::move(name), std::move(object), {}};
     m_current.reset();
     entry.path = pathOf(entry.name);

@@ -23,7 +23,8 @@
 // - "" and "." change nothing. ".." goes to the parent of the folder reached so far (after a link
 //   before it was followed, to the parent of where the link led, as the kernel does); at the top
 //   it stays there. It names a real folder, never a link, so the rule does not apply to it.
-// - A trailing slash changes nothing: "a/b/" names what "a/b" names.
+// - A trailing slash names a folder, as for the kernel: a final link is followed (by the rule)
+//   whatever the caller asked, and anything there that is not a folder is ENOTDIR.
 // - At most kMaximumLinks links are followed in one resolution, nested ones included; one more is
 //   ELOOP, which also ends any loop of links.
 // - A path of PATH_MAX bytes or more is ENAMETOOLONG before anything is looked at, as the kernel
@@ -55,7 +56,7 @@ namespace krv {
 struct PinnedEntry {
   PathHandle folder;                 // the folder holding the entry, pinned with O_PATH
   std::string name;                  // the entry's name: one component ("." or ".." when the
-                                     // path ends so, "." for "/")
+                                     // path ends so, "." for "/"; "x/" for a folder to be made)
   std::optional<PathHandle> object;  // what the name held when resolved; empty when nothing did
   std::string path;                  // the entry's path with every followed link resolved, for
                                      // messages (relative when the client's path was)

@@ -111,7 +111,11 @@ TEST_F(SafePathResolverTest, FollowsRootsLinksAndUsersLinksToTheirOwnObjectsOnly
       {"file/x", kNoFollow, ENOTDIR},
       // ".." goes to the parent of where a link led, not back along the path's text.
       {"jump/../beside", kNoFollow, "deep/beside"},
-      {"deep/./inner/../beside/", kNoFollow, "deep/beside"},
+      {"deep/./inner/../beside", kNoFollow, "deep/beside"},
+      // A trailing slash names a folder: a final link is followed, by the rule.
+      {"system/", kNoFollow, "root-dir"},
+      {"mine/to-root/", kNoFollow, EACCES},
+      {"mine/to-own/", kNoFollow, ENOTDIR},
   };
   for (const auto& c : cases) {
     expectOutcome(m_resolver.object(path(c.path), c.finalLink), c.expected, c.path);
