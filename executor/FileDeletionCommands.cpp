@@ -1,6 +1,7 @@
 // File object commands that delete: single objects (also the hibernation file), whole trees and
 // the contents of folders. The multi-path commands report progress i/n before each path and stop
-// without a result as soon as the client can no longer be reached.
+// without a result as soon as the client can no longer be reached. Every path is resolved safely
+// (platform/SafePathResolver.h): a user's symbolic link on the way leads only to her own objects.
 
 #include <fcntl.h>
 
@@ -35,7 +36,7 @@ CommandResult KRVCommandExecutor::deleteFileSystemObjectsAtPaths(const Array& pa
                                                                  bool stopOnFirstError) {
   for (std::size_t i = 0; i < paths.size(); ++i) {
     if (!sendProgressMessageToClient(fractionDone(i, paths.size()))) return std::nullopt;
-    Status deleted = enforcedDeleteOfFileSystemObjectAtPath(pathAt(paths, i));
+    Status deleted = enforcedDeleteOfFileSystemObjectAtPath(pathResolver(), pathAt(paths, i));
     // Without the stop flag a failure is dropped and the command still succeeds in the end.
     if (!deleted && stopOnFirstError) return std::move(deleted).error();
   }
@@ -45,7 +46,8 @@ CommandResult KRVCommandExecutor::deleteFileSystemObjectsAtPaths(const Array& pa
 CommandResult KRVCommandExecutor::deleteFileSystemObjectsRecursivelyAtPaths(const Array& paths) {
   for (std::size_t i = 0; i < paths.size(); ++i) {
     if (!sendProgressMessageToClient(fractionDone(i, paths.size()))) return std::nullopt;
-    Status deleted = enforcedRecursiveDeleteOfFileSystemObjectAtPath(pathAt(paths, i));
+    Status deleted =
+        enforcedRecursiveDeleteOfFileSystemObjectAtPath(pathResolver(), pathAt(paths, i));
     if (!deleted) return std::move(deleted).error();
   }
   return commandSuccess();
@@ -55,12 +57,16 @@ CommandResult KRVCommandExecutor::deleteFileSystemFolderContentsAtPaths(const Ar
   for (std::size_t i = 0; i < paths.size(); ++i) {
     if (!sendProgressMessageToClient(fractionDone(i, paths.size()))) return std::nullopt;
     const std::string& folder = pathAt(paths, i);
-    bool isDirectory = false;
-    if (!FileManager::fileExists(folder, isDirectory)) continue;
-    if (!isDirectory) return FileManager::error(ENOTDIR, folder);
+    // The folder a final link leads to is emptied, when the rule lets the link lead there.
+    Result<PathHandle> object = pathResolver().object(folder, LinkHandling::Follow);
+    if (!object) {
+      if (SafePathResolver::isRefusal(object.error())) return FileManager::error(EACCES, folder);
+      continue;  // nothing there
+    }
+    if (!object->isDirectory()) return FileManager::error(ENOTDIR, folder);
     // Listed and emptied through one descriptor: a folder swapped for another (or for a link)
     // after the listing does not receive the deletions meant for this one.
-    Result<UniqueFd> opened = sys::open(folder, O_RDONLY | O_DIRECTORY | O_NOCTTY | O_NONBLOCK);
+    Result<UniqueFd> opened = object->reopen(O_RDONLY | O_DIRECTORY | O_NOCTTY | O_NONBLOCK);
     if (!opened) return FileManager::error(opened.error(), folder);
     FolderReader reader(std::move(*opened), FolderReader::kLargeBuffer);
     std::vector<std::string> names;
@@ -79,7 +85,7 @@ CommandResult KRVCommandExecutor::deleteFileSystemFolderContentsAtPaths(const Ar
 
 Error KRVCommandExecutor::deleteHibernationFileAtPath(const std::string& path) {
   // The path is the client's; it is not checked against where a hibernation file would be.
-  Status deleted = enforcedDeleteOfFileSystemObjectAtPath(path);
+  Status deleted = enforcedDeleteOfFileSystemObjectAtPath(pathResolver(), path);
   if (!deleted) return std::move(deleted).error();
   return commandSuccess();
 }

@@ -147,6 +147,11 @@ TEST_F(ObjectCommandTest, CreatesRootOwnedObjectsOfTheThreeTypesOnly) {
   expectResult(run(5, {text(path("dangling")), text("F")}), kPosixErrorDomain, EEXIST,
                path("dangling"));
   expectResult(run(5, {text(path("no/file")), text("F")}), kCommandErrorDomain, 8, path("no/file"));
+  // A trailing slash names a folder: one can be made there, a file cannot.
+  expectResult(run(5, {text(path("slashed/")), text("F")}), kCommandErrorDomain, 8,
+               path("slashed/"));
+  expectSuccess(5, {text(path("slashed/")), text("D")});
+  EXPECT_TRUE(S_ISDIR(statusOf(path("slashed")).st_mode));
   expectResult(run(5, {text(path("no/folder")), text("D")}), kPosixErrorDomain, ENOENT,
                path("no/folder"));
 }
@@ -291,6 +296,61 @@ TEST_F(ObjectCommandTest, LabelsLinksAndTouches) {
   for (const char* missing : {"soft", "missing"}) {
     expectResult(run(48, {text(path(missing))}), kPosixErrorDomain, ENOENT, path(missing));
   }
+}
+
+// Every command that changes something refuses a user's link that leads to root's objects, in the
+// middle of a path or last where the command follows it, and changes nothing there.
+TEST_F(ObjectCommandTest, NoCommandFollowsAUsersLinkToRootsObjects) {
+  make({"vault/", "vault/dir/", "mine/", "other"});
+  const std::string secret = m_tree.makeFile("vault/file", "root", 0600);
+  const struct timespec old[2] = {{1000, 0}, {1000, 0}};
+  ASSERT_EQ(::utimensat(AT_FDCWD, secret.c_str(), old, 0), 0);
+  make({"mine/link -> ../vault", "mine/file-link -> ../vault/file"});
+  for (const char* mine : {"mine", "mine/link", "mine/file-link"}) {
+    ASSERT_EQ(::lchown(path(mine).c_str(), 1000, 1000), 0);
+  }
+  const Value data(Data{'x'});
+  struct Case {
+    std::uint32_t code;
+    Array arguments;
+    std::string failingPath;
+  };
+  const Case cases[] = {
+      {4, {text(path("mine/file-link")), data, number(0)}, path("mine/file-link")},
+      {4, {text(path("mine/link/file")), data, number(0)}, path("mine/link/file")},
+      {5, {text(path("mine/link/new")), text("D")}, path("mine/link/new")},
+      {5, {text(path("mine/link/new")), text("F")}, path("mine/link/new")},
+      {6, {text(path("mine/link/file")), text(path("moved"))}, path("mine/link/file")},
+      {6, {text(path("other")), text(path("mine/link/other"))}, path("mine/link/other")},
+      {7, {text("1"), text(path("mine/link/file"))}, path("mine/link/file")},
+      {8, {text(path("mine/link/dir"))}, path("mine/link/dir")},
+      {9, {text(path("mine/link/file"))}, path("mine/link/file")},
+      {10, {text(path("mine/file-link")), number(1), number(0), number(0)}, path("mine/file-link")},
+      {11, {text(path("mine/file-link"))}, path("mine/file-link")},
+      {12, {text(path("mine/link/file")), number(1), number(1), number(0)}, path("mine/link/file")},
+      {13, {text(path("mine/link/new")), text("anywhere"), number(0)}, path("mine/link/new")},
+      {13, {text(path("mine/link/new")), text(path("other")), number(1)}, path("mine/link/new")},
+      {13, {text(path("hard")), text(path("mine/link/file")), number(1)}, path("mine/link/file")},
+      {48, {text(path("mine/file-link"))}, path("mine/file-link")},
+      {49, {text(path("mine/link"))}, path("mine/link")},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.code);
+    expectResult(run(c.code, c.arguments), kPosixErrorDomain, EACCES, c.failingPath);
+  }
+  (void)m_client.messages();
+  EXPECT_EQ(contentsOf(secret), "root");
+  EXPECT_EQ(statusOf(secret).st_mtime, 1000);
+  EXPECT_EQ(flagsOf("vault/file"), 0u);
+  EXPECT_EQ(readHfsCodes(secret, LinkHandling::NoFollow).valueOr({}), (HfsCodes{}));
+  EXPECT_TRUE(exists("vault/dir") && exists("other"));
+  EXPECT_FALSE(exists("vault/new") || exists("vault/other") || exists("vault/file.backup") ||
+               exists("moved") || exists("hard"));
+
+  // A command that does not follow a final link acts on the user's link itself, as before.
+  expectSuccess(7, {text("1"), text(path("mine/file-link"))});
+  EXPECT_FALSE(exists("mine/file-link"));
+  EXPECT_EQ(contentsOf(secret), "root");
 }
 
 // Whatever the client sends, every command answers with a result code.

@@ -15,6 +15,7 @@
 #include "foundation/System.h"
 #include "platform/FileFlags.h"
 #include "platform/FileSystemCalls.h"
+#include "platform/SafePathResolver.h"
 
 namespace krv {
 
@@ -33,18 +34,6 @@ Status checkRemovable(const std::string& path) {
   if (last == "/") return FileManager::error(EBUSY, path);
   if (last == "." || last == "..") return FileManager::error(EINVAL, path);
   return {};
-}
-
-// The folder holding the last component of `path`, pinned, and that component's name. Every step
-// of a removal goes through this one folder: a path component swapped meanwhile cannot send a
-// later step elsewhere.
-Result<UniqueFd> openParentFolder(const std::string& path, std::string& name) {
-  name = lastPathComponent(path);
-  const std::string parent = deletingLastPathComponent(path);
-  Result<UniqueFd> folder =
-      sys::open(parent.empty() ? std::string(".") : parent, O_PATH | O_DIRECTORY);
-  if (!folder) return FileManager::error(folder.error(), path);
-  return folder;
 }
 
 // Sets or clears UF_IMMUTABLE of the pinned object, reading and writing its own flags.
@@ -73,54 +62,59 @@ Error walkError(const std::string& base, const Error& error) {
 
 }  // namespace
 
-Status enforcedDeleteOfFileSystemObjectAtPath(const std::string& givenPath) {
+Error notThere(const Error& failure, const std::string& path) {
+  return FileManager::error(SafePathResolver::isRefusal(failure) ? EACCES : ENOENT, path);
+}
+
+Status enforcedDeleteOfFileSystemObjectAtPath(const SafePathResolver& resolver,
+                                              const std::string& givenPath) {
   if (givenPath.empty()) return commandError(kFileCommandBadArgument);
   // "link/" names the link: the slash must not lead the flag change to the link's target.
   const std::string path(withoutTrailingSlashes(givenPath));
   KRV_TRY_VOID(checkRemovable(path));
-  if (Status valid = checkPath(path); !valid) return FileManager::error(valid.error(), path);
-  std::string name;
-  KRV_TRY(UniqueFd folder, openParentFolder(path, name));
-  // The object itself, pinned: its flags are read, lifted and checked on this one inode. A link
-  // carries no kernel flags on Linux, so a link is never unprotected, only removed.
-  Result<PathHandle> object =
-      PathHandle::openAt(folder.get(), name.c_str(), LinkHandling::NoFollow);
-  if (!object) return FileManager::error(object.error(), path);
+  // The object itself, pinned in the folder that holds it: its flags are read, lifted and checked
+  // on this one inode, and the removal goes through that folder. A link carries no kernel flags on
+  // Linux, so a link is never unprotected, only removed.
+  Result<PinnedEntry> entry = resolver.entry(path, LinkHandling::NoFollow);
+  if (!entry) return FileManager::error(entry.error(), path);
+  if (!entry->object) return FileManager::error(ENOENT, path);
+  const PathHandle& object = *entry->object;
   // Linux has no whiteout entries, so kFileCommandWhiteout never comes up here.
-  Result<std::uint32_t> flags = readFileFlags(*object);
+  Result<std::uint32_t> flags = readFileFlags(object);
   if (!flags) return FileManager::error(flags.error(), path);
 
   if ((*flags & kUserProtectionFlags) != 0 && (*flags & kSystemProtectionFlags) == 0) {
-    if (!writeFileFlags(*object, *flags & ~kUserProtectionFlags)) {
+    if (!writeFileFlags(object, *flags & ~kUserProtectionFlags)) {
       return commandErrorWithFailingPath(kFileCommandFlagsNotChanged, path);
     }
   }
   if ((*flags & kSystemProtectionFlags) != 0) {
     return commandErrorWithFailingPath(kFileCommandSystemProtected, path);
   }
-  Status removed =
-      sys::unlinkAt(folder.get(), name.c_str(), object->isDirectory() ? AT_REMOVEDIR : 0);
+  Status removed = sys::unlinkAt(entry->folder.fd(), entry->name.c_str(),
+                                 object.isDirectory() ? AT_REMOVEDIR : 0);
   if (!removed) return FileManager::error(removed.error(), path);
   return {};
 }
 
-Status setImmutableFlag(bool set, const std::string& path, LinkTargetCheck check,
-                        std::optional<PathHandle>* actedOn) {
+Status setImmutableFlag(const SafePathResolver& resolver, bool set, const std::string& path,
+                        LinkTargetCheck check, std::optional<PathHandle>* actedOn) {
   if (path.empty()) return commandError(kFileCommandBadArgument);
-  Result<PathHandle> object = PathHandle::open(path, LinkHandling::NoFollow);
-  if (!object) return FileManager::error(object.error(), path);
+  Result<PinnedEntry> entry = resolver.entry(path, LinkHandling::NoFollow);
+  if (!entry) return notThere(entry.error(), path);
+  if (!entry->object) return FileManager::error(ENOENT, path);
   // In a walk, links are left alone, and so are FIFOs, sockets and devices, which cannot carry
   // kernel flags on Linux: a socket somewhere in a tree must not stop its protection.
-  if (check == LinkTargetCheck::LeaveLinks && !object->isRegularFile() && !object->isDirectory()) {
+  if (check == LinkTargetCheck::LeaveLinks && !entry->object->isRegularFile() &&
+      !entry->object->isDirectory()) {
     return {};
   }
-  if (object->isSymbolicLink()) {
-    object = PathHandle::open(path, LinkHandling::Follow);
-    if (!object) {
-      // A dangling link (or a loop of links): nothing to protect or unprotect.
-      if (check == LinkTargetCheck::Off) return {};
-      return FileManager::error(ENOENT, path);
-    }
+  Result<PathHandle> object = resolver.follow(*entry, path);
+  if (!object) {
+    if (SafePathResolver::isRefusal(object.error())) return FileManager::error(EACCES, path);
+    // A dangling link (or a loop of links): nothing to protect or unprotect.
+    if (check == LinkTargetCheck::Off) return {};
+    return FileManager::error(ENOENT, path);
   }
   if (Status changed = changeImmutableFlag(set, *object); !changed) {
     return FileManager::error(changed.error(), path);
@@ -157,15 +151,20 @@ Status setImmutableFlagBelow(bool set, const PathHandle& folder, const std::stri
   return {};
 }
 
-Status enforcedRecursiveDeleteOfFileSystemObjectAtPath(const std::string& givenPath) {
+Status enforcedRecursiveDeleteOfFileSystemObjectAtPath(const SafePathResolver& resolver,
+                                                       const std::string& givenPath) {
   if (givenPath.empty()) return commandError(kFileCommandBadArgument);
   // As above: the slash must not lead the flag changes into the folder the link points to.
   const std::string path(withoutTrailingSlashes(givenPath));
-  if (!FileManager::fileExists(path)) return {};
+  Result<PinnedEntry> entry = resolver.entry(path, LinkHandling::NoFollow);
+  if (!entry) {
+    if (SafePathResolver::isRefusal(entry.error())) return FileManager::error(EACCES, path);
+    // Nothing that can be reached there: nothing to delete.
+    return {};
+  }
+  if (!entry->object) return {};
   KRV_TRY_VOID(checkRemovable(path));
-  std::string name;
-  KRV_TRY(UniqueFd folder, openParentFolder(path, name));
-  return enforcedRecursiveDeleteInFolder(folder.get(), name, path);
+  return enforcedRecursiveDeleteInFolder(entry->folder.fd(), entry->name, path);
 }
 
 Status enforcedRecursiveDeleteInFolder(int folderFd, const std::string& name,

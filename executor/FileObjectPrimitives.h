@@ -9,6 +9,11 @@
 // following links (a dangling link is "nothing to delete") and then removes the object itself,
 // never a link's target.
 //
+// Paths: the client's path is resolved by the safe resolution (platform/SafePathResolver.h) of the
+// resolver passed in - a user's symbolic link on the way leads only to that user's own objects,
+// otherwise the primitive fails with POSIX EACCES and the path as FailingPath - and the primitive
+// acts on what it pinned, never on the path again.
+//
 // Races: each primitive pins the object it examines (an O_PATH descriptor, and for a removal the
 // folder holding it) and changes flags through that descriptor, so the object whose flags were
 // read is the object whose flags are written. Walks go from open folder to open folder without
@@ -27,6 +32,7 @@
 
 #include "foundation/Result.h"
 #include "platform/FileSystemCalls.h"
+#include "platform/SafePathResolver.h"
 
 namespace krv {
 
@@ -50,27 +56,31 @@ enum class LinkTargetCheck : std::uint8_t {
 // Removes one object (a folder must be empty). User immutable and append-only flags are cleared
 // first, unless a system flag is present too: then the object is refused with code 11 and left as
 // it is, its user flags included.
-Status enforcedDeleteOfFileSystemObjectAtPath(const std::string& path);
+Status enforcedDeleteOfFileSystemObjectAtPath(const SafePathResolver& resolver,
+                                              const std::string& path);
 
 // Removes the object and everything below it after clearing the user immutable flag of the object
-// and of every entry below it. A path where nothing exists (a dangling link included) succeeds and
-// nothing is done. A symbolic link is removed without touching any flag, and links inside the tree
-// keep their targets' flags: only what is removed is unprotected. User append-only and all system
-// flags are not touched, so an object carrying one makes the removal fail with the file manager's
-// error.
-Status enforcedRecursiveDeleteOfFileSystemObjectAtPath(const std::string& path);
+// and of every entry below it. A path where nothing exists or can be reached (a dangling link
+// included) succeeds and nothing is done; a refused link is EACCES. A symbolic link is removed
+// without touching any flag, and links inside the tree keep their targets' flags: only what is
+// removed is unprotected. User append-only and all system flags are not touched, so an object
+// carrying one makes the removal fail with the file manager's error.
+Status enforcedRecursiveDeleteOfFileSystemObjectAtPath(const SafePathResolver& resolver,
+                                                       const std::string& path);
 // The same for the entry `name` of the folder open at folderFd (path names it in errors); the
 // folder stays the one given, whatever its path names meanwhile.
 Status enforcedRecursiveDeleteInFolder(int folderFd, const std::string& name,
                                        const std::string& path);
 
-// Sets or clears the user immutable flag (UF_IMMUTABLE) of what the path names, following a link.
+// Sets or clears the user immutable flag (UF_IMMUTABLE) of what the path names, following a final
+// link by the resolver's rule. A path that cannot be reached (missing, through a file, too long)
+// is ENOENT and a refused link EACCES, whatever the check.
 // Clearing where the object or its file system has no flags succeeds (nothing to clear); setting
 // there is POSIX EOPNOTSUPP.
 // When `actedOn` is given it receives the object whose flag was examined (nothing when a dangling
 // link or an entry of a walk was passed over), for a caller that goes on with that same object.
-Status setImmutableFlag(bool set, const std::string& path, LinkTargetCheck check,
-                        std::optional<PathHandle>* actedOn = nullptr);
+Status setImmutableFlag(const SafePathResolver& resolver, bool set, const std::string& path,
+                        LinkTargetCheck check, std::optional<PathHandle>* actedOn = nullptr);
 
 // Sets or clears the user immutable flag of every regular file and folder below the folder
 // `folder` pins (named `path` in errors), never through a link; links, FIFOs, sockets and devices
@@ -79,5 +89,10 @@ Status setImmutableFlag(bool set, const std::string& path, LinkTargetCheck check
 // entered or read is passed over too and, when reportUnreadable is set, reported after the walk.
 Status setImmutableFlagBelow(bool set, const PathHandle& folder, const std::string& path,
                              std::optional<std::uint32_t> device, bool reportUnreadable);
+
+// The answer of a command that asks whether anything is at the path, when the resolution failed:
+// a refused link as EACCES, anything else as "nothing there" (ENOENT), with the path as
+// FailingPath.
+Error notThere(const Error& failure, const std::string& path);
 
 }  // namespace krv

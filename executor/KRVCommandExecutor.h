@@ -27,6 +27,7 @@
 #include "foundation/SystemLog.h"
 #include "foundation/UniqueFd.h"
 #include "foundation/Value.h"
+#include "platform/SafePathResolver.h"
 #include "protocol/KRVPrivilegedCommand.h"
 
 namespace krv {
@@ -106,6 +107,9 @@ class KRVCommandExecutor final : public TaskDelegate {
   // The device number of the object itself (links not followed); all ones when lstat fails.
   static std::uint32_t fileSystemIDForPath(const std::string& path);
   SystemLog* log() { return m_log.get(); }
+  // The safe resolution of client-named paths for the commands that change something; refusals
+  // go to this executor's log.
+  SafePathResolver pathResolver() const { return SafePathResolver(m_log.get()); }
 
   // ---- Dispatch ----
   CommandResult executeCommand(const KRVPrivilegedCommand& command);

@@ -13,6 +13,7 @@
 #include "foundation/System.h"
 #include "platform/FileFlags.h"
 #include "platform/FileSystemCalls.h"
+#include "platform/SafePathResolver.h"
 #include "protocol/CommandTable.h"
 
 namespace krv {
@@ -73,12 +74,12 @@ Result<UniqueFd> openForWriting(const std::string& path) {
   return Error::posix(EAGAIN, "open");
 }
 
-// For a failed rename or link: the destination when it is in the way or its folder is missing,
-// the source otherwise.
-const std::string& failingPathOfPair(std::int64_t code, const std::string& from,
-                                     const std::string& to) {
-  struct stat status {};
-  if (code == EEXIST || (code == ENOENT && ::lstat(from.c_str(), &status) == 0)) return to;
+// For a failed rename or link of fromName in the folder fromFd: the destination when it is in the
+// way or its folder is missing, the source otherwise.
+const std::string& failingPathOfPair(std::int64_t code, int fromFd, const std::string& fromName,
+                                     const std::string& from, const std::string& to) {
+  if (code == EEXIST) return to;
+  if (code == ENOENT && sys::statAt(fromFd, fromName.c_str(), AT_SYMLINK_NOFOLLOW).ok()) return to;
   return from;
 }
 
@@ -93,6 +94,26 @@ bool isSpecialName(const std::string& name) {
   return name.empty() || name == "/" || name == "." || name == "..";
 }
 
+// Copies (or hard-links) fromName in fromFd to toName in toFd; a copy then removes its source.
+Status copyOrLinkTree(int fromFd, const std::string& fromName, const std::string& from, int toFd,
+                      const std::string& toName, const std::string& to, TreeCopyMode mode) {
+  if (isSpecialName(fromName)) return FileManager::error(EINVAL, from);
+  if (isSpecialName(toName)) return FileManager::error(toName == "/" ? EEXIST : EINVAL, to);
+  Result<struct stat> status = sys::statAt(fromFd, fromName.c_str(), AT_SYMLINK_NOFOLLOW);
+  if (!status) return FileManager::error(status.error(), from);
+  if (S_ISDIR(status->st_mode)) {
+    // A folder cannot go inside itself (and removing the source would take the copy with it).
+    Result<bool> inside = folderLiesWithin(toFd, status->st_dev, status->st_ino);
+    if (!inside) return FileManager::error(inside.error(), to);
+    if (*inside) return FileManager::error(EINVAL, to);
+  }
+  KRV_TRY_VOID(copyTree(fromFd, fromName, from, toFd, toName, to, mode));
+  if (mode == TreeCopyMode::Copy) {
+    KRV_TRY_VOID(removeTree(fromFd, fromName, from));
+  }
+  return {};
+}
+
 Status copyOrLinkTree(const std::string& from, const std::string& to, TreeCopyMode mode) {
   std::string fromName;
   std::string toName;
@@ -101,20 +122,48 @@ Status copyOrLinkTree(const std::string& from, const std::string& to, TreeCopyMo
   if (isSpecialName(fromName)) return FileManager::error(EINVAL, from);
   Result<UniqueFd> toParent = openParentFolder(to, toName);
   if (!toParent) return FileManager::error(toParent.error(), to);
-  if (isSpecialName(toName)) return FileManager::error(toName == "/" ? EEXIST : EINVAL, to);
-  Result<struct stat> status =
-      sys::statAt(fromParent->get(), fromName.c_str(), AT_SYMLINK_NOFOLLOW);
-  if (!status) return FileManager::error(status.error(), from);
-  if (S_ISDIR(status->st_mode)) {
-    // A folder cannot go inside itself (and removing the source would take the copy with it).
-    Result<bool> inside = folderLiesWithin(toParent->get(), status->st_dev, status->st_ino);
-    if (!inside) return FileManager::error(inside.error(), to);
-    if (*inside) return FileManager::error(EINVAL, to);
+  return copyOrLinkTree(fromParent->get(), fromName, from, toParent->get(), toName, to, mode);
+}
+
+// The hard link of an object that is no folder.
+Status linkLeaf(int fromFd, const std::string& fromName, const std::string& from, int toFd,
+                const std::string& toName, const std::string& to) {
+  Status linked = sys::linkAt(fromFd, fromName.c_str(), toFd, toName.c_str(), 0);
+  if (!linked) {
+    std::int64_t code = linked.error().code();
+    return FileManager::error(static_cast<int>(code),
+                              failingPathOfPair(code, fromFd, fromName, from, to));
   }
-  KRV_TRY_VOID(copyTree(fromParent->get(), fromName, from, toParent->get(), toName, to, mode));
-  if (mode == TreeCopyMode::Copy) {
-    KRV_TRY_VOID(removeTree(fromParent->get(), fromName, from));
-  }
+  return {};
+}
+
+Status makeDirectory(int folderFd, const std::string& name, const std::string& path,
+                     const FileAttributeChanges& attributes) {
+  mode_t mode = attributes.posixPermissions ? (*attributes.posixPermissions & 07777) : 0777;
+  Status made = sys::mkdirAt(folderFd, name.c_str(), mode);
+  if (!made) return FileManager::error(made.error(), path);
+  Result<PathHandle> folder = PathHandle::openAt(folderFd, name.c_str(), LinkHandling::NoFollow);
+  if (!folder) return FileManager::error(folder.error(), path);
+  // Replaced by something else already: the attributes are not for that.
+  if (!folder->isDirectory()) return FileManager::error(ENOTDIR, path);
+  Status applied = FileManager::setAttributes(attributes, *folder);
+  if (!applied) return FileManager::error(applied.error(), path);
+  return {};
+}
+
+Status makeFile(int folderFd, const std::string& name, const std::string& path,
+                std::span<const std::uint8_t> contents, const FileAttributeChanges& attributes) {
+  // With permissions to come, nobody else may open the file before they are set.
+  mode_t mode = attributes.posixPermissions ? 0600 : 0666;
+  Result<UniqueFd> file = sys::openAt(folderFd, name.c_str(),
+                                      O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_NOCTTY, mode);
+  if (!file) return FileManager::error(file.error(), path);
+  Status written = sys::writeAll(file->get(), contents);
+  if (!written) return FileManager::error(written.error(), path);
+  Result<PathHandle> object = PathHandle::adopt(std::move(*file));
+  if (!object) return FileManager::error(object.error(), path);
+  Status applied = FileManager::setAttributes(attributes, *object);
+  if (!applied) return FileManager::error(applied.error(), path);
   return {};
 }
 
@@ -157,6 +206,17 @@ Result<FileAttributes> FileManager::attributesOfItem(const std::string& path) {
   if (!codes) return error(codes.error(), path);
   attributes.hfsTypeCode = codes->typeCode;
   attributes.hfsCreatorCode = codes->creatorCode;
+  return attributes;
+}
+
+Result<FileAttributes> FileManager::attributesOfItem(const PathHandle& object) {
+  FileAttributes attributes = attributesFromStatus(object.status());
+  KRV_TRY(attributes.flags, readFileFlags(object));
+  attributes.immutable = (attributes.flags & kImmutableFlags) != 0;
+  attributes.appendOnly = (attributes.flags & kAppendFlags) != 0;
+  KRV_TRY(HfsCodes codes, readHfsCodes(object));
+  attributes.hfsTypeCode = codes.typeCode;
+  attributes.hfsCreatorCode = codes.creatorCode;
   return attributes;
 }
 
@@ -228,8 +288,24 @@ Status FileManager::moveItem(const std::string& from, const std::string& to) {
   Status renamed = sys::renameNoReplace(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str());
   if (renamed) return {};
   std::int64_t code = renamed.error().code();
-  if (code != EXDEV) return error(static_cast<int>(code), failingPathOfPair(code, from, to));
+  if (code != EXDEV) {
+    return error(static_cast<int>(code), failingPathOfPair(code, AT_FDCWD, from, from, to));
+  }
   return copyOrLinkTree(from, to, TreeCopyMode::Copy);
+}
+
+Status FileManager::moveItem(const PinnedEntry& from, const std::string& fromPath,
+                             const PinnedEntry& to, const std::string& toPath) {
+  const int fromFd = from.folder.fd();
+  const int toFd = to.folder.fd();
+  Status renamed = sys::renameNoReplace(fromFd, from.name.c_str(), toFd, to.name.c_str());
+  if (renamed) return {};
+  std::int64_t code = renamed.error().code();
+  if (code != EXDEV) {
+    return error(static_cast<int>(code),
+                 failingPathOfPair(code, fromFd, from.name, fromPath, toPath));
+  }
+  return copyOrLinkTree(fromFd, from.name, fromPath, toFd, to.name, toPath, TreeCopyMode::Copy);
 }
 
 Status FileManager::removeItem(const std::string& path) {
@@ -251,12 +327,21 @@ Status FileManager::linkItem(const std::string& existing, const std::string& new
       sys::statxAt(AT_FDCWD, existing.c_str(), AT_SYMLINK_NOFOLLOW, STATX_TYPE);
   if (!status) return error(status.error(), existing);
   if (S_ISDIR(status->stx_mode)) return copyOrLinkTree(existing, newPath, TreeCopyMode::HardLink);
-  Status linked = sys::linkAt(AT_FDCWD, existing.c_str(), AT_FDCWD, newPath.c_str(), 0);
-  if (!linked) {
-    std::int64_t code = linked.error().code();
-    return error(static_cast<int>(code), failingPathOfPair(code, existing, newPath));
+  return linkLeaf(AT_FDCWD, existing, existing, AT_FDCWD, newPath, newPath);
+}
+
+Status FileManager::linkItem(const PinnedEntry& existing, const std::string& existingPath,
+                             const PinnedEntry& newEntry, const std::string& newPath) {
+  const int fromFd = existing.folder.fd();
+  const int toFd = newEntry.folder.fd();
+  Result<struct statx> status =
+      sys::statxAt(fromFd, existing.name.c_str(), AT_SYMLINK_NOFOLLOW, STATX_TYPE);
+  if (!status) return error(status.error(), existingPath);
+  if (S_ISDIR(status->stx_mode)) {
+    return copyOrLinkTree(fromFd, existing.name, existingPath, toFd, newEntry.name, newPath,
+                          TreeCopyMode::HardLink);
   }
-  return {};
+  return linkLeaf(fromFd, existing.name, existingPath, toFd, newEntry.name, newPath);
 }
 
 Result<std::vector<std::string>> FileManager::contentsOfDirectory(const std::string& path) {
@@ -277,33 +362,24 @@ std::string FileManager::resolvingSymlinksInPath(const std::string& path) {
 Status FileManager::createDirectory(const std::string& path,
                                     const FileAttributeChanges& attributes) {
   if (hasNul(path)) return error(EINVAL, path);
-  mode_t mode = attributes.posixPermissions ? (*attributes.posixPermissions & 07777) : 0777;
-  Status made = sys::mkdirAt(AT_FDCWD, path.c_str(), mode);
-  if (!made) return error(made.error(), path);
-  Result<PathHandle> folder = PathHandle::open(path, LinkHandling::NoFollow);
-  if (!folder) return error(folder.error(), path);
-  // Replaced by something else already: the attributes are not for that.
-  if (!folder->isDirectory()) return error(ENOTDIR, path);
-  Status applied = setAttributes(attributes, *folder);
-  if (!applied) return error(applied.error(), path);
-  return {};
+  return makeDirectory(AT_FDCWD, path, path, attributes);
+}
+
+Status FileManager::createDirectory(const PinnedEntry& at, const std::string& path,
+                                    const FileAttributeChanges& attributes) {
+  return makeDirectory(at.folder.fd(), at.name, path, attributes);
 }
 
 Status FileManager::createFile(const std::string& path, std::span<const std::uint8_t> contents,
                                const FileAttributeChanges& attributes) {
   if (hasNul(path)) return error(EINVAL, path);
-  // With permissions to come, nobody else may open the file before they are set.
-  mode_t mode = attributes.posixPermissions ? 0600 : 0666;
-  Result<UniqueFd> file =
-      sys::open(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_NOCTTY, mode);
-  if (!file) return error(file.error(), path);
-  Status written = sys::writeAll(file->get(), contents);
-  if (!written) return error(written.error(), path);
-  Result<PathHandle> object = PathHandle::adopt(std::move(*file));
-  if (!object) return error(object.error(), path);
-  Status applied = setAttributes(attributes, *object);
-  if (!applied) return error(applied.error(), path);
-  return {};
+  return makeFile(AT_FDCWD, path, path, contents, attributes);
+}
+
+Status FileManager::createFile(const PinnedEntry& at, const std::string& path,
+                               std::span<const std::uint8_t> contents,
+                               const FileAttributeChanges& attributes) {
+  return makeFile(at.folder.fd(), at.name, path, contents, attributes);
 }
 
 Status FileManager::writeContents(const std::string& path, std::span<const std::uint8_t> data) {
@@ -318,6 +394,14 @@ Status FileManager::writeContents(const std::string& path, std::span<const std::
 Status FileManager::createSymbolicLink(const std::string& path, const std::string& destination) {
   if (hasNul(path) || hasNul(destination)) return error(EINVAL, path);
   Status made = sys::symlinkAt(destination.c_str(), AT_FDCWD, path.c_str());
+  if (!made) return error(made.error(), path);
+  return {};
+}
+
+Status FileManager::createSymbolicLink(const PinnedEntry& at, const std::string& path,
+                                       const std::string& destination) {
+  if (hasNul(destination)) return error(EINVAL, path);
+  Status made = sys::symlinkAt(destination.c_str(), at.folder.fd(), at.name.c_str());
   if (!made) return error(made.error(), path);
   return {};
 }

@@ -13,8 +13,11 @@
 // says it follows (fileExists, contentsOfDirectory, the enumerator's base folder). Operations that
 // change an object pin it first with an O_PATH descriptor, so each step reaches the same inode.
 //
-// Paths are used as given; one with an embedded NUL character is EINVAL. Stateless; all
-// functions are thread-safe.
+// Paths are used as given; one with an embedded NUL character is EINVAL. The forms that take a
+// PinnedEntry (platform/SafePathResolver.h) act in the folder the entry pinned instead of looking
+// a path up: the commands resolve a client's path safely first and hand over what they pinned;
+// the path they pass along only names the object in errors. Stateless; all functions are
+// thread-safe.
 
 #include <cstdint>
 #include <span>
@@ -28,6 +31,7 @@
 namespace krv {
 
 class PathHandle;
+struct PinnedEntry;
 
 // Whether attributesOfItem follows a final symbolic link, one level deep.
 enum class LinkTraversal : std::uint8_t { None, OneLevel };
@@ -53,6 +57,8 @@ class FileManager final {
   // link answers the second link. A link that cannot be read answers its error; an empty
   // destination is ENOENT. An object that is no link is simply read (again).
   static Result<FileAttributes> attributesOfItem(const std::string& path, LinkTraversal traversal);
+  // The attributes of a pinned object (a link is the link itself); errors carry no FailingPath.
+  static Result<FileAttributes> attributesOfItem(const PathHandle& object);
 
   // Applies the changes to the object itself (a final link is not followed), in this order:
   // flags when they lift an immutable or append-only protection the object holds, owner and
@@ -71,6 +77,8 @@ class FileManager final {
   // removed. A failed copy is removed again and the source stays; if the source cannot be removed
   // completely, the copy stays and the removal's error is returned.
   static Status moveItem(const std::string& from, const std::string& to);
+  static Status moveItem(const PinnedEntry& from, const std::string& fromPath,
+                         const PinnedEntry& to, const std::string& toPath);
 
   // Removes the object and, for a folder, everything below it; no symbolic link is followed (a
   // link is removed, never what it points to). Trailing slashes are ignored. Stops at the first
@@ -90,9 +98,14 @@ class FileManager final {
   // Creates one folder (no intermediate folders) and applies the attributes. Without permissions
   // the mode is 0777 less the file-creation mask.
   static Status createDirectory(const std::string& path, const FileAttributeChanges& attributes);
+  static Status createDirectory(const PinnedEntry& at, const std::string& path,
+                                const FileAttributeChanges& attributes);
   // Creates a new file with the contents and applies the attributes; anything already at `path`
   // (a dangling link included) is EEXIST. Without permissions: 0666 less the file-creation mask.
   static Status createFile(const std::string& path, std::span<const std::uint8_t> contents,
+                           const FileAttributeChanges& attributes);
+  static Status createFile(const PinnedEntry& at, const std::string& path,
+                           std::span<const std::uint8_t> contents,
                            const FileAttributeChanges& attributes);
   // Writes the data to the file at `path`, not atomically: opened for writing (created with mode
   // 0600 when missing), truncated, written. A final symbolic link is refused (ELOOP), a folder is
@@ -103,7 +116,11 @@ class FileManager final {
   // folder is recreated at newPath with its attributes, and everything in it is hard-linked
   // likewise.
   static Status linkItem(const std::string& existing, const std::string& newPath);
+  static Status linkItem(const PinnedEntry& existing, const std::string& existingPath,
+                         const PinnedEntry& newEntry, const std::string& newPath);
   static Status createSymbolicLink(const std::string& path, const std::string& destination);
+  static Status createSymbolicLink(const PinnedEntry& at, const std::string& path,
+                                   const std::string& destination);
   static Result<std::string> destinationOfSymbolicLink(const std::string& path);
 };
 

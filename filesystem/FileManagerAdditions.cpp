@@ -18,13 +18,16 @@ Status setHidden(bool hidden, const std::string& path) {
   if (path.empty() || path.find('\0') != std::string::npos) return FileManager::error(EINVAL, path);
   Result<PathHandle> object = PathHandle::open(path, LinkHandling::NoFollow);
   if (!object) return FileManager::error(object.error(), path);
-  Result<std::uint32_t> flags = readFileFlags(*object);
-  if (!flags) return FileManager::error(flags.error(), path);
-  std::uint32_t wanted = hidden ? (*flags | kHiddenFlag) : (*flags & ~kHiddenFlag);
-  if (wanted == *flags) return {};
-  Status written = writeFileFlags(*object, wanted & ~kCompressedFlag);
-  if (!written) return FileManager::error(written.error(), path);
+  Status set = setHidden(hidden, *object);
+  if (!set) return FileManager::error(set.error(), path);
   return {};
+}
+
+Status setHidden(bool hidden, const PathHandle& object) {
+  KRV_TRY(std::uint32_t flags, readFileFlags(object));
+  std::uint32_t wanted = hidden ? (flags | kHiddenFlag) : (flags & ~kHiddenFlag);
+  if (wanted == flags) return {};
+  return writeFileFlags(object, wanted & ~kCompressedFlag);
 }
 
 }  // namespace krv

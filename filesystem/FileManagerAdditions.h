@@ -12,10 +12,14 @@
 
 namespace krv {
 
+class PathHandle;
+
 // Whether the object is hidden; false for an empty path, a missing object or an unreadable flag.
 bool isHiddenObject(const std::string& path);
 
 // Sets or clears the hidden flag; every other flag is kept.
 Status setHidden(bool hidden, const std::string& path);
+// The same for a pinned object (a link is the link itself); errors carry no FailingPath.
+Status setHidden(bool hidden, const PathHandle& object);
 
 }  // namespace krv

@@ -27,7 +27,7 @@ namespace krv {
 
 class SystemLog {
  public:
-  enum class Level : int { Error = 3, Warning = 4, Info = 6, Debug = 7 };
+  enum class Level : int { Error = 3, Warning = 4, Notice = 5, Info = 6, Debug = 7 };
   // Option bits.
   static constexpr std::uint32_t kCopyToStandardError = 1;
   static constexpr const char* kDefaultSocketPath = "/dev/log";
