@@ -272,10 +272,10 @@ Error KRVCommandExecutor::getStorageSizeOfSubtreeAtPath(const std::string& path)
       [&total](FolderBatches::Batch& batch) { total += batch.length; });
   Result<FileManagerEnumerator> walk = FileManager::enumerator(base);
   if (walk) {
-    // The object's absolute path is the base, a separator (none after "/") and the relative path.
-    // A path the kernel would refuse as too long cannot be measured and adds nothing; every other
-    // object is read relative to its open folder, which answers what the path would.
-    const std::size_t baseLength = base.size() + (base == "/" ? 0 : 1);
+    // The object's absolute path is the base joined with the relative path. A path the kernel
+    // would refuse as too long cannot be measured and adds nothing; every other object is read
+    // relative to its open folder, which answers what the path would.
+    const std::size_t baseLength = pathPrefixBelow(base).size();
     std::uint64_t seen = 0;
     while (std::optional<std::string_view> relative = walk->nextRelativePath()) {
       // Nobody can receive the size any more: the walk ends early, and the final message fails.

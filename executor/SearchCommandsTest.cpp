@@ -137,6 +137,29 @@ TEST_F(SearchCommandsTest, AgeSearchJudgesLinksByWhatTheyNameAndDescribesTheObje
   }
 }
 
+// The base "." once gave ".sub" in the walks that build paths in their own buffers.
+TEST_F(SearchCommandsTest, EverySearchJoinsARelativeBaseAndItsObjectsWithASeparator) {
+  make({"base/sub/", "base/sub/file"});
+  UniqueFd savedDirectory(::open(".", O_PATH | O_DIRECTORY | O_CLOEXEC));
+  ASSERT_EQ(::chdir(m_base.c_str()), 0);
+  auto paths = [&] {
+    reports();
+    std::vector<std::string> result;
+    for (const Dictionary& record : m_records) result.push_back(*record.find("Path")->asString());
+    std::sort(result.begin(), result.end());
+    return result;
+  };
+  using Paths = std::vector<std::string>;
+  expectResult(run(14, {text("."), number(0), number(0)}), kCommandErrorDomain, 0);
+  EXPECT_EQ(paths(), (Paths{"./sub", "./sub/file"}));
+  expectResult(patternSearch(".", {text("1"), text("s"), text("0"), text("file")}),
+               kCommandErrorDomain, 0);
+  EXPECT_EQ(paths(), (Paths{"./sub", "./sub/file"}));
+  expectResult(run(16, {text("."), text("s"), text(""), number(1)}), kCommandErrorDomain, 0);
+  EXPECT_EQ(paths(), (Paths{"./sub"}));
+  ASSERT_EQ(::fchdir(savedDirectory.get()), 0);
+}
+
 TEST_F(SearchCommandsTest, PrefixSearchMatchesNameExtensionAndKindOnOneLevel) {
   make({"data/", "alias -> data", "data/report.txt", "data/report.TXT", "data/report.txt.gz",
         "data/report", "data/other.txt", "data/reportdir/", "data/reportdir.txt/",

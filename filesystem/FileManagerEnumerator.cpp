@@ -19,6 +19,9 @@ Result<FileManagerEnumerator> FileManagerEnumerator::open(const std::string& pat
   Result<UniqueFd> folder = sys::open(path, kFolderOpenFlags);
   if (!folder) return FileManager::error(folder.error(), path);
   FileManagerEnumerator enumerator;
+  if (Status admitted = enumerator.m_guard.admit(0, folder->get()); !admitted) {
+    return FileManager::error(admitted.error(), path);
+  }
   enumerator.m_levels.push_back(Level{FolderReader(std::move(*folder)), 0});
   return enumerator;
 }
@@ -82,6 +85,11 @@ void FileManagerEnumerator::descend() {
                                         kFolderOpenFlags | O_NOFOLLOW);
   if (!folder) {
     noteError(folder.error());
+    return;
+  }
+  // A folder already open further up (a folder mounted into its own subtree) is not walked again.
+  if (Status admitted = m_guard.admit(m_levels.size(), folder->get()); !admitted) {
+    noteError(admitted.error());
     return;
   }
   m_path += '/';

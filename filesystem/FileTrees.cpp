@@ -12,6 +12,8 @@
 
 #include "filesystem/FileManager.h"
 #include "filesystem/FolderReader.h"
+#include "filesystem/PathNames.h"
+#include "filesystem/WalkGuard.h"
 #include "foundation/System.h"
 #include "platform/FileFlags.h"
 #include "platform/FileSystemCalls.h"
@@ -123,6 +125,7 @@ class TreeCopy {
   std::string m_from;  // path of the object at hand on either side, for errors
   std::string m_to;
   std::vector<Frame> m_frames;
+  WalkGuard m_guard{kMaximumTreeDepth};  // the source folders open in m_frames
   bool m_topMade = false;
   dev_t m_topDevice = 0;
   ino_t m_topInode = 0;
@@ -163,10 +166,8 @@ Status TreeCopy::copyTop(int fromParentFd, const std::string& fromName, int toPa
       continue;
     }
     std::string name(entry->name);
-    m_from += '/';
-    m_from += name;
-    m_to += '/';
-    m_to += name;
+    appendPathComponent(m_from, name);
+    appendPathComponent(m_to, name);
     int fromFd = frame.source.fd();
     int toFd = frame.destination.get();
     Result<struct stat> entryStatus = sys::statAt(fromFd, name.c_str(), AT_SYMLINK_NOFOLLOW);
@@ -189,6 +190,10 @@ Status TreeCopy::enterFolder(int fromFd, const char* name, int toFd, const char*
   if (m_frames.size() >= kMaximumTreeDepth) return atSource(Error::posix(ELOOP, "folder nesting"));
   Result<UniqueFd> source = sys::openAt(fromFd, name, kFolderFlags);
   if (!source) return atSource(source.error());
+  // A folder already open further up (mounted into its own subtree) would be copied without end.
+  if (Status admitted = m_guard.admit(m_frames.size(), source->get()); !admitted) {
+    return atSource(admitted.error());
+  }
   Result<struct statx> status = sys::statxAt(source->get(), "", AT_EMPTY_PATH);
   if (!status) return atSource(status.error());
   // Owner only until the folder is finished: nobody else gets in while it fills.
@@ -276,6 +281,10 @@ Status removeTree(int parentFd, const std::string& name, const std::string& path
 
   Result<UniqueFd> top = sys::openAt(parentFd, name.c_str(), kFolderFlags);
   if (!top) return FileManager::error(top.error(), path);
+  WalkGuard guard(kMaximumTreeDepth);
+  if (Status admitted = guard.admit(0, top->get()); !admitted) {
+    return FileManager::error(admitted.error(), path);
+  }
   std::string current = path;
   std::vector<RemovalFrame> frames;
   frames.push_back(RemovalFrame{FolderReader(std::move(*top)), name, current.size(), 0});
@@ -302,8 +311,7 @@ Status removeTree(int parentFd, const std::string& name, const std::string& path
     }
 
     std::string entryName(entry->name);
-    current += '/';
-    current += entryName;
+    appendPathComponent(current, entryName);
     int folderFd = frame.reader.fd();
     if (entry->type != DT_DIR) {
       Status unlinked = sys::unlinkAt(folderFd, entryName.c_str(), 0);
@@ -326,6 +334,11 @@ Status removeTree(int parentFd, const std::string& name, const std::string& path
     }
     if (frames.size() >= kMaximumTreeDepth) {
       return FileManager::error(Error::posix(ELOOP, "folder nesting"), current);
+    }
+    // A folder already open further up (mounted into its own subtree) is not emptied through the
+    // loop: the removal stops there, as at a folder it cannot open.
+    if (Status admitted = guard.admit(frames.size(), folder->get()); !admitted) {
+      return FileManager::error(admitted.error(), current);
     }
     frames.push_back(
         RemovalFrame{FolderReader(std::move(*folder)), std::move(entryName), current.size(), 0});

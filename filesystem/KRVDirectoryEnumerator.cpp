@@ -8,6 +8,7 @@
 #include <span>
 #include <utility>
 
+#include "filesystem/PathNames.h"
 #include "foundation/System.h"
 
 namespace krv {
@@ -58,7 +59,7 @@ std::unique_ptr<KRVDirectoryEnumerator> KRVDirectoryEnumerator::enumeratorAtPath
   enumerator->m_topIndex = 0;
   enumerator->m_reader->beginLevel(0);
   if (Result<UniqueFd> fd = sys::open(path, O_RDONLY | O_DIRECTORY | O_NOCTTY)) {
-    enumerator->m_levelFds[0] = std::move(*fd);
+    if (enumerator->m_guard.admit(0, fd->get())) enumerator->m_levelFds[0] = std::move(*fd);
   }
 
   if (stayOnFileSystem) {
@@ -72,15 +73,16 @@ std::unique_ptr<KRVDirectoryEnumerator> KRVDirectoryEnumerator::enumeratorAtPath
 
 KRVDirectoryEnumerator::KRVDirectoryEnumerator(std::unique_ptr<DirectoryReader> reader,
                                                const std::string& basePath)
-    : m_reader(std::move(reader)) {
-  // The limit counts the relative part only, so the buffer holds the whole base, a separator,
-  // the longest relative folder path, a separator, the longest name and a NUL.
+    : m_reader(std::move(reader)), m_guard(kMaximumOpenLevels) {
+  // The base and its separator, as every path below a base is joined.
+  const std::string prefix = pathPrefixBelow(basePath);
+  // The limit counts the relative part only, so the buffer holds the whole prefix, the longest
+  // relative folder path, a separator, the longest name and a NUL.
   std::size_t capacity =
-      basePath.size() + 1 + kMaximumRelativePathLength + 1 + DirectoryReader::kLongestName + 1;
+      prefix.size() + kMaximumRelativePathLength + 1 + DirectoryReader::kLongestName + 1;
   m_pathBuffer = std::make_unique_for_overwrite<char[]>(capacity);
-  std::memcpy(m_pathBuffer.get(), basePath.data(), basePath.size());
-  m_relativeStart = basePath.size();
-  if (basePath.size() != 1) m_pathBuffer[m_relativeStart++] = '/';
+  std::memcpy(m_pathBuffer.get(), prefix.data(), prefix.size());
+  m_relativeStart = prefix.size();
   m_pathBuffer[m_relativeStart] = '\0';
 }
 
@@ -176,6 +178,9 @@ bool KRVDirectoryEnumerator::pushDirectory(std::size_t nameOffset, std::size_t n
                  : sys::openAt(m_levelFds[m_topIndex].get(), name,
                                O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NOCTTY);
   if (!fd) return false;
+  // A folder already open below (the one a 255-byte name reopens, a folder mounted into its own
+  // subtree) is returned but not walked again.
+  if (!m_guard.admit(static_cast<std::size_t>(m_topIndex) + 1, fd->get())) return false;
 
   ++m_topIndex;
   m_levelFds[m_topIndex] = std::move(*fd);
