@@ -3,6 +3,7 @@
 // staying on the volume) are in tests/daemon.
 
 #include <fcntl.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -291,6 +292,38 @@ TEST_F(SearchCommandsTest, SearchesStopWhenTheClientIsGoneButTheCountGoesOn) {
   EXPECT_FALSE(run(16, {text(m_base), text("f"), text(""), number(0)}));
   EXPECT_FALSE(patternSearch(m_base, {text("1"), text("f")}));
   EXPECT_EQ(sizeOf(run(51, {text(m_base), text(path("marker"))})), 601u);
+}
+
+// With the spill folders nearly full, the records of a large result have nowhere to go: the
+// search ends with ENOSPC after its first progress report and sends no records at all.
+TEST_F(SearchCommandsTest, SearchesWhoseRecordsFindNoRoomEndWithoutAnyRecord) {
+  const std::string answer = test::inPrivateMount("/var/tmp", "tmpfs", [] {
+    if (::mount("tmpfs", "/var/tmp", "tmpfs", 0, "size=4m") != 0 ||
+        ::mount("tmpfs", "/tmp", "tmpfs", 0, "size=8m") != 0 || ::mkdir("/tmp/base", 0755) != 0) {
+      return std::string("child: mount");
+    }
+    // More than the spool keeps in memory: about 1.5 MiB of records.
+    const std::string prefix = "/tmp/base/" + std::string(100, 'f');
+    for (int i = 0; i < 12000; ++i) {
+      if (::close(::creat((prefix + std::to_string(i)).c_str(), 0644)) != 0) return std::string();
+    }
+    std::string outcome;
+    for (std::uint32_t code : {14u, 16u}) {
+      test::ExecutorWithPipe client;
+      const CommandResult result =
+          code == 14 ? client.run(14, {text("/tmp/base"), number(0), number(0)})
+                     : client.run(16, {text("/tmp/base"), text("f"), text(""), number(0)});
+      outcome += result ? result->domain() + " " + std::to_string(result->code()) : "none";
+      for (const Error& message : client.messages()) {
+        outcome += message.userInfo().find("FileSystemObjects") ? " records" : " progress";
+      }
+      outcome += "; ";
+    }
+    return outcome;
+  });
+  if (answer.starts_with("child:")) GTEST_SKIP() << answer;
+  const std::string refused = std::string(kPosixErrorDomain) + " " + std::to_string(ENOSPC);
+  EXPECT_EQ(answer, refused + " progress; " + refused + " progress; ");
 }
 
 }  // namespace

@@ -87,6 +87,14 @@ Result<struct stat> fstat(int fd) {
   return status;
 }
 
+Result<struct statvfs> fileSystemStatus(int fd) {
+  struct statvfs status {};
+  while (::fstatvfs(fd, &status) != 0) {
+    if (errno != EINTR) return Error::fromErrno("fstatvfs");
+  }
+  return status;
+}
+
 Result<UniqueFd> duplicate(int fd) {
   int copy = ::fcntl(fd, F_DUPFD_CLOEXEC, 0);
   if (copy < 0) return Error::fromErrno("fcntl");

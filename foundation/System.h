@@ -6,6 +6,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <sys/types.h>
 
 #include <cstddef>
@@ -35,6 +36,8 @@ Result<std::string> readFile(const std::string& path, std::size_t maxSize);
 Result<struct stat> lstat(const std::string& path);
 Result<struct stat> stat(const std::string& path);
 Result<struct stat> fstat(int fd);
+// fstatvfs: the size and free space of the file system holding an open file, retried on EINTR.
+Result<struct statvfs> fileSystemStatus(int fd);
 // A second descriptor for the same open file (F_DUPFD_CLOEXEC).
 Result<UniqueFd> duplicate(int fd);
 // fstatat: status of `path` relative to an open folder; flags as for fstatat (AT_SYMLINK_NOFOLLOW).
