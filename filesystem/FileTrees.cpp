@@ -187,13 +187,9 @@ Status TreeCopy::copyTop(int fromParentFd, const std::string& fromName, int toPa
 }
 
 Status TreeCopy::enterFolder(int fromFd, const char* name, int toFd, const char* toName) {
-  if (m_frames.size() >= kMaximumTreeDepth) return atSource(Error::posix(ELOOP, "folder nesting"));
-  Result<UniqueFd> source = sys::openAt(fromFd, name, kFolderFlags);
-  if (!source) return atSource(source.error());
   // A folder already open further up (mounted into its own subtree) would be copied without end.
-  if (Status admitted = m_guard.admit(m_frames.size(), source->get()); !admitted) {
-    return atSource(admitted.error());
-  }
+  Result<UniqueFd> source = m_guard.enter(m_frames.size(), fromFd, name, kFolderFlags);
+  if (!source) return atSource(source.error());
   Result<struct statx> status = sys::statxAt(source->get(), "", AT_EMPTY_PATH);
   if (!status) return atSource(status.error());
   // Owner only until the folder is finished: nobody else gets in while it fills.
@@ -279,12 +275,9 @@ Status removeTree(int parentFd, const std::string& name, const std::string& path
   if (removed) return {};
   if (removed.error().code() != EISDIR) return FileManager::error(removed.error(), path);
 
-  Result<UniqueFd> top = sys::openAt(parentFd, name.c_str(), kFolderFlags);
-  if (!top) return FileManager::error(top.error(), path);
   WalkGuard guard(kMaximumTreeDepth);
-  if (Status admitted = guard.admit(0, top->get()); !admitted) {
-    return FileManager::error(admitted.error(), path);
-  }
+  Result<UniqueFd> top = guard.enter(0, parentFd, name.c_str(), kFolderFlags);
+  if (!top) return FileManager::error(top.error(), path);
   std::string current = path;
   std::vector<RemovalFrame> frames;
   frames.push_back(RemovalFrame{FolderReader(std::move(*top)), name, current.size(), 0});
@@ -320,8 +313,14 @@ Status removeTree(int parentFd, const std::string& name, const std::string& path
         return FileManager::error(unlinked.error(), current);
       }
     }
-    Result<UniqueFd> folder = sys::openAt(folderFd, entryName.c_str(), kFolderFlags);
+    // A folder already open further up (mounted into its own subtree) is not emptied through the
+    // loop, and a tree deeper than any real one is not followed: the removal stops there, as at a
+    // folder it cannot open.
+    Result<UniqueFd> folder = guard.enter(frames.size(), folderFd, entryName.c_str(), kFolderFlags);
     if (!folder) {
+      if (WalkGuard::isRefusal(folder.error())) {
+        return FileManager::error(folder.error(), current);
+      }
       std::int64_t code = folder.error().code();
       if (code == ENOENT) continue;
       // No longer a folder (or a link put in its place): removed as it is now.
@@ -331,14 +330,6 @@ Status removeTree(int parentFd, const std::string& name, const std::string& path
         return FileManager::error(unlinked.error(), current);
       }
       return FileManager::error(folder.error(), current);
-    }
-    if (frames.size() >= kMaximumTreeDepth) {
-      return FileManager::error(Error::posix(ELOOP, "folder nesting"), current);
-    }
-    // A folder already open further up (mounted into its own subtree) is not emptied through the
-    // loop: the removal stops there, as at a folder it cannot open.
-    if (Status admitted = guard.admit(frames.size(), folder->get()); !admitted) {
-      return FileManager::error(admitted.error(), current);
     }
     frames.push_back(
         RemovalFrame{FolderReader(std::move(*folder)), std::move(entryName), current.size(), 0});

@@ -59,7 +59,8 @@ std::unique_ptr<KRVDirectoryEnumerator> KRVDirectoryEnumerator::enumeratorAtPath
   enumerator->m_topIndex = 0;
   enumerator->m_reader->beginLevel(0);
   if (Result<UniqueFd> fd = sys::open(path, O_RDONLY | O_DIRECTORY | O_NOCTTY)) {
-    if (enumerator->m_guard.admit(0, fd->get())) enumerator->m_levelFds[0] = std::move(*fd);
+    enumerator->m_guard.beginAt(fd->get());
+    enumerator->m_levelFds[0] = std::move(*fd);
   }
 
   if (stayOnFileSystem) {
@@ -168,19 +169,16 @@ bool KRVDirectoryEnumerator::pushDirectory(std::size_t nameOffset, std::size_t n
   }
 
   // The level's share of the relative path is kept in one byte: a 255-byte name below the first
-  // level adds nothing, and the folder opened is then the current one again.
+  // level adds nothing and so stands for "." (the folder the walk is in), which the guard refuses
+  // as it refuses a folder mounted into its own subtree: such a folder is returned, not walked.
   auto added = static_cast<std::uint8_t>(nameLength + (m_relativePathLength != 0 ? 1 : 0));
   // A block device, socket or the like cannot be opened as a folder.
   if (added != 0 && fileType != S_IFDIR) return false;
-  const char* name = m_pathBuffer.get() + m_relativeStart + nameOffset;
+  const char* name = added == 0 ? "." : m_pathBuffer.get() + m_relativeStart + nameOffset;
   Result<UniqueFd> fd =
-      added == 0 ? sys::openAt(m_levelFds[m_topIndex].get(), ".", O_RDONLY | O_DIRECTORY | O_NOCTTY)
-                 : sys::openAt(m_levelFds[m_topIndex].get(), name,
-                               O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NOCTTY);
+      m_guard.enter(static_cast<std::size_t>(m_topIndex) + 1, m_levelFds[m_topIndex].get(), name,
+                    O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NOCTTY);
   if (!fd) return false;
-  // A folder already open below (the one a 255-byte name reopens, a folder mounted into its own
-  // subtree) is returned but not walked again.
-  if (!m_guard.admit(static_cast<std::size_t>(m_topIndex) + 1, fd->get())) return false;
 
   ++m_topIndex;
   m_levelFds[m_topIndex] = std::move(*fd);

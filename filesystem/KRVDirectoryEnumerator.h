@@ -32,8 +32,9 @@
 // one of the limits. The enumerator never reports an error to its caller: a folder that cannot be
 // opened or read is returned but not walked, a read error ends its folder.
 //
-// System calls, per folder: openat (relative to the parent's descriptor, O_NOFOLLOW), fstat for
-// the walk guard, getdents64 until it returns 0, close. Per entry: nothing, where the file system
+// System calls, per folder: openat2 (relative to the parent's descriptor, O_NOFOLLOW, telling a
+// mount point apart for the walk guard, which then adds an openat and an fstat), getdents64 until
+// it returns 0, close. Per entry: nothing, where the file system
 // reports the entry type; otherwise an fstatat. With the stay flag, each candidate needs an fstatat
 // for its device.
 //
@@ -41,7 +42,7 @@
 // walk; several concurrent walks need RLIMIT_NOFILE raised accordingly (the daemon's job). When
 // descriptors run out, folders cannot be opened and are returned without being walked. Memory is
 // one buffer mapping of about 1.25 MiB (only touched pages become resident), the path buffer and
-// the guard's 8 KiB of folder identities; nothing is allocated per level or per entry.
+// the guard's 12 KiB of level records; nothing is allocated per level or per entry.
 //
 // Threads: an enumerator belongs to one thread; it has no locks. Separate enumerators on separate
 // threads share nothing.

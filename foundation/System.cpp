@@ -1,6 +1,7 @@
 #include "foundation/System.h"
 
 #include <fcntl.h>
+#include <linux/openat2.h>
 #include <sys/random.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -21,6 +22,17 @@ Result<UniqueFd> openAt(int directoryFd, const char* path, int flags, mode_t mod
     int fd = ::openat(directoryFd, path, flags | O_CLOEXEC, mode);
     if (fd >= 0) return UniqueFd(fd);
     if (errno != EINTR) return Error::fromErrno("open");
+  }
+}
+
+Result<UniqueFd> openAtWithinMount(int directoryFd, const char* path, int flags) {
+  struct open_how how {};
+  how.flags = static_cast<std::uint64_t>(flags | O_CLOEXEC);
+  how.resolve = RESOLVE_NO_XDEV;
+  for (;;) {
+    long fd = ::syscall(SYS_openat2, directoryFd, path, &how, sizeof how);
+    if (fd >= 0) return UniqueFd(static_cast<int>(fd));
+    if (errno != EINTR) return Error::fromErrno("openat2");
   }
 }
 

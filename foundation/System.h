@@ -21,6 +21,9 @@ namespace krv::sys {
 
 Result<UniqueFd> open(const std::string& path, int flags, mode_t mode = 0);
 Result<UniqueFd> openAt(int directoryFd, const char* path, int flags, mode_t mode = 0);
+// openat2 with RESOLVE_NO_XDEV: as openAt without creation, but EXDEV when the path would cross a
+// mount point (bind mounts included); ENOSYS where the kernel (or a sandbox) has no openat2.
+Result<UniqueFd> openAtWithinMount(int directoryFd, const char* path, int flags);
 
 // One read or write of at most `buffer.size()` bytes, retried on EINTR; returns the count.
 Result<std::size_t> read(int fd, std::span<std::uint8_t> buffer);
