@@ -9,10 +9,9 @@
 // more than a spool may hold ends with the spool's POSIX error, logged, and sends no records), the
 // multi-pattern search holds the records of at most 100 objects, the measurements hold a number.
 // Every walk is guarded against folders that reappear below themselves (filesystem/WalkGuard.h),
-// so each ends on any tree. The searches stop without a
-// result once the client is gone: at a failed send, and, in walks that send nothing for a long
-// time, when the response pipe shows that nobody reads it any more. The count alone never stops for
-// that: only its abort marker stops it.
+// so each ends on any tree. The searches stop without a result once the client is gone: at a
+// failed send, and, in walks that send nothing for a long time, when the response pipe shows that
+// nobody reads it any more. The count alone never stops for that: only its abort marker stops it.
 
 #include <fcntl.h>
 #include <limits.h>

@@ -19,8 +19,8 @@
 // below the first level adds nothing: such a "folder" reopens its parent. This is a deliberate
 // part of the walk's behaviour, and it meets the walk guard (filesystem/WalkGuard.h): a folder
 // that is already open on the walk's stack (same device and inode) is returned but not walked,
-// like one that cannot be opened. So the reopened parent is not listed again, and a folder bind-
-// mounted into its own subtree is walked once; no tree, however built, makes a walk branch
+// like one that cannot be opened. So the reopened parent is not listed again, and a folder
+// bind-mounted into its own subtree is walked once; no tree, however built, makes a walk branch
 // without end. Entries whose names exceed 255 bytes (only some network and user-space file
 // systems have them) are returned but never entered.
 //
@@ -34,9 +34,8 @@
 //
 // System calls, per folder: openat2 (relative to the parent's descriptor, O_NOFOLLOW, telling a
 // mount point apart for the walk guard, which then adds an openat and an fstat), getdents64 until
-// it returns 0, close. Per entry: nothing, where the file system
-// reports the entry type; otherwise an fstatat. With the stay flag, each candidate needs an fstatat
-// for its device.
+// it returns 0, close. Per entry: nothing, where the file system reports the entry type;
+// otherwise an fstatat. With the stay flag, each candidate needs an fstatat for its device.
 //
 // Resources: the walk keeps one open descriptor per open level, so up to 500 descriptors per
 // walk; several concurrent walks need RLIMIT_NOFILE raised accordingly (the daemon's job). When
