@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <utility>
 
@@ -45,14 +46,22 @@ Result<UniqueFd> WalkGuard::enter(std::size_t level, int parentFd, const char* n
   }
 
   bool crossesMount = !m_detectsMounts;
+  bool withoutOpenat2 = false;
   Result<UniqueFd> folder = Error::posix(EXDEV);
   if (m_detectsMounts) {
     folder = sys::openAtWithinMount(parentFd, name, flags);
-    if (!folder && folder.error().code() == ENOSYS) m_detectsMounts = false;
-    crossesMount = !folder && (folder.error().code() == EXDEV || !m_detectsMounts);
+    const std::int64_t code = folder ? 0 : folder.error().code();
+    crossesMount = code == EXDEV;
+    // Sandboxes that do not know openat2 refuse it with ENOSYS or EPERM.
+    withoutOpenat2 = code == ENOSYS || code == EPERM;
   }
-  if (crossesMount) folder = sys::openAt(parentFd, name, flags);
+  if (crossesMount || withoutOpenat2) folder = sys::openAt(parentFd, name, flags);
   if (!folder) return folder;
+  if (withoutOpenat2) {
+    // The plain opening worked: mount points cannot be told apart, so every folder is compared.
+    m_detectsMounts = false;
+    crossesMount = true;
+  }
 
   const bool checksHere = level > 0 && m_levels.back().checksBelow;
   Level entered{folder->get(), false, checksHere, 0, 0};
