@@ -82,10 +82,6 @@ Result<UniqueFd> WalkGuard::enter(std::size_t level, int parentFd, const char* n
   return folder;
 }
 
-}  // namespace krv
-
-namespace krv {
-
 bool WalkGuard::isRefusal(const Error& error) {
   return error.isPosix() && error.code() == ELOOP &&
          (error.operation() == kTooDeep || error.operation() == kAlreadyOpen);

@@ -17,9 +17,9 @@
 // RESOLVE_NO_XDEV, which fails with EXDEV at a mount point: an ordinary folder costs no system
 // call beyond its opening. A mount point is opened again normally and its device and inode
 // (fstat) compared with those of the open levels (read from their descriptors when first needed);
-// below one whose file system is also that of a level above, every folder is compared. Where the
-// kernel has no openat2, every folder is compared (one fstat each). Memory: one small record per
-// level up to the capacity given at construction, allocated then.
+// below one whose file system is also that of a level above, every folder is compared. Where
+// openat2 is missing (or a sandbox refuses it), every folder is compared (one fstat each). Memory:
+// one small record per level up to the capacity given at construction, allocated then.
 //
 // What it cannot see: a file system that reports a folder below itself without a mount point (a
 // corrupt one, or a user-space file system other users may enter) is bounded only by the walk's
@@ -27,7 +27,7 @@
 //
 // Levels: the walk calls beginAt for its base (level 0) and enter for each folder it goes into,
 // with the level that folder takes; levels 0 .. level - 1 must be the walk's open folders, whose
-// descriptors stay open meanwhile. Whatever was recorded at that level and below it is forgotten
+// descriptors stay open meanwhile. Whatever was recorded at that level and deeper is forgotten
 // (the walk has left those folders).
 //
 // Errors: a refused folder is POSIX ELOOP (already open, or a level beyond the capacity);
