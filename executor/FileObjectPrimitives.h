@@ -18,7 +18,8 @@
 // folder holding it) and changes flags through that descriptor, so the object whose flags were
 // read is the object whose flags are written. Walks go from open folder to open folder without
 // following any link; only the length of the path they build is limited (ENAMETOOLONG past 4095
-// bytes), as for any path the daemon names.
+// bytes), as for any path the daemon names. They are the file manager's walks, with its depth
+// limit and its guard: a folder already open further up is not walked again.
 //
 // Errors: the command error domain for the codes below (with {"FailingPath": path} where noted),
 // otherwise the POSIX domain with the errno of the failed call and {"FailingPath": path}, the path

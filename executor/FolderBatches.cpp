@@ -39,7 +39,8 @@ void FolderBatches::add(int folderFd, std::string_view folderPath, std::string_v
     m_collecting = true;
   }
   m_current.names.append(name).push_back('\0');
-  if (m_current.names.size() >= kBatchBytes) close();
+  m_currentPathBytes += folderPath.size() + name.size();
+  if (m_current.names.size() >= kBatchBytes || m_currentPathBytes >= kBatchPathBytes) close();
 }
 
 void FolderBatches::finish() {
@@ -56,6 +57,7 @@ void FolderBatches::finish() {
 void FolderBatches::close() {
   if (!m_collecting) return;
   m_collecting = false;
+  m_currentPathBytes = 0;
   auto slot = std::make_unique<Slot>();
   slot->batch = std::exchange(m_current, Batch{});
   push(std::move(slot));

@@ -11,8 +11,13 @@
 // out as a one-threaded walk would produce it.
 //
 // Memory and descriptors: at most kMaximumBatches batches exist at once, each with about
-// kBatchBytes of names, its results and one descriptor. When no thread can be started, or no
-// descriptor can be had for a batch, the walking thread does the work itself.
+// kBatchBytes of names, its results and one descriptor. A batch also ends once the paths of its
+// objects (folder path and name, which is what a record of it would hold) reach kBatchPathBytes,
+// so that short names in a deep folder cannot make a batch's results large. When no thread can
+// be started, or no descriptor can be had for a batch, the walking thread does the work itself.
+//
+// It does not walk: depth, re-entry and the end of a walk are the feeding walk's (see
+// filesystem/KRVDirectoryEnumerator.h, filesystem/FileManagerEnumerator.h).
 //
 // Threads: add() and finish() belong to the walking thread; the work function runs on either
 // thread (it must be thread-safe with respect to itself), the delivery function on the walking
@@ -38,6 +43,7 @@ namespace krv {
 class FolderBatches {
  public:
   static constexpr std::size_t kBatchBytes = 4096;
+  static constexpr std::size_t kBatchPathBytes = 64 * 1024;
   static constexpr std::size_t kMaximumBatches = 6;
 
   struct Batch {
@@ -87,6 +93,7 @@ class FolderBatches {
   Function m_work;
   Function m_deliver;
   Batch m_current;
+  std::size_t m_currentPathBytes = 0;
   bool m_collecting = false;
 
   std::mutex m_mutex;

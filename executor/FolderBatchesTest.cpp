@@ -6,8 +6,10 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstring>
 #include <string>
 #include <thread>
 #include <vector>
@@ -51,6 +53,30 @@ TEST(FolderBatchesTest, DeliversInTheOrderAddedWhoeverWorkedTheBatch) {
   // At most the bounded number of batches (of about 4 KiB of names each) is ever pending.
   const std::size_t namesPerBatch = FolderBatches::kBatchBytes / 10 + 1;
   EXPECT_LE(mostPending, (FolderBatches::kMaximumBatches + 1) * namesPerBatch);
+}
+
+// Short names in a deep folder: the records of a batch hold whole paths, so a batch ends by the
+// bytes of its paths too, not only by those of its names.
+TEST(FolderBatchesTest, ABatchHoldsBoundedPathsHoweverShortItsNames) {
+  Result<UniqueFd> folder = sys::open("/", O_RDONLY | O_DIRECTORY);
+  ASSERT_TRUE(folder);
+  const std::string deep = std::string(4000, 'd') + "/";
+  std::size_t largest = 0;
+  std::size_t total = 0;
+  FolderBatches batches(
+      [](FolderBatches::Batch& batch) {  // the path bytes its records would hold
+        batch.forEachName([&batch](const char* name) {
+          batch.length += batch.folderPath.size() + std::strlen(name);
+        });
+      },
+      [&](FolderBatches::Batch& batch) {
+        largest = std::max<std::size_t>(largest, batch.length);
+        total += batch.length;
+      });
+  for (int i = 0; i < 2000; ++i) batches.add(folder->get(), deep, std::to_string(i % 10));
+  batches.finish();
+  EXPECT_EQ(total, 2000u * (deep.size() + 1));
+  EXPECT_LE(largest, FolderBatches::kBatchPathBytes + deep.size() + 1);
 }
 
 TEST(FolderBatchesTest, DroppingUnfinishedBatchesStopsTheHelper) {

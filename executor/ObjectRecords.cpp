@@ -5,6 +5,8 @@
 #include <fcntl.h>
 #include <limits.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <span>
 
@@ -31,6 +33,8 @@ constexpr std::size_t kFixedPart = 4 + 1 + 8 + 8 + 4;
 // No path the file system can name is longer; anything longer is not a record of this spool.
 constexpr std::uint32_t kLongestPath = 1024 * 1024;
 constexpr std::size_t kFileReadSize = 64 * 1024;
+// The share of its file system that a spool file leaves free, at least: a twentieth.
+constexpr std::uint64_t kFreeShareDivisor = 20;
 
 std::uint8_t typeIndex(std::string_view type) {
   for (std::uint8_t i = 0; i < std::size(kTypeNames); ++i) {
@@ -179,40 +183,78 @@ class ObjectRecordSpool::Reader {
   std::size_t m_memoryPosition = 0;
 };
 
-ObjectRecordSpool::ObjectRecordSpool(std::size_t memoryBudget,
-                                     std::vector<std::string> spillFolders)
-    : m_memoryBudget(memoryBudget), m_spillFolders(std::move(spillFolders)) {}
-
-void ObjectRecordSpool::append(const ObjectRecord& record) {
+bool ObjectRecordSpool::append(const ObjectRecord& record) {
+  if (m_refusal) return false;
+  const std::uint64_t held = m_fileLength + m_memory.size();
+  if (held + kFixedPart + record.path.size() > m_limits.maximumSize) {
+    refuse(Error::posix(EFBIG, "search records"));
+    return false;
+  }
   encode(record, m_memory);
   ++m_count;
-  if (m_memory.size() >= m_memoryBudget) spill();
+  if (m_memory.size() >= m_limits.memoryBudget) spill();
+  return !m_refusal;
+}
+
+// Ordinary users keep their share of the file system: a spool file never takes it from them.
+Status ObjectRecordSpool::checkRoom(int fileFd, std::uint64_t length) const {
+  KRV_TRY(struct statvfs fileSystem, sys::fileSystemStatus(fileFd));
+  const std::uint64_t blockSize = fileSystem.f_frsize;
+  const std::uint64_t available = fileSystem.f_bavail * blockSize;
+  const std::uint64_t share = fileSystem.f_blocks / kFreeShareDivisor * blockSize;
+  const std::uint64_t floor = std::max(m_limits.minimumFreeSpace, share);
+  if (available < floor || available - floor < length) {
+    return Error::posix(ENOSPC, "search records");
+  }
+  return {};
 }
 
 void ObjectRecordSpool::spill() {
-  if (m_fileUnavailable) return;
-  if (!m_file) {
-    for (const std::string& folder : m_spillFolders) {
+  if (!m_file && !m_fileUnavailable) {
+    // The first folder that can make the file and has room for it; none that can make one leaves
+    // the records in memory, none with room refuses them.
+    std::optional<Error> noRoom;
+    for (const std::string& folder : m_limits.spillFolders) {
       Result<UniqueFd> file = sys::open(folder, O_TMPFILE | O_RDWR | O_NOCTTY, 0600);
-      if (file) {
-        m_file = std::move(*file);
-        break;
+      if (!file) continue;
+      if (Status room = checkRoom(file->get(), m_memory.size()); !room) {
+        noRoom = std::move(room).error();
+        continue;
       }
+      m_file = std::move(*file);
+      break;
     }
-    if (!m_file) {
-      m_fileUnavailable = true;
+    if (!m_file && noRoom) {
+      refuse(std::move(*noRoom));
       return;
     }
+    m_fileUnavailable = !m_file;
   }
-  std::span<const std::uint8_t> bytes(reinterpret_cast<const std::uint8_t*>(m_memory.data()),
-                                      m_memory.size());
-  if (!sys::writeAll(m_file.get(), bytes)) {
-    // The file holds its whole records up to m_fileLength; these stay in memory.
-    m_fileUnavailable = true;
+  if (m_fileUnavailable) {
+    if (m_memory.size() > m_limits.memoryOnlyLimit) refuse(Error::posix(ENOSPC, "search records"));
+    return;
+  }
+
+  Status written = checkRoom(m_file.get(), m_memory.size());
+  if (written) {
+    written = sys::writeAll(
+        m_file.get(), std::span<const std::uint8_t>(
+                          reinterpret_cast<const std::uint8_t*>(m_memory.data()), m_memory.size()));
+  }
+  if (!written) {
+    refuse(std::move(written).error());
     return;
   }
   m_fileLength += m_memory.size();
   m_memory.clear();
+}
+
+void ObjectRecordSpool::refuse(Error reason) {
+  m_refusal = std::move(reason);
+  // Nothing of a refused spool is ever sent: its memory and disk go back at once.
+  m_memory = std::vector<char>();
+  m_file.reset();
+  m_fileLength = 0;
 }
 
 void ObjectRecordSpool::clear() {
@@ -221,11 +263,14 @@ void ObjectRecordSpool::clear() {
   m_fileLength = 0;
   m_fileUnavailable = false;
   m_count = 0;
+  m_refusal.reset();
 }
 
 bool ObjectRecordSpool::sendPayload(KRVCommandExecutor& executor, std::string_view key,
                                     std::size_t granularity, double progressOffset) {
   KRV_ASSERT(!key.empty() && granularity != 0 && progressOffset >= 0.0, "ObjectRecordSpool");
+  // A refused spool no longer holds its records: what it took is not the search's result.
+  KRV_ASSERT(!m_refusal, "ObjectRecordSpool");
   Reader reader(*this);
   // Each chunk is one payload message, built in place: the shape of the executor's payload chunks
   // (progress first, then the records under the key), without copying the records once more.

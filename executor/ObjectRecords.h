@@ -10,14 +10,26 @@
 //
 // ObjectRecordSpool collects the records of a search that must know how many it found before it
 // sends the first one (the progress values of the chunks depend on the total). It keeps them in a
-// compact form, at most a fixed budget in memory; beyond that it moves them to an unnamed
-// temporary file (O_TMPFILE, so no other process can reach it by name and it vanishes with the
-// spool). Only when no such file can be had do the records stay in memory. The memory of a search
-// therefore stays flat however many objects match; the disk holds about the length of a path plus
-// 21 bytes per record until the search ends.
+// compact form (the path plus 25 bytes each), at most a fixed budget in memory; beyond that it
+// moves them to an unnamed temporary file (O_TMPFILE, so no other process can reach it by name and
+// it vanishes with the spool). The memory of a search therefore stays flat however many objects
+// match.
 //
-// Errors: none are reported. A file that cannot be written is given up (the records that reached
-// it are kept, the rest stay in memory). Not synchronised: one spool, one thread.
+// Bounds: the trees a search walks may be built by any user, so what one search may hold is
+// capped, not merely spread between memory and disk (docs/search-commands.md says why these
+// values):
+//   - at most maximumSize bytes of records in all (1 GiB, some ten million records): beyond that
+//     the spool refuses with POSIX EFBIG;
+//   - the file is made in the first spill folder whose file system has room, and written only
+//     while that file system keeps, after the write, at least minimumFreeSpace bytes (256 MiB) or
+//     a twentieth of its size, whichever is more, free for ordinary users; otherwise, and when a
+//     write fails, the spool refuses with POSIX ENOSPC (or the write's error);
+//   - without any file (no spill folder can make one) at most memoryOnlyLimit bytes (16 MiB) stay
+//     in memory; beyond that the spool refuses with POSIX ENOSPC.
+// Once it has refused a record the spool refuses every later one and keeps why (refusal()); the
+// caller is expected to end its search with that error rather than send an incomplete result.
+//
+// Errors: only the refusal above. Not synchronised: one spool, one thread.
 
 #include <sys/stat.h>
 
@@ -26,8 +38,11 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
+#include "foundation/Error.h"
+#include "foundation/Result.h"
 #include "foundation/UniqueFd.h"
 #include "foundation/Value.h"
 
@@ -56,22 +71,30 @@ Value objectRecordValue(ObjectRecord record);
 // Appends the record of the object at `path` when there is one; answers whether it did.
 bool addFileSystemObjectInfoToArray(Array& array, const std::string& path);
 
+// The bounds of a spool; the defaults are the daemon's, tests make them small.
+struct ObjectRecordSpoolLimits {
+  std::size_t memoryBudget = 1024 * 1024;
+  std::uint64_t maximumSize = std::uint64_t{1} << 30;
+  std::size_t memoryOnlyLimit = 16 * 1024 * 1024;
+  std::uint64_t minimumFreeSpace = std::uint64_t{256} << 20;
+  // Where the temporary file is made, in this order: on disk first (a tmpfs would hold the
+  // records in memory after all). An empty list keeps everything in memory.
+  std::vector<std::string> spillFolders{"/var/tmp", "/tmp"};
+};
+
 class ObjectRecordSpool {
  public:
-  static constexpr std::size_t kMemoryBudget = 1024 * 1024;
-  // Where the temporary file is made, in this order: on disk first (a tmpfs would hold the
-  // records in memory after all).
-  static constexpr const char* kSpillFolders[] = {"/var/tmp", "/tmp"};
-
   ObjectRecordSpool() = default;
-  // For tests: a smaller budget, other folders (an empty list keeps everything in memory).
-  ObjectRecordSpool(std::size_t memoryBudget, std::vector<std::string> spillFolders);
+  explicit ObjectRecordSpool(ObjectRecordSpoolLimits limits) : m_limits(std::move(limits)) {}
   ObjectRecordSpool(const ObjectRecordSpool&) = delete;
   ObjectRecordSpool& operator=(const ObjectRecordSpool&) = delete;
 
-  void append(const ObjectRecord& record);
+  // Takes the record; false when the spool refuses it (see refusal()).
+  bool append(const ObjectRecord& record);
   std::uint64_t count() const { return m_count; }
-  // Forgets every record and the temporary file.
+  // Why the spool stopped taking records; nothing while it takes them.
+  const std::optional<Error>& refusal() const { return m_refusal; }
+  // Forgets every record, the temporary file and a refusal.
   void clear();
   // Whether records went to the temporary file (for tests and diagnostics).
   bool hasSpilled() const { return m_fileLength > 0; }
@@ -87,14 +110,16 @@ class ObjectRecordSpool {
   class Reader;
 
   void spill();
+  Status checkRoom(int fileFd, std::uint64_t length) const;
+  void refuse(Error reason);
 
-  std::size_t m_memoryBudget = kMemoryBudget;
-  std::vector<std::string> m_spillFolders{kSpillFolders[0], kSpillFolders[1]};
+  ObjectRecordSpoolLimits m_limits;
   std::vector<char> m_memory;      // encoded records not in the file, the newest ones
   UniqueFd m_file;                 // the temporary file once made
   std::uint64_t m_fileLength = 0;  // bytes of whole records in the file
-  bool m_fileUnavailable = false;  // no file could be made or written: memory only from now
+  bool m_fileUnavailable = false;  // no file could be made: memory only from now
   std::uint64_t m_count = 0;
+  std::optional<Error> m_refusal;
 };
 
 }  // namespace krv

@@ -2,7 +2,11 @@
 // sends for the same records given as one array.
 
 #include <gtest/gtest.h>
+#include <sys/mount.h>
+#include <sys/statvfs.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <string>
 #include <vector>
 
@@ -33,7 +37,7 @@ TEST(ObjectRecordSpoolTest, SendsExactlyWhatTheArrayWouldWhereverItKeptTheRecord
     bool spills;
   };
   const Where places[] = {
-      {"memory", ObjectRecordSpool::kMemoryBudget, {"/var/tmp", "/tmp"}, false},
+      {"memory", ObjectRecordSpoolLimits{}.memoryBudget, {"/var/tmp", "/tmp"}, false},
       {"file after every record", 1, {"/var/tmp", "/tmp"}, true},
       {"file every few kilobytes", 9000, {"/var/tmp", "/tmp"}, true},
       {"no folder for a file", 1, {}, false},
@@ -47,7 +51,7 @@ TEST(ObjectRecordSpoolTest, SendsExactlyWhatTheArrayWouldWhereverItKeptTheRecord
     const std::vector<Error> wanted = expected.messages();
 
     for (const Where& place : places) {
-      ObjectRecordSpool spool(place.budget, place.folders);
+      ObjectRecordSpool spool({.memoryBudget = place.budget, .spillFolders = place.folders});
       for (std::size_t i = 0; i < count; ++i) spool.append(recordNumber(i));
       EXPECT_EQ(spool.count(), count);
       if (!place.spills) {
@@ -63,7 +67,7 @@ TEST(ObjectRecordSpoolTest, SendsExactlyWhatTheArrayWouldWhereverItKeptTheRecord
 }
 
 TEST(ObjectRecordSpoolTest, ClearForgetsEverythingIncludingTheFile) {
-  ObjectRecordSpool spool(1, {"/var/tmp", "/tmp"});
+  ObjectRecordSpool spool({.memoryBudget = 1});
   for (std::size_t i = 0; i < 50; ++i) spool.append(recordNumber(i));
   spool.clear();
   EXPECT_EQ(spool.count(), 0u);
@@ -77,6 +81,64 @@ TEST(ObjectRecordSpoolTest, ClearForgetsEverythingIncludingTheFile) {
   const Array& records = *sent[0].userInfo().find("FileSystemObjects")->asArray();
   ASSERT_EQ(records.size(), 1u);
   EXPECT_EQ(records[0], objectRecordValue(recordNumber(7)));
+}
+
+// A tree anyone can fill must not fill the daemon's disk or memory: past its bounds the spool
+// refuses, keeps refusing, and gives back what it held.
+TEST(ObjectRecordSpoolTest, RefusesEverythingPastItsBounds) {
+  struct Bound {
+    const char* name;
+    ObjectRecordSpoolLimits limits;
+    std::uint64_t held;  // the bound on the encoded records
+    int refusal;
+  };
+  const Bound bounds[] = {
+      {"size", {.memoryBudget = 4096, .maximumSize = 50000}, 50000, EFBIG},
+      {"memory without a file",
+       {.memoryBudget = 4096, .memoryOnlyLimit = 50000, .spillFolders = {}},
+       50000 + 5100,  // the record that passes the limit is the last one taken
+       ENOSPC},
+  };
+  for (const Bound& bound : bounds) {
+    SCOPED_TRACE(bound.name);
+    ObjectRecordSpool spool(bound.limits);
+    std::uint64_t held = 0;
+    std::size_t i = 0;
+    while (i < 1000 && spool.append(recordNumber(i))) held += 25 + recordNumber(i++).path.size();
+    ASSERT_TRUE(spool.refusal());
+    EXPECT_EQ(spool.refusal()->code(), bound.refusal);
+    EXPECT_LE(held, bound.held);
+    EXPECT_GT(held, bound.held / 2);
+    EXPECT_FALSE(spool.append(recordNumber(0)));
+    EXPECT_FALSE(spool.hasSpilled());
+
+    spool.clear();
+    EXPECT_FALSE(spool.refusal());
+    EXPECT_TRUE(spool.append(recordNumber(0)));
+  }
+}
+
+TEST(ObjectRecordSpoolTest, LeavesOrdinaryUsersTheirShareOfTheFileSystem) {
+  test::TestFileTree tree;
+  const std::string folder = tree.path("small");
+  ASSERT_EQ(::mkdir(folder.c_str(), 0755), 0);
+  constexpr std::uint64_t kFloor = 1 << 20;
+  const std::string answer = test::inPrivateMount(folder, "tmpfs", [&] {
+    if (::mount("tmpfs", folder.c_str(), "tmpfs", 0, "size=4m") != 0) return std::string("child:");
+    ObjectRecordSpool spool(
+        {.memoryBudget = 8192, .minimumFreeSpace = kFloor, .spillFolders = {folder}});
+    std::uint64_t leastFree = ~std::uint64_t{0};
+    for (std::size_t i = 0; i < 100000 && spool.append(recordNumber(i)); ++i) {
+      struct statvfs status {};
+      if (::statvfs(folder.c_str(), &status) != 0) return std::string("statvfs");
+      leastFree = std::min<std::uint64_t>(leastFree, status.f_bavail * status.f_frsize);
+    }
+    if (!spool.refusal()) return std::string("never refused");
+    return std::to_string(spool.refusal()->code()) + (spool.hasSpilled() ? " kept" : " freed") +
+           (leastFree >= kFloor ? " floor held" : " floor broken: " + std::to_string(leastFree));
+  });
+  if (answer.starts_with("child:")) GTEST_SKIP() << answer;
+  EXPECT_EQ(answer, std::to_string(ENOSPC) + " freed floor held");
 }
 
 }  // namespace

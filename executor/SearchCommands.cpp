@@ -5,11 +5,13 @@
 // most where the answer allows it (a status read relative to the open folder, never a path lookup
 // from the root); the age search and the storage size share those reads with a helper thread
 // (executor/FolderBatches.h). They keep nothing per object beyond the object: the age and prefix
-// searches spool their records (executor/ObjectRecords.h), the multi-pattern search holds the
-// records of at most 100 objects, the measurements hold a number. The searches stop without a
-// result once the client is gone: at a failed send, and, in walks that send nothing for a long
-// time, when the response pipe shows that nobody reads it any more. The count alone never stops for
-// that: only its abort marker stops it.
+// searches spool their records (executor/ObjectRecords.h, which bounds them: a search that finds
+// more than a spool may hold ends with the spool's POSIX error, logged, and sends no records), the
+// multi-pattern search holds the records of at most 100 objects, the measurements hold a number.
+// Every walk is guarded against folders that reappear below themselves (filesystem/WalkGuard.h),
+// so each ends on any tree. The searches stop without a result once the client is gone: at a
+// failed send, and, in walks that send nothing for a long time, when the response pipe shows that
+// nobody reads it any more. The count alone never stops for that: only its abort marker stops it.
 
 #include <fcntl.h>
 #include <limits.h>
@@ -28,8 +30,10 @@
 #include "filesystem/FolderReader.h"
 #include "filesystem/KRVDirectoryEnumerator.h"
 #include "filesystem/PathNames.h"
+#include "foundation/Format.h"
 #include "foundation/NameValue.h"
 #include "foundation/System.h"
+#include "foundation/SystemLog.h"
 #include "protocol/CommandTable.h"
 
 namespace krv {
@@ -168,6 +172,19 @@ bool matchesAny(const std::vector<NamePattern>& patterns, std::string_view name)
   return false;
 }
 
+// The end of a search whose spool refused its records: nothing more is sent, the administrator
+// learns of it (the client's path stays out of the log), and the client gets the spool's reason.
+Error refusedSearch(KRVCommandExecutor& executor, const char* search,
+                    const ObjectRecordSpool& spool) {
+  const int code = static_cast<int>(spool.refusal()->code());
+  if (SystemLog* log = executor.log()) {
+    log->log(SystemLog::Level::Warning,
+             format("%s stopped after %llu records: %s", search,
+                    static_cast<unsigned long long>(spool.count()), sys::errorText(code).c_str()));
+  }
+  return Error::posix(code);
+}
+
 Error successWithSize(std::uint64_t size) {
   Dictionary userInfo;
   userInfo.set(key::kSize, Value::unsignedInteger(size));
@@ -201,8 +218,10 @@ CommandResult KRVCommandExecutor::searchForFileSystemObjectsOlderThanDays(const 
     const std::string_view name = walk->currentEntryName();
     batches.add(walk->currentEntryDirectoryFd(), object.substr(0, object.size() - name.size()),
                 name);
+    if (found.refusal()) return refusedSearch(*this, "Age search", found);
   }
   batches.finish();
+  if (found.refusal()) return refusedSearch(*this, "Age search", found);
   if (!found.sendPayload(*this, key::kFileSystemObjects, kPayloadGranularity,
                          kSearchStartProgress)) {
     return std::nullopt;
@@ -246,7 +265,9 @@ CommandResult KRVCommandExecutor::searchForFileSystemObjectsWithPrefix(const std
       const std::string object = appendingPathComponent(base, entry->name);
       bool isDirectory = false;
       if (!FileManager::fileExists(object, isDirectory) || isDirectory != matchFolders) continue;
-      if (std::optional<ObjectRecord> record = objectRecordForPath(object)) found.append(*record);
+      if (std::optional<ObjectRecord> record = objectRecordForPath(object)) {
+        if (!found.append(*record)) return refusedSearch(*this, "Prefix search", found);
+      }
     }
     if (reader.error()) found.clear();
   }
@@ -273,10 +294,10 @@ Error KRVCommandExecutor::getStorageSizeOfSubtreeAtPath(const std::string& path)
       [&total](FolderBatches::Batch& batch) { total += batch.length; });
   Result<FileManagerEnumerator> walk = FileManager::enumerator(base);
   if (walk) {
-    // The object's absolute path is the base, a separator (none after "/") and the relative path.
-    // A path the kernel would refuse as too long cannot be measured and adds nothing; every other
-    // object is read relative to its open folder, which answers what the path would.
-    const std::size_t baseLength = base.size() + (base == "/" ? 0 : 1);
+    // The object's absolute path is the base joined with the relative path. A path the kernel
+    // would refuse as too long cannot be measured and adds nothing; every other object is read
+    // relative to its open folder, which answers what the path would.
+    const std::size_t baseLength = pathPrefixBelow(base).size();
     std::uint64_t seen = 0;
     while (std::optional<std::string_view> relative = walk->nextRelativePath()) {
       // Nobody can receive the size any more: the walk ends early, and the final message fails.

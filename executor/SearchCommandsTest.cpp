@@ -3,6 +3,7 @@
 // staying on the volume) are in tests/daemon.
 
 #include <fcntl.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -137,6 +138,29 @@ TEST_F(SearchCommandsTest, AgeSearchJudgesLinksByWhatTheyNameAndDescribesTheObje
   }
 }
 
+// The base "." once gave ".sub" in the walks that build paths in their own buffers.
+TEST_F(SearchCommandsTest, EverySearchJoinsARelativeBaseAndItsObjectsWithASeparator) {
+  make({"base/sub/", "base/sub/file"});
+  UniqueFd savedDirectory(::open(".", O_PATH | O_DIRECTORY | O_CLOEXEC));
+  ASSERT_EQ(::chdir(m_base.c_str()), 0);
+  auto paths = [&] {
+    reports();
+    std::vector<std::string> result;
+    for (const Dictionary& record : m_records) result.push_back(*record.find("Path")->asString());
+    std::sort(result.begin(), result.end());
+    return result;
+  };
+  using Paths = std::vector<std::string>;
+  expectResult(run(14, {text("."), number(0), number(0)}), kCommandErrorDomain, 0);
+  EXPECT_EQ(paths(), (Paths{"./sub", "./sub/file"}));
+  expectResult(patternSearch(".", {text("1"), text("s"), text("0"), text("file")}),
+               kCommandErrorDomain, 0);
+  EXPECT_EQ(paths(), (Paths{"./sub", "./sub/file"}));
+  expectResult(run(16, {text("."), text("s"), text(""), number(1)}), kCommandErrorDomain, 0);
+  EXPECT_EQ(paths(), (Paths{"./sub"}));
+  ASSERT_EQ(::fchdir(savedDirectory.get()), 0);
+}
+
 TEST_F(SearchCommandsTest, PrefixSearchMatchesNameExtensionAndKindOnOneLevel) {
   make({"data/", "alias -> data", "data/report.txt", "data/report.TXT", "data/report.txt.gz",
         "data/report", "data/other.txt", "data/reportdir/", "data/reportdir.txt/",
@@ -268,6 +292,38 @@ TEST_F(SearchCommandsTest, SearchesStopWhenTheClientIsGoneButTheCountGoesOn) {
   EXPECT_FALSE(run(16, {text(m_base), text("f"), text(""), number(0)}));
   EXPECT_FALSE(patternSearch(m_base, {text("1"), text("f")}));
   EXPECT_EQ(sizeOf(run(51, {text(m_base), text(path("marker"))})), 601u);
+}
+
+// With the spill folders nearly full, the records of a large result have nowhere to go: the
+// search ends with ENOSPC after its first progress report and sends no records at all.
+TEST_F(SearchCommandsTest, SearchesWhoseRecordsFindNoRoomEndWithoutAnyRecord) {
+  const std::string answer = test::inPrivateMount("/var/tmp", "tmpfs", [] {
+    if (::mount("tmpfs", "/var/tmp", "tmpfs", 0, "size=4m") != 0 ||
+        ::mount("tmpfs", "/tmp", "tmpfs", 0, "size=8m") != 0 || ::mkdir("/tmp/base", 0755) != 0) {
+      return std::string("child: mount");
+    }
+    // More than the spool keeps in memory: about 1.5 MiB of records.
+    const std::string prefix = "/tmp/base/" + std::string(100, 'f');
+    for (int i = 0; i < 12000; ++i) {
+      if (::close(::creat((prefix + std::to_string(i)).c_str(), 0644)) != 0) return std::string();
+    }
+    std::string outcome;
+    for (std::uint32_t code : {14u, 16u}) {
+      test::ExecutorWithPipe client;
+      const CommandResult result =
+          code == 14 ? client.run(14, {text("/tmp/base"), number(0), number(0)})
+                     : client.run(16, {text("/tmp/base"), text("f"), text(""), number(0)});
+      outcome += result ? result->domain() + " " + std::to_string(result->code()) : "none";
+      for (const Error& message : client.messages()) {
+        outcome += message.userInfo().find("FileSystemObjects") ? " records" : " progress";
+      }
+      outcome += "; ";
+    }
+    return outcome;
+  });
+  if (answer.starts_with("child:")) GTEST_SKIP() << answer;
+  const std::string refused = std::string(kPosixErrorDomain) + " " + std::to_string(ENOSPC);
+  EXPECT_EQ(answer, refused + " progress; " + refused + " progress; ");
 }
 
 }  // namespace

@@ -19,6 +19,7 @@ Result<FileManagerEnumerator> FileManagerEnumerator::open(const std::string& pat
   Result<UniqueFd> folder = sys::open(path, kFolderOpenFlags);
   if (!folder) return FileManager::error(folder.error(), path);
   FileManagerEnumerator enumerator;
+  enumerator.m_guard.beginAt(folder->get());
   enumerator.m_levels.push_back(Level{FolderReader(std::move(*folder)), 0});
   return enumerator;
 }
@@ -71,15 +72,13 @@ std::optional<std::string_view> FileManagerEnumerator::nextRelativePath() {
 void FileManagerEnumerator::descend() {
   m_descendPending = false;
   if (m_levels.empty()) return;
-  // Each open level costs a descriptor and a buffer: a tree built deeper than any real one is
-  // reported, not followed to the end of the daemon's memory.
-  if (m_levels.size() >= kMaximumDepth) {
-    noteError(Error::posix(ELOOP, "folder nesting"));
-    return;
-  }
-  // O_NOFOLLOW: a folder replaced by a link since it was listed is not entered.
-  Result<UniqueFd> folder = sys::openAt(m_levels.back().reader.fd(), m_path.c_str() + m_nameStart,
-                                        kFolderOpenFlags | O_NOFOLLOW);
+  // O_NOFOLLOW: a folder replaced by a link since it was listed is not entered. The guard keeps
+  // out a folder already open further up (one mounted into its own subtree) and, since each open
+  // level costs a descriptor and a buffer, one deeper than kMaximumDepth: a tree built deeper than
+  // any real one is reported, not followed to the end of the daemon's memory.
+  Result<UniqueFd> folder =
+      m_guard.enter(m_levels.size(), m_levels.back().reader.fd(), m_path.c_str() + m_nameStart,
+                    kFolderOpenFlags | O_NOFOLLOW);
   if (!folder) {
     noteError(folder.error());
     return;

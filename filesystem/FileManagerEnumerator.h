@@ -9,9 +9,10 @@
 // Every level is opened relative to its parent's descriptor with O_NOFOLLOW, so the walk is
 // immune to links swapped into the tree and knows no path length limit. Each open level costs one
 // descriptor and one small buffer, so the walk enters at most kMaximumDepth levels (far beyond any
-// real tree; a deeper folder counts as one that cannot be entered, with ELOOP). A folder that
-// cannot be entered or read is handed out but its contents are passed over; the first such failure
-// is kept in firstError().
+// real tree; a deeper folder counts as one that cannot be entered, with ELOOP). Nor does it enter
+// a folder that is already open on its stack, such as a folder bind-mounted into its own subtree
+// (filesystem/WalkGuard.h; also ELOOP). A folder that cannot be entered or read is handed out but
+// its contents are passed over; the first such failure is kept in firstError().
 //
 // Owns its descriptors; movable, not copyable; one thread at a time.
 
@@ -22,6 +23,7 @@
 #include <vector>
 
 #include "filesystem/FolderReader.h"
+#include "filesystem/WalkGuard.h"
 #include "foundation/Result.h"
 
 namespace krv {
@@ -65,6 +67,7 @@ class FileManagerEnumerator {
   void noteError(const Error& error);
 
   std::vector<Level> m_levels;
+  WalkGuard m_guard{kMaximumDepth};
   std::string m_path;  // relative path of the object handed out last
   std::size_t m_nameStart = 0;
   bool m_descendPending = false;

@@ -12,6 +12,8 @@
 
 #include "filesystem/FileManager.h"
 #include "filesystem/FolderReader.h"
+#include "filesystem/PathNames.h"
+#include "filesystem/WalkGuard.h"
 #include "foundation/System.h"
 #include "platform/FileFlags.h"
 #include "platform/FileSystemCalls.h"
@@ -123,6 +125,7 @@ class TreeCopy {
   std::string m_from;  // path of the object at hand on either side, for errors
   std::string m_to;
   std::vector<Frame> m_frames;
+  WalkGuard m_guard{kMaximumTreeDepth};  // the source folders open in m_frames
   bool m_topMade = false;
   dev_t m_topDevice = 0;
   ino_t m_topInode = 0;
@@ -163,10 +166,8 @@ Status TreeCopy::copyTop(int fromParentFd, const std::string& fromName, int toPa
       continue;
     }
     std::string name(entry->name);
-    m_from += '/';
-    m_from += name;
-    m_to += '/';
-    m_to += name;
+    appendPathComponent(m_from, name);
+    appendPathComponent(m_to, name);
     int fromFd = frame.source.fd();
     int toFd = frame.destination.get();
     Result<struct stat> entryStatus = sys::statAt(fromFd, name.c_str(), AT_SYMLINK_NOFOLLOW);
@@ -186,8 +187,8 @@ Status TreeCopy::copyTop(int fromParentFd, const std::string& fromName, int toPa
 }
 
 Status TreeCopy::enterFolder(int fromFd, const char* name, int toFd, const char* toName) {
-  if (m_frames.size() >= kMaximumTreeDepth) return atSource(Error::posix(ELOOP, "folder nesting"));
-  Result<UniqueFd> source = sys::openAt(fromFd, name, kFolderFlags);
+  // A folder already open further up (mounted into its own subtree) would be copied without end.
+  Result<UniqueFd> source = m_guard.enter(m_frames.size(), fromFd, name, kFolderFlags);
   if (!source) return atSource(source.error());
   Result<struct statx> status = sys::statxAt(source->get(), "", AT_EMPTY_PATH);
   if (!status) return atSource(status.error());
@@ -274,7 +275,8 @@ Status removeTree(int parentFd, const std::string& name, const std::string& path
   if (removed) return {};
   if (removed.error().code() != EISDIR) return FileManager::error(removed.error(), path);
 
-  Result<UniqueFd> top = sys::openAt(parentFd, name.c_str(), kFolderFlags);
+  WalkGuard guard(kMaximumTreeDepth);
+  Result<UniqueFd> top = guard.enter(0, parentFd, name.c_str(), kFolderFlags);
   if (!top) return FileManager::error(top.error(), path);
   std::string current = path;
   std::vector<RemovalFrame> frames;
@@ -302,8 +304,7 @@ Status removeTree(int parentFd, const std::string& name, const std::string& path
     }
 
     std::string entryName(entry->name);
-    current += '/';
-    current += entryName;
+    appendPathComponent(current, entryName);
     int folderFd = frame.reader.fd();
     if (entry->type != DT_DIR) {
       Status unlinked = sys::unlinkAt(folderFd, entryName.c_str(), 0);
@@ -312,8 +313,14 @@ Status removeTree(int parentFd, const std::string& name, const std::string& path
         return FileManager::error(unlinked.error(), current);
       }
     }
-    Result<UniqueFd> folder = sys::openAt(folderFd, entryName.c_str(), kFolderFlags);
+    // A folder already open further up (mounted into its own subtree) is not emptied through the
+    // loop, and a tree deeper than any real one is not followed: the removal stops there, as at a
+    // folder it cannot open.
+    Result<UniqueFd> folder = guard.enter(frames.size(), folderFd, entryName.c_str(), kFolderFlags);
     if (!folder) {
+      if (WalkGuard::isRefusal(folder.error())) {
+        return FileManager::error(folder.error(), current);
+      }
       std::int64_t code = folder.error().code();
       if (code == ENOENT) continue;
       // No longer a folder (or a link put in its place): removed as it is now.
@@ -323,9 +330,6 @@ Status removeTree(int parentFd, const std::string& name, const std::string& path
         return FileManager::error(unlinked.error(), current);
       }
       return FileManager::error(folder.error(), current);
-    }
-    if (frames.size() >= kMaximumTreeDepth) {
-      return FileManager::error(Error::posix(ELOOP, "folder nesting"), current);
     }
     frames.push_back(
         RemovalFrame{FolderReader(std::move(*folder)), std::move(entryName), current.size(), 0});

@@ -2,11 +2,13 @@
 // The file manager's whole-tree operations, done relative to open folders with *at() calls: the
 // removal of a tree, and its copy (or hard-link copy) to a new place. No symbolic link is ever
 // followed inside a tree; a folder is entered with O_NOFOLLOW, so a link swapped in for a folder
-// is never entered. Depth is bounded by the descriptor limit (one descriptor per open level);
-// memory is one small buffer per level.
+// is never entered. Depth is bounded by kMaximumTreeDepth and by the descriptor limit (one
+// descriptor per open level); memory is one small buffer per level. A folder already open further
+// up the walk (one bind-mounted into its own subtree) is never entered again
+// (filesystem/WalkGuard.h): the operation stops there with ELOOP, as at a folder it cannot open.
 //
-// Errors are POSIX errors with FailingPath: `path` for the top object, `path` + "/" + relative
-// path for one inside. Thread-safe (no shared state).
+// Errors are POSIX errors with FailingPath: `path` for the top object, `path` joined with the
+// relative path (appendingPathComponent) for one inside. Thread-safe (no shared state).
 
 #include <sys/types.h>
 

@@ -8,6 +8,7 @@
 #include <span>
 #include <utility>
 
+#include "filesystem/PathNames.h"
 #include "foundation/System.h"
 
 namespace krv {
@@ -58,6 +59,7 @@ std::unique_ptr<KRVDirectoryEnumerator> KRVDirectoryEnumerator::enumeratorAtPath
   enumerator->m_topIndex = 0;
   enumerator->m_reader->beginLevel(0);
   if (Result<UniqueFd> fd = sys::open(path, O_RDONLY | O_DIRECTORY | O_NOCTTY)) {
+    enumerator->m_guard.beginAt(fd->get());
     enumerator->m_levelFds[0] = std::move(*fd);
   }
 
@@ -72,15 +74,16 @@ std::unique_ptr<KRVDirectoryEnumerator> KRVDirectoryEnumerator::enumeratorAtPath
 
 KRVDirectoryEnumerator::KRVDirectoryEnumerator(std::unique_ptr<DirectoryReader> reader,
                                                const std::string& basePath)
-    : m_reader(std::move(reader)) {
-  // The limit counts the relative part only, so the buffer holds the whole base, a separator,
-  // the longest relative folder path, a separator, the longest name and a NUL.
+    : m_reader(std::move(reader)), m_guard(kMaximumOpenLevels) {
+  // The base and its separator, as every path below a base is joined.
+  const std::string prefix = pathPrefixBelow(basePath);
+  // The limit counts the relative part only, so the buffer holds the whole prefix, the longest
+  // relative folder path, a separator, the longest name and a NUL.
   std::size_t capacity =
-      basePath.size() + 1 + kMaximumRelativePathLength + 1 + DirectoryReader::kLongestName + 1;
+      prefix.size() + kMaximumRelativePathLength + 1 + DirectoryReader::kLongestName + 1;
   m_pathBuffer = std::make_unique_for_overwrite<char[]>(capacity);
-  std::memcpy(m_pathBuffer.get(), basePath.data(), basePath.size());
-  m_relativeStart = basePath.size();
-  if (basePath.size() != 1) m_pathBuffer[m_relativeStart++] = '/';
+  std::memcpy(m_pathBuffer.get(), prefix.data(), prefix.size());
+  m_relativeStart = prefix.size();
   m_pathBuffer[m_relativeStart] = '\0';
 }
 
@@ -166,15 +169,15 @@ bool KRVDirectoryEnumerator::pushDirectory(std::size_t nameOffset, std::size_t n
   }
 
   // The level's share of the relative path is kept in one byte: a 255-byte name below the first
-  // level adds nothing, and the folder opened is then the current one again.
+  // level adds nothing and so stands for "." (the folder the walk is in), which the guard refuses
+  // as it refuses a folder mounted into its own subtree: such a folder is returned, not walked.
   auto added = static_cast<std::uint8_t>(nameLength + (m_relativePathLength != 0 ? 1 : 0));
   // A block device, socket or the like cannot be opened as a folder.
   if (added != 0 && fileType != S_IFDIR) return false;
-  const char* name = m_pathBuffer.get() + m_relativeStart + nameOffset;
+  const char* name = added == 0 ? "." : m_pathBuffer.get() + m_relativeStart + nameOffset;
   Result<UniqueFd> fd =
-      added == 0 ? sys::openAt(m_levelFds[m_topIndex].get(), ".", O_RDONLY | O_DIRECTORY | O_NOCTTY)
-                 : sys::openAt(m_levelFds[m_topIndex].get(), name,
-                               O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NOCTTY);
+      m_guard.enter(static_cast<std::size_t>(m_topIndex) + 1, m_levelFds[m_topIndex].get(), name,
+                    O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NOCTTY);
   if (!fd) return false;
 
   ++m_topIndex;

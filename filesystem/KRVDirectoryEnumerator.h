@@ -16,26 +16,32 @@
 //     most 1,024 bytes (the base path does not count; absolute paths may be longer than PATH_MAX);
 //   - at most 500 folders are open at once (the base and 499 below it).
 // Each level remembers the bytes it added to the relative path in 8 bits, so a 255-byte name
-// below the first level adds nothing: such a "folder" reopens its parent, whose entries then come
-// again under the parent's path, down to the nesting limit. This is a deliberate part of the
-// walk's behaviour. Beware: two such names in one folder multiply the walk at every level; a
-// caller that walks trees other users can write should be able to stop a walk.
-// Entries whose names exceed 255 bytes (only some network and user-space file systems have them)
-// are returned but never entered.
+// below the first level adds nothing: such a "folder" reopens its parent. This is a deliberate
+// part of the walk's behaviour, and it meets the walk guard (filesystem/WalkGuard.h): a folder
+// that is already open on the walk's stack (same device and inode) is returned but not walked,
+// like one that cannot be opened. So the reopened parent is not listed again, and a folder
+// bind-mounted into its own subtree is walked once; no tree, however built, makes a walk branch
+// without end. Entries whose names exceed 255 bytes (only some network and user-space file
+// systems have them) are returned but never entered.
+//
+// Paths: the absolute path of an object is its base joined with its relative path as
+// appendingPathComponent joins them (filesystem/PathNames.h): "/" + "a" is "/a", "." + "a" is
+// "./a", and a trailing slash of the base adds no second one.
 //
 // Messages (to standard error, the console log): an invalid base, and each candidate refused by
 // one of the limits. The enumerator never reports an error to its caller: a folder that cannot be
 // opened or read is returned but not walked, a read error ends its folder.
 //
-// System calls, per folder: openat (relative to the parent's descriptor, O_NOFOLLOW), getdents64
-// until it returns 0, close. Per entry: nothing, where the file system reports the entry type;
+// System calls, per folder: openat2 (relative to the parent's descriptor, O_NOFOLLOW, telling a
+// mount point apart for the walk guard, which then adds an openat and an fstat), getdents64 until
+// it returns 0, close. Per entry: nothing, where the file system reports the entry type;
 // otherwise an fstatat. With the stay flag, each candidate needs an fstatat for its device.
 //
 // Resources: the walk keeps one open descriptor per open level, so up to 500 descriptors per
 // walk; several concurrent walks need RLIMIT_NOFILE raised accordingly (the daemon's job). When
 // descriptors run out, folders cannot be opened and are returned without being walked. Memory is
-// one buffer mapping of about 1.25 MiB (only touched pages become resident) and the path buffer;
-// nothing is allocated per level or per entry.
+// one buffer mapping of about 1.25 MiB (only touched pages become resident), the path buffer and
+// the guard's 12 KiB of level records; nothing is allocated per level or per entry.
 //
 // Threads: an enumerator belongs to one thread; it has no locks. Separate enumerators on separate
 // threads share nothing.
@@ -53,6 +59,7 @@
 #include <vector>
 
 #include "filesystem/DirectoryReader.h"
+#include "filesystem/WalkGuard.h"
 #include "foundation/UniqueFd.h"
 
 namespace krv {
@@ -100,7 +107,8 @@ class KRVDirectoryEnumerator {
   //   currentEntryDirectoryFd: the open folder that holds it, for *at() calls with its name; -1
   //   when
   //     skipDescendents() has closed that folder. Owned by the enumerator.
-  //   currentAbsolutePath: base, separator, relative path (NUL-terminated; may exceed PATH_MAX).
+  //   currentAbsolutePath: base joined with the relative path (NUL-terminated; may exceed
+  //   PATH_MAX).
   std::string_view currentEntryName() const;
   mode_t currentEntryFileType() const { return m_entryFileType; }
   bool currentEntryWasEntered() const { return m_entryWasEntered; }
@@ -117,6 +125,7 @@ class KRVDirectoryEnumerator {
   void popDirectory();
 
   std::unique_ptr<DirectoryReader> m_reader;
+  WalkGuard m_guard;  // the identities of the open levels
   // Base, separator, relative path; sized for the longest relative path plus one name.
   std::unique_ptr<char[]> m_pathBuffer;
   std::size_t m_relativeStart = 0;       // where the relative part begins

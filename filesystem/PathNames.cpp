@@ -69,13 +69,26 @@ std::string deletingLastPathComponent(std::string_view path) {
   return std::string(path);
 }
 
-std::string appendingPathComponent(std::string_view base, std::string_view component) {
-  if (base.empty()) return std::string(component);
+std::string pathPrefixBelow(std::string_view base) {
+  if (base.empty()) return std::string();
   base = withoutTrailingSlashes(base);
-  std::string path(base);
-  if (path != "/") path += '/';
+  std::string prefix(base);
+  if (prefix != "/") prefix += '/';
+  return prefix;
+}
+
+std::string appendingPathComponent(std::string_view base, std::string_view component) {
+  std::string path = pathPrefixBelow(base);
   path += component;
   return path;
+}
+
+void appendPathComponent(std::string& path, std::string_view component) {
+  if (!path.empty()) {
+    path.resize(withoutTrailingSlashes(path).size());
+    if (path != "/") path += '/';
+  }
+  path += component;
 }
 
 std::string lastPathComponent(std::string_view path) {

@@ -23,8 +23,15 @@ namespace krv {
 std::string standardizedPath(std::string_view path);
 // "/a/b" -> "/a", "/a" -> "/", "/" -> "/", "a" -> "", trailing slashes ignored.
 std::string deletingLastPathComponent(std::string_view path);
-// "/a" + "b" -> "/a/b", "/" + "b" -> "/b", "" + "b" -> "b", trailing slashes of base ignored.
+// "/a" + "b" -> "/a/b", "/" + "b" -> "/b", "." + "b" -> "./b", "" + "b" -> "b", trailing slashes
+// of base ignored. Every path below a base is joined this way: walks that build paths in their own
+// buffers begin them with pathPrefixBelow(base), and appendPathComponent joins in place.
 std::string appendingPathComponent(std::string_view base, std::string_view component);
+// What every path below `base` begins with: "/a/" for "/a" and "/a//", "/" for "/", "./" for ".",
+// "" for "". appendingPathComponent(base, c) is pathPrefixBelow(base) + c.
+std::string pathPrefixBelow(std::string_view base);
+// path = appendingPathComponent(path, component), without a new string.
+void appendPathComponent(std::string& path, std::string_view component);
 // The last component ("/a/b/" -> "b", "/" -> "/", "" -> "").
 std::string lastPathComponent(std::string_view path);
 std::string resolvingSymlinksInPath(std::string_view path);

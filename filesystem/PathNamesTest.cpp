@@ -33,9 +33,24 @@ TEST(PathNamesTest, PathArithmetic) {
     EXPECT_EQ(deletingLastPathComponent(c.path), c.parent) << c.path;
     EXPECT_EQ(lastPathComponent(c.path), c.last) << c.path;
   }
-  EXPECT_EQ(appendingPathComponent("/a/", "b"), "/a/b");
-  EXPECT_EQ(appendingPathComponent("/", "b"), "/b");
-  EXPECT_EQ(appendingPathComponent("", "b"), "b");
+}
+
+// Every join of a base and a path below it agrees; "." once lost its separator (".b").
+TEST(PathNamesTest, EveryJoinOfABaseAndAComponentAgrees) {
+  struct Case {
+    std::string base;
+    std::string joined;
+  } cases[] = {
+      {"/a", "/a/b"}, {"/a/", "/a/b"}, {"/a//", "/a/b"}, {"/", "/b"},  {"//", "/b"},
+      {".", "./b"},   {"./", "./b"},   {"..", "../b"},   {"a", "a/b"}, {"", "b"},
+  };
+  for (const Case& c : cases) {
+    EXPECT_EQ(appendingPathComponent(c.base, "b"), c.joined) << c.base;
+    EXPECT_EQ(pathPrefixBelow(c.base) + "b", c.joined) << c.base;
+    std::string inPlace = c.base;
+    appendPathComponent(inPlace, "b");
+    EXPECT_EQ(inPlace, c.joined) << c.base;
+  }
 }
 
 TEST(PathNamesTest, ResolvesEveryExistingComponentAndKeepsTheRestAsWritten) {

@@ -1,6 +1,7 @@
 #include "foundation/System.h"
 
 #include <fcntl.h>
+#include <linux/openat2.h>
 #include <sys/random.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -23,6 +24,17 @@ Result<UniqueFd> openAt(int directoryFd, const char* path, int flags, mode_t mod
     int fd = ::openat(directoryFd, path, flags | O_CLOEXEC, mode);
     if (fd >= 0) return UniqueFd(fd);
     if (errno != EINTR) return Error::fromErrno("open");
+  }
+}
+
+Result<UniqueFd> openAtWithinMount(int directoryFd, const char* path, int flags) {
+  struct open_how how {};
+  how.flags = static_cast<std::uint64_t>(flags | O_CLOEXEC);
+  how.resolve = RESOLVE_NO_XDEV;
+  for (;;) {
+    long fd = ::syscall(SYS_openat2, directoryFd, path, &how, sizeof how);
+    if (fd >= 0) return UniqueFd(static_cast<int>(fd));
+    if (errno != EINTR) return Error::fromErrno("openat2");
   }
 }
 
@@ -86,6 +98,14 @@ Result<struct stat> stat(const std::string& path) {
 Result<struct stat> fstat(int fd) {
   struct stat status {};
   if (::fstat(fd, &status) != 0) return Error::fromErrno("fstat");
+  return status;
+}
+
+Result<struct statvfs> fileSystemStatus(int fd) {
+  struct statvfs status {};
+  while (::fstatvfs(fd, &status) != 0) {
+    if (errno != EINTR) return Error::fromErrno("fstatvfs");
+  }
   return status;
 }
 

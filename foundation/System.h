@@ -6,6 +6,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <sys/types.h>
 
 #include <cstddef>
@@ -20,6 +21,9 @@ namespace krv::sys {
 
 Result<UniqueFd> open(const std::string& path, int flags, mode_t mode = 0);
 Result<UniqueFd> openAt(int directoryFd, const char* path, int flags, mode_t mode = 0);
+// openat2 with RESOLVE_NO_XDEV: as openAt without creation, but EXDEV when the path would cross a
+// mount point (bind mounts included); ENOSYS where the kernel (or a sandbox) has no openat2.
+Result<UniqueFd> openAtWithinMount(int directoryFd, const char* path, int flags);
 
 // One read or write of at most `buffer.size()` bytes, retried on EINTR; returns the count.
 Result<std::size_t> read(int fd, std::span<std::uint8_t> buffer);
@@ -35,6 +39,8 @@ Result<std::string> readFile(const std::string& path, std::size_t maxSize);
 Result<struct stat> lstat(const std::string& path);
 Result<struct stat> stat(const std::string& path);
 Result<struct stat> fstat(int fd);
+// fstatvfs: the size and free space of the file system holding an open file, retried on EINTR.
+Result<struct statvfs> fileSystemStatus(int fd);
 // A second descriptor for the same open file (F_DUPFD_CLOEXEC).
 Result<UniqueFd> duplicate(int fd);
 // fstatat: status of `path` relative to an open folder; flags as for fstatat (AT_SYMLINK_NOFOLLOW).

@@ -9,8 +9,12 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
+#include <condition_variable>
 #include <ctime>
+#include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "foundation/System.h"
@@ -48,6 +52,45 @@ class SearchCommandsTest : public DaemonTest {
     ASSERT_EQ(::mkdir(kVolume, 0755), 0);
     ASSERT_EQ(::mount("tmpfs", kVolume, "tmpfs", 0, "size=1m"), 0) << errno;
     m_mounted = true;
+  }
+
+  // runCommand for a command that might never end: when no final message has come within `limit`,
+  // the daemon is ended, which ends the command's pipe and so the wait for it.
+  Error runCommandWithin(std::chrono::seconds limit, std::uint32_t code, Array arguments,
+                         std::vector<Error>* reports = nullptr) {
+    std::mutex mutex;
+    std::condition_variable answered;
+    bool finished = false;
+    std::thread watchdog([&] {
+      std::unique_lock<std::mutex> lock(mutex);
+      if (answered.wait_for(lock, limit, [&] { return finished; })) return;
+      lock.unlock();
+      ADD_FAILURE() << "command " << code << " still running after " << limit.count() << " s";
+      daemon().terminate();
+    });
+    Error result = runCommand(code, std::move(arguments), reports);
+    {
+      std::lock_guard<std::mutex> lock(mutex);
+      finished = true;
+    }
+    answered.notify_one();
+    watchdog.join();
+    return result;
+  }
+
+  // The paths of all records the reports carry, below the base, sorted.
+  static std::vector<std::string> foundPaths(const std::vector<Error>& reports) {
+    std::vector<std::string> paths;
+    for (const Error& report : reports) {
+      const Array* records = recordsOf(report);
+      if (records == nullptr) continue;
+      for (const Value& record : *records) {
+        paths.push_back(
+            record.asDictionary()->find("Path")->asString()->substr(std::string(kBase).size() + 1));
+      }
+    }
+    std::sort(paths.begin(), paths.end());
+    return paths;
   }
 
   static double progressOf(const Error& report) {
@@ -122,17 +165,7 @@ TEST_F(SearchCommandsTest, WalksStayOnTheVolumeWhenAsked) {
     std::vector<Error> reports;
     Error result = runCommand(code, std::move(arguments), &reports);
     EXPECT_TRUE(result.is(kCommandErrorDomain, 0)) << result.description();
-    std::vector<std::string> paths;
-    for (const Error& report : reports) {
-      if (const Array* records = recordsOf(report)) {
-        for (const Value& record : *records) {
-          paths.push_back(record.asDictionary()->find("Path")->asString()->substr(
-              std::string(kBase).size() + 1));
-        }
-      }
-    }
-    std::sort(paths.begin(), paths.end());
-    return paths;
+    return foundPaths(reports);
   };
   using Paths = std::vector<std::string>;
   auto patterns = [](const char* stay) {
@@ -147,6 +180,40 @@ TEST_F(SearchCommandsTest, WalksStayOnTheVolumeWhenAsked) {
   // The count always stays: the base, its file and the mount point.
   Error count = runCommand(51, {Value(kBase), Value("/tmp/marker")});
   EXPECT_EQ(sizeOf(count), 3u);
+}
+
+// Two folders with 255-byte names: below the first level such a name adds nothing to the walk's
+// relative path, so entering one reopens its parent. Without the walk guard every walk over this
+// tree branched in two at every level down to the nesting limit and never ended.
+TEST_F(SearchCommandsTest, FoldersThatReopenTheirParentEndEveryWalkWithExactlyTheTree) {
+  const std::string a(255, 'a');
+  const std::string b(255, 'b');
+  ASSERT_EQ(::mkdir(path("x").c_str(), 0755), 0);
+  ASSERT_EQ(::mkdir(path("x/" + a).c_str(), 0755), 0);
+  ASSERT_EQ(::mkdir(path("x/" + b).c_str(), 0755), 0);
+  using Paths = std::vector<std::string>;
+  const Paths tree{"x", "x/" + a, "x/" + b};
+  constexpr std::chrono::seconds kLimit(30);
+
+  Error count = runCommandWithin(kLimit, 51, {Value(kBase), Value("/tmp/marker")});
+  ASSERT_TRUE(count.is(kCommandErrorDomain, 0)) << count.description();
+  EXPECT_EQ(sizeOf(count), 4u) << "the base and the three folders";
+
+  std::vector<Error> reports;
+  Error age =
+      runCommandWithin(kLimit, 14, {Value(kBase), Value::integer(0), Value::integer(1)}, &reports);
+  ASSERT_TRUE(age.is(kCommandErrorDomain, 0)) << age.description();
+  EXPECT_EQ(foundPaths(reports), tree);
+
+  reports.clear();
+  Error patterns = runCommandWithin(kLimit, 46,
+                                    {Value(kBase), Value("0"), Value("0"), Value("x"), Value("1"),
+                                     Value("a"), Value("1"), Value("b")},
+                                    &reports);
+  ASSERT_TRUE(patterns.is(kCommandErrorDomain, 0)) << patterns.description();
+  EXPECT_EQ(foundPaths(reports), tree);
+
+  EXPECT_EQ(daemonLog().find("maximum number of nested directories"), std::string::npos);
 }
 
 }  // namespace
