@@ -6,6 +6,9 @@
 #include <cstdint>
 #include <vector>
 
+#include "platform/AccessControlListStorage.h"
+#include "platform/TestFileTree.h"
+
 namespace krv {
 namespace {
 
@@ -272,6 +275,33 @@ TEST(KRVAccessControlListTest, ListsAreEqualOnlyWithTheSameEntriesInTheSameOrder
   EXPECT_FALSE(listOf({a, b}).isEqualToAccessControlList(listOf({a})));
   // The kind of object is not part of the list.
   EXPECT_TRUE(listOf({a}, AclObjectKind::Directory).isEqualToAccessControlList(listOf({a})));
+}
+
+TEST(KRVAccessControlListTest, ObjectsGiveTheirStoredListThroughLinksAndNoneWithoutOne) {
+  test::TestFileTree tree;
+  tree.make({"file", "plain", "folder/", "link -> file", "folder-link -> folder", "dangling -> x"});
+  const ExtendedAcl list = listOf({{groupUuid(7), AclEntryKind::Deny, 0, kAclDelete}}).systemAcl();
+  for (const char* name : {"file", "folder"}) {
+    Result<PathHandle> object = PathHandle::open(tree.path(name), LinkHandling::NoFollow);
+    ASSERT_TRUE(object.ok());
+    ASSERT_TRUE(writeAccessControlList(*object, list).ok());
+  }
+
+  std::optional<KRVAccessControlList> viaLink =
+      KRVAccessControlList::accessControlListForObjectAtPath(tree.path("link"));
+  ASSERT_TRUE(viaLink.has_value());
+  EXPECT_EQ(viaLink->systemAcl(), list);
+  EXPECT_FALSE(viaLink->isForDirectory());
+  std::optional<KRVAccessControlList> folder =
+      KRVAccessControlList::accessControlListForObjectAtPath(tree.path("folder-link"));
+  ASSERT_TRUE(folder.has_value());
+  EXPECT_TRUE(folder->isForDirectory());
+
+  // No list is not an empty list.
+  for (const char* name : {"plain", "dangling", "missing"}) {
+    EXPECT_FALSE(KRVAccessControlList::accessControlListForObjectAtPath(tree.path(name))) << name;
+  }
+  EXPECT_FALSE(KRVAccessControlList::accessControlListForObjectAtPath(""));
 }
 
 }  // namespace

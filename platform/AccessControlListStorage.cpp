@@ -83,8 +83,24 @@ Result<std::optional<ExtendedAcl>> readAccessControlList(const PathHandle& objec
 Status writeAccessControlList(const PathHandle& object, const ExtendedAcl& list) {
   if (!isValidAcl(list)) return Error::posix(EINVAL, "access control list");
   const char* path = object.procPath();
+  const Data record = aclExternalForm(list);
+  auto writeRecord = [&] {
+    return sys::setExtendedAttribute(path, kAccessControlListAttribute, record,
+                                     LinkHandling::Follow);
+  };
 
-  KRV_TRY(PosixAcl oldAccess, sys::getPosixAcl(path, PosixAclType::Access));
+  Result<PosixAcl> current = sys::getPosixAcl(path, PosixAclType::Access);
+  if (!current) {
+    // A file system without POSIX ACLs can still keep a list that the kernel has nothing of.
+    const bool mirrorsSomething =
+        !mirroredAclEntries(list, PosixAclType::Access, 0).empty() ||
+        (object.isDirectory() && !mirroredAclEntries(list, PosixAclType::Default, 0).empty());
+    if (current.error().code() != EOPNOTSUPP || mirrorsSomething) {
+      return std::move(current).error();
+    }
+    return writeRecord();
+  }
+  const PosixAcl& oldAccess = *current;
   const std::optional<PosixAclBase> base = oldAccess.base();
   if (!base) return Error::posix(EINVAL, "acl_get_file");
   KRV_TRY(PosixAcl access,
@@ -120,9 +136,7 @@ Status writeAccessControlList(const PathHandle& object, const ExtendedAcl& list)
     return defaultSet;
   }
 
-  const Data record = aclExternalForm(list);
-  Status written =
-      sys::setExtendedAttribute(path, kAccessControlListAttribute, record, LinkHandling::Follow);
+  Status written = writeRecord();
   if (!written) {
     restoreDefault(path, oldDefault);
     restoreAccess();
@@ -132,14 +146,15 @@ Status writeAccessControlList(const PathHandle& object, const ExtendedAcl& list)
 
 Status removeAccessControlList(const PathHandle& object) {
   const char* path = object.procPath();
-  KRV_TRY(PosixAcl access, sys::getPosixAcl(path, PosixAclType::Access));
-  if (isExtended(access)) {
-    const std::optional<PosixAclBase> base = access.base();
+  Result<PosixAcl> access = sys::getPosixAcl(path, PosixAclType::Access);
+  if (!access && access.error().code() != EOPNOTSUPP) return std::move(access).error();
+  if (access && isExtended(*access)) {
+    const std::optional<PosixAclBase> base = access->base();
     if (!base) return Error::posix(EINVAL, "acl_get_file");
     KRV_TRY(PosixAcl plain, PosixAcl::make(*base, {}));
     KRV_TRY_VOID(sys::setPosixAcl(path, PosixAclType::Access, plain));
   }
-  if (object.isDirectory()) {
+  if (access && object.isDirectory()) {
     KRV_TRY(PosixAcl inherited, sys::getPosixAcl(path, PosixAclType::Default));
     if (!inherited.empty()) {
       KRV_TRY_VOID(sys::deletePosixDefaultAcl(path));
