@@ -23,7 +23,7 @@ bool isFlagBit(std::uint32_t flag) { return isOneBit(flag) && (flag & kAclEntryK
 }  // namespace
 
 std::optional<KRVAccessControlList> KRVAccessControlList::withSystemAcl(ExtendedAcl list,
-                                                                       AclObjectKind kind) {
+                                                                        AclObjectKind kind) {
   if (!isValidAcl(list)) return std::nullopt;
   return KRVAccessControlList(std::move(list), kind);
 }

@@ -52,8 +52,8 @@ enum class PermissionsTag : std::uint8_t {
 
 inline constexpr std::uint32_t kAclReadSet =
     kAclReadData | kAclExecute | kAclReadAttributes | kAclReadExtendedAttributes | kAclReadSecurity;
-inline constexpr std::uint32_t kAclFileWriteSet = kAclWriteData | kAclAppendData | kAclDelete |
-                                                  kAclWriteAttributes | kAclWriteExtendedAttributes;
+inline constexpr std::uint32_t kAclFileWriteSet =
+    kAclWriteData | kAclAppendData | kAclDelete | kAclWriteAttributes | kAclWriteExtendedAttributes;
 inline constexpr std::uint32_t kAclDirectoryWriteSet = kAclFileWriteSet | kAclDeleteChild;
 inline constexpr std::uint32_t kAclAdministerSet = kAclWriteSecurity | kAclChangeOwner;
 

@@ -16,11 +16,11 @@ using Bytes = std::vector<std::uint8_t>;
 
 // Written by hand from the published layout, field by field; never produced by the code under test.
 const Bytes kEmptyList = {
-    0x01, 0x2c, 0xc1, 0x6d,                          // magic
-    0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0,  // owner GUID
-    0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0,  // group GUID
-    0, 0, 0, 0,                                      // entry count
-    0, 0, 0, 0,                                      // flags
+    0x01, 0x2c, 0xc1, 0x6d,                                      // magic
+    0,    0,    0,    0,    0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0,  // owner GUID
+    0,    0,    0,    0,    0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0,  // group GUID
+    0,    0,    0,    0,                                         // entry count
+    0,    0,    0,    0,                                         // flags
 };
 
 const Bytes kThreeEntries = {
@@ -105,9 +105,9 @@ TEST(KRVAccessControlListTest, ReadsTheByteFormAndWritesTheSameBytes) {
 
 TEST(KRVAccessControlListTest, HeaderFieldsOfForeignListsSurviveARoundTrip) {
   Bytes foreign = kEmptyList;
-  foreign[4] = 0x11;    // owner GUID
-  foreign[35] = 0x22;   // group GUID
-  foreign[43] = 0x01;   // list flags
+  foreign[4] = 0x11;   // owner GUID
+  foreign[35] = 0x22;  // group GUID
+  foreign[43] = 0x01;  // list flags
   Result<KRVAccessControlList> list =
       KRVAccessControlList::fromExternalRepresentation(foreign, AclObjectKind::File);
   ASSERT_TRUE(list.ok());
@@ -134,13 +134,17 @@ TEST(KRVAccessControlListTest, RefusesMalformedByteForms) {
   }
   const Bytes cases[] = {
       {},
-      Bytes(kEmptyList.begin(), kEmptyList.end() - 1),           // short header
+      Bytes(kEmptyList.begin(), kEmptyList.end() - 1),  // short header
       wrongMagic,
       littleEndianMagic,
-      withEntryCount(kEmptyList, 1),                              // an entry missing
-      withEntryCount(kThreeEntries, 2),                           // an entry too many
-      Bytes(kThreeEntries.begin(), kThreeEntries.end() - 1),     // a cut entry
-      [] { Bytes b = kEmptyList; b.push_back(0); return b; }(),  // a byte after the list
+      withEntryCount(kEmptyList, 1),                          // an entry missing
+      withEntryCount(kThreeEntries, 2),                       // an entry too many
+      Bytes(kThreeEntries.begin(), kThreeEntries.end() - 1),  // a cut entry
+      [] {
+        Bytes b = kEmptyList;
+        b.push_back(0);
+        return b;
+      }(),  // a byte after the list
       kindZero,
       kindThree,
       kindAllBits,
@@ -218,9 +222,9 @@ TEST(KRVAccessControlListTest, SettingATagReplacesEveryPermissionWithItsSets) {
 
   for (AclObjectKind kind : {AclObjectKind::File, AclObjectKind::Directory}) {
     KRVAccessControlList list = oneEntry(0xFFFFFFFF, kind);
-    for (PermissionsTag tag : {PermissionsTag::FullControl, PermissionsTag::ReadWrite,
-                               PermissionsTag::ReadOnly, PermissionsTag::WriteOnly,
-                               PermissionsTag::None}) {
+    for (PermissionsTag tag :
+         {PermissionsTag::FullControl, PermissionsTag::ReadWrite, PermissionsTag::ReadOnly,
+          PermissionsTag::WriteOnly, PermissionsTag::None}) {
       ASSERT_TRUE(list.setPredefinedPermissionsTag(tag, 0));
       EXPECT_EQ(list.predefinedPermissionTag(0), tag);
     }
@@ -245,7 +249,8 @@ TEST(KRVAccessControlListTest, EditsChangeOnlyTheEntryTheyName) {
   const ExtendedAclEntry expected{userUuid(0x1092), AclEntryKind::Deny, kAclEntryOnlyInherit,
                                   kAclExecute};
   EXPECT_EQ(list.systemAcl().entries[1], expected);
-  EXPECT_EQ(list.systemAcl().entries[0], (ExtendedAclEntry{userUuid(1), AclEntryKind::Allow, 0, 0}));
+  EXPECT_EQ(list.systemAcl().entries[0],
+            (ExtendedAclEntry{userUuid(1), AclEntryKind::Allow, 0, 0}));
 
   // Refused edits change nothing: several bits or none, the kind bits, bad text, a bad index.
   EXPECT_FALSE(list.setPermission(kAclReadData | kAclExecute, true, 0));
@@ -256,7 +261,8 @@ TEST(KRVAccessControlListTest, EditsChangeOnlyTheEntryTheyName) {
   EXPECT_FALSE(list.setUuidString("FFFFEEEE-DDDD-CCCC-BBBB-AAAA0000109", 0));
   EXPECT_FALSE(list.setDenyType(true, 2));
   EXPECT_FALSE(list.setPermission(kAclExecute, true, 2));
-  EXPECT_EQ(list.systemAcl().entries[0], (ExtendedAclEntry{userUuid(1), AclEntryKind::Allow, 0, 0}));
+  EXPECT_EQ(list.systemAcl().entries[0],
+            (ExtendedAclEntry{userUuid(1), AclEntryKind::Allow, 0, 0}));
 
   EXPECT_FALSE(list.removeEntry(2));
   EXPECT_TRUE(list.removeEntry(0));

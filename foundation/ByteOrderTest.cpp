@@ -21,8 +21,8 @@ TEST(ByteOrderTest, MostSignificantByteGoesWhereTheOrderSays) {
   appendBigEndian(out, std::uint32_t{0x012cc16d});
   appendLittleEndian(out, std::uint16_t{0xBEEF});
   appendBigEndian(out, std::uint64_t{0x8000000000000001});
-  EXPECT_EQ(out, (std::vector<std::uint8_t>{0x01, 0x2c, 0xc1, 0x6d, 0xEF, 0xBE, 0x80, 0, 0, 0, 0,
-                                            0, 0, 0x01}));
+  EXPECT_EQ(out, (std::vector<std::uint8_t>{0x01, 0x2c, 0xc1, 0x6d, 0xEF, 0xBE, 0x80, 0, 0, 0, 0, 0,
+                                            0, 0x01}));
   std::uint8_t stored[4] = {};
   storeLittleEndian(stored, std::uint32_t{0xA1B2C3D4});
   EXPECT_EQ(loadBigEndian<std::uint32_t>(stored), 0xD4C3B2A1U);

@@ -11,7 +11,9 @@ int hexDigitValue(char digit) {
 }
 
 // Whether a hyphen belongs after byte `index` (0-based) in the grouped form.
-bool hyphenFollows(std::size_t index) { return index == 3 || index == 5 || index == 7 || index == 9; }
+bool hyphenFollows(std::size_t index) {
+  return index == 3 || index == 5 || index == 7 || index == 9;
+}
 
 }  // namespace
 

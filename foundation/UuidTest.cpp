@@ -41,7 +41,9 @@ TEST(UuidTest, ParsesWhatPeopleTypeAndNothingElse) {
        }) {
     EXPECT_EQ(parseUuid(text), std::nullopt) << text;
   }
-  EXPECT_EQ(parseUuid(std::string_view("01234567-89AB-CDEF-FEDC-BA98765432\0" "0", 36)),
+  EXPECT_EQ(parseUuid(std::string_view("01234567-89AB-CDEF-FEDC-BA98765432\0"
+                                       "0",
+                                       36)),
             std::nullopt);
 }
 

@@ -76,9 +76,9 @@ TEST(AccessControlListMirrorTest, AllowEntriesForKnownIdentitiesBecomeNamedEntri
                 {Kind::User, 14, kPosixAclRead | kPosixAclExecute},
                 {Kind::Group, 15, kPosixAclRead | kPosixAclExecute},
             }));
-  EXPECT_TRUE(mirroredAclEntries(listOf({allowUser(1, kAclReadData, kInherit)}),
-                                 PosixAclType::Access, 0)
-                  .size() == 1);
+  EXPECT_TRUE(
+      mirroredAclEntries(listOf({allowUser(1, kAclReadData, kInherit)}), PosixAclType::Access, 0)
+          .size() == 1);
 }
 
 class AccessControlListStorageTest : public ::testing::Test {
@@ -164,8 +164,7 @@ TEST_F(AccessControlListStorageTest, FolderPassesInheritableEntriesToObjectsCrea
   const ExtendedAcl list = listOf({
       allowUser(kReader.uid, kAclReadData | kAclExecute,
                 kAclEntryFileInherit | kAclEntryDirectoryInherit),
-      allowUser(kWriterGroupMember.uid, kAclReadData,
-                kAclEntryFileInherit | kAclEntryOnlyInherit),
+      allowUser(kWriterGroupMember.uid, kAclReadData, kAclEntryFileInherit | kAclEntryOnlyInherit),
   });
   ASSERT_TRUE(writeAccessControlList(pin(folder), list).ok());
   EXPECT_TRUE(canOpen(kReader, folder, O_RDONLY | O_DIRECTORY));
@@ -181,8 +180,8 @@ TEST_F(AccessControlListStorageTest, FolderPassesInheritableEntriesToObjectsCrea
   EXPECT_EQ(stored(created), std::nullopt);
 
   // A list that inherits nothing takes the folder's default ACL away.
-  ASSERT_TRUE(writeAccessControlList(pin(folder), listOf({allowUser(kReader.uid, kAclReadData)}))
-                  .ok());
+  ASSERT_TRUE(
+      writeAccessControlList(pin(folder), listOf({allowUser(kReader.uid, kAclReadData)})).ok());
   EXPECT_FALSE(canOpen(kReader, m_tree.makeFile("folder/later", "data", 0640), O_RDONLY));
   ASSERT_TRUE(writeAccessControlList(pin(folder), list).ok());
   ASSERT_TRUE(removeAccessControlList(pin(folder)).ok());

@@ -47,9 +47,9 @@ inline constexpr std::uint32_t kAclEntryLimitInherit = 0x80;
 inline constexpr std::uint32_t kAclEntryOnlyInherit = 0x100;
 
 // Rights (permission values); the first name is a file's meaning, the second a folder's.
-inline constexpr std::uint32_t kAclReadData = 0x2;  // list directory
+inline constexpr std::uint32_t kAclReadData = 0x2;   // list directory
 inline constexpr std::uint32_t kAclWriteData = 0x4;  // add file
-inline constexpr std::uint32_t kAclExecute = 0x8;  // search
+inline constexpr std::uint32_t kAclExecute = 0x8;    // search
 inline constexpr std::uint32_t kAclDelete = 0x10;
 inline constexpr std::uint32_t kAclAppendData = 0x20;  // add subdirectory
 inline constexpr std::uint32_t kAclDeleteChild = 0x40;

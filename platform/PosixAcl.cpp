@@ -145,7 +145,8 @@ Result<PosixAcl> getPosixAcl(const char* path, PosixAclType type) {
 }
 
 Status setPosixAcl(const char* path, PosixAclType type, const PosixAcl& acl) {
-  if (acl_set_file(path, libraryType(type), acl.get()) != 0) return Error::fromErrno("acl_set_file");
+  if (acl_set_file(path, libraryType(type), acl.get()) != 0)
+    return Error::fromErrno("acl_set_file");
   return {};
 }
 

@@ -52,8 +52,7 @@ class PosixAcl {
   // The list of the base entries and the named ones, with the mask computed as the union of the
   // owning group's and the named entries' permissions; without named entries, no mask (the list
   // then says no more than a mode). A user or group named twice, or an id of -1, is EINVAL.
-  static Result<PosixAcl> make(const PosixAclBase& base,
-                               std::span<const PosixAclNamedEntry> named);
+  static Result<PosixAcl> make(const PosixAclBase& base, std::span<const PosixAclNamedEntry> named);
 
   explicit PosixAcl(acl_t acl) : m_acl(acl) {}
   PosixAcl(PosixAcl&& other) noexcept;
