@@ -52,7 +52,6 @@ mode_t permissionBits(const std::string& path) {
 }
 
 TEST(AccessControlListMirrorTest, AllowEntriesForKnownIdentitiesBecomeNamedEntries) {
-  const std::uint32_t kInherit = kAclEntryFileInherit | kAclEntryDirectoryInherit;
   const ExtendedAcl list = listOf({
       allowUser(10, kAclReadData | kAclReadAttributes),
       allowUser(10, kAclExecute, kAclEntryInherited),  // merged with the one above
@@ -76,9 +75,6 @@ TEST(AccessControlListMirrorTest, AllowEntriesForKnownIdentitiesBecomeNamedEntri
                 {Kind::User, 14, kPosixAclRead | kPosixAclExecute},
                 {Kind::Group, 15, kPosixAclRead | kPosixAclExecute},
             }));
-  EXPECT_TRUE(
-      mirroredAclEntries(listOf({allowUser(1, kAclReadData, kInherit)}), PosixAclType::Access, 0)
-          .size() == 1);
 }
 
 class AccessControlListStorageTest : public ::testing::Test {
