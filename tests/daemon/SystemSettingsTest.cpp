@@ -59,8 +59,8 @@ class NetworkSettingsTest : public DaemonTest {
     if (hostNetwork.empty() || linkOf("/proc/thread-self/ns/net") == hostNetwork) {
       GTEST_SKIP() << "the network namespace is not private";
     }
-    ProgramRun veth = runProgram("/sbin/ip", {"link", "add", "v0", "type", "veth", "peer", "name",
-                                              "v1"});
+    ProgramRun veth =
+        runProgram("/sbin/ip", {"link", "add", "v0", "type", "veth", "peer", "name", "v1"});
     if (veth.exitCode != 0) GTEST_SKIP() << "no veth pair: " << veth.standardError;
     DaemonTest::SetUp();
     ASSERT_EQ(linkOf(("/proc/" + std::to_string(daemon().pid()) + "/ns/net").c_str()),
@@ -86,8 +86,8 @@ TEST_F(NetworkSettingsTest, KernelValuesAndTheMtuChangeInThePrivateNetwork) {
   ProgramRun client = runClient({"set-kernel-value", "net.ipv4.conf.v0.forwarding", "1"});
   EXPECT_EQ(client.exitCode, 0) << client.standardError;
   EXPECT_EQ(contentsOf("/proc/sys/net/ipv4/conf/v0/forwarding"), "1\n");
-  EXPECT_TRUE(hasCode(runCommand(20, {Value("net..ipv4"), Value::integer(1)}), kPosixErrorDomain,
-                      ENOENT));
+  EXPECT_TRUE(
+      hasCode(runCommand(20, {Value("net..ipv4"), Value::integer(1)}), kPosixErrorDomain, ENOENT));
   // The kernel checks the value: a time to live is 1 to 255.
   EXPECT_TRUE(hasCode(runCommand(20, {Value("net.ipv4.ip_default_ttl"), Value::integer(300)}),
                       kPosixErrorDomain, EINVAL));
@@ -95,10 +95,10 @@ TEST_F(NetworkSettingsTest, KernelValuesAndTheMtuChangeInThePrivateNetwork) {
   result = runCommand(22, {Value("v0"), Value::integer(1400)});
   EXPECT_TRUE(hasCode(result, kCommandErrorDomain, 0)) << result.description();
   EXPECT_EQ(mtuOf("v0"), 1400);
-  EXPECT_TRUE(hasCode(runCommand(22, {Value("v0"), Value::integer(70000)}), kPosixErrorDomain,
-                      EINVAL));
-  EXPECT_TRUE(hasCode(runCommand(22, {Value("v9"), Value::integer(1400)}), kPosixErrorDomain,
-                      ENODEV));
+  EXPECT_TRUE(
+      hasCode(runCommand(22, {Value("v0"), Value::integer(70000)}), kPosixErrorDomain, EINVAL));
+  EXPECT_TRUE(
+      hasCode(runCommand(22, {Value("v9"), Value::integer(1400)}), kPosixErrorDomain, ENODEV));
   EXPECT_TRUE(hasCode(runCommand(22, {Value("v0"), Value::integer(0)}), kCommandErrorDomain, 3));
   EXPECT_EQ(mtuOf("v0"), 1400);
 }
@@ -139,8 +139,8 @@ TEST_F(LocalSettingsTest, PreferencesAndConfigurationAreWrittenForTheirOwners) {
                                  Value("kCFPreferencesAnyHost"), Value("{")});
   EXPECT_TRUE(hasCode(result, kCommandErrorDomain, 14)) << result.description();
 
-  result = runCommand(25, {Value("com.example.admin"), Value(""), Value("Proxy"),
-                           Value("<string>none</string>")});
+  result = runCommand(
+      25, {Value("com.example.admin"), Value(""), Value("Proxy"), Value("<string>none</string>")});
   EXPECT_TRUE(hasCode(result, kCommandErrorDomain, 0)) << result.description();
   EXPECT_NE(contentsOf("/var/lib/com.tavorin.system.securityagent3/SystemConfiguration/"
                        "preferences.plist")
