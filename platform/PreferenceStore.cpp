@@ -31,7 +31,7 @@ PreferenceStore::PreferenceStore(HostRoot root, SystemLog* log)
     : m_root(std::move(root)), m_log(log) {}
 
 bool PreferenceStore::isValidName(std::string_view name) {
-  return !name.empty() && name.find('/') == std::string_view::npos &&
+  return !name.empty() && name != "." && name.find('/') == std::string_view::npos &&
          name.find('\0') == std::string_view::npos && name.find("..") == std::string_view::npos;
 }
 

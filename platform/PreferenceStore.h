@@ -22,8 +22,8 @@
 // there but holds no dictionary is never overwritten: the change fails. Removing a key that is not
 // there changes nothing and writes nothing.
 //
-// Errors: EINVAL for a domain or host name that names no file (empty, "/", ".." or NUL in it; see
-// isValidName), for a file that holds no dictionary, and for a value the XML form cannot hold;
+// Errors: EINVAL for a domain or host name that names no file (empty, ".", or "/", ".." or NUL in
+// it; see isValidName), for a file that holds no dictionary, and for a value the XML form cannot hold;
 // EACCES for a home, folder or file that is not the user's, or a link the resolution refused; the
 // property-list reader's error for a file that does not parse; otherwise the failed call's errno.
 // Thread-safe: writers are serialised within the process.
@@ -59,7 +59,8 @@ class PreferenceStore {
   // Refusals of the safe resolution go to `log` (not owned; may be null).
   explicit PreferenceStore(HostRoot root = HostRoot(), SystemLog* log = nullptr);
 
-  // A domain or host name that can be part of a file name: not empty, no "/", no "..", no NUL.
+  // A domain or host name that can be part of a file name: not empty and not ".", no "/", no
+  // "..", no NUL.
   static bool isValidName(std::string_view name);
   // The current host's name: the machine identity (letters and digits only).
   Result<std::string> currentHostName() const;

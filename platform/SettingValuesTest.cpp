@@ -70,7 +70,8 @@ TEST(SettingValuesTest, SettingAndDomainNamesThatNameNoFileAreRefused) {
     EXPECT_FALSE(KernelValues::pathComponentsOf(name)) << name;
   }
   EXPECT_TRUE(PreferenceStore::isValidName(".GlobalPreferences"));
-  for (const char* name : {"", "..", "a/b", "a..b", "/etc/passwd"}) {
+  // "." is a regression: a configuration store named so would be its own folder.
+  for (const char* name : {"", ".", "..", "a/b", "a..b", "/etc/passwd"}) {
     EXPECT_FALSE(PreferenceStore::isValidName(name)) << name;
   }
   EXPECT_FALSE(PreferenceStore::isValidName(std::string("a\0b", 3)));

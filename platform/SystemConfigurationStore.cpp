@@ -12,7 +12,7 @@ namespace krv {
 SystemConfigurationStore::SystemConfigurationStore(HostRoot root) : m_root(std::move(root)) {}
 
 bool SystemConfigurationStore::isValidDomain(std::string_view domain) {
-  return !domain.empty() && domain.find('/') == std::string_view::npos &&
+  return !domain.empty() && domain != "." && domain.find('/') == std::string_view::npos &&
          domain.find('\0') == std::string_view::npos &&
          domain.find("..") == std::string_view::npos && !domain.ends_with(".lock");
 }

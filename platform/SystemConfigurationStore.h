@@ -11,8 +11,8 @@
 // the lock is taken, and commit replaces it atomically. Nothing on Linux consumes applied changes:
 // apply only checks that there is a session's worth of values to apply.
 //
-// Domain names are file names: not empty, no "/", "..", or NUL, and not ending in ".lock" (the
-// name of another domain's lock).
+// Domain names are file names: not empty and not ".", no "/", "..", or NUL, and not ending in
+// ".lock" (the name of another domain's lock).
 //
 // Errors: EINVAL for a domain that names no store; EBUSY when the lock file cannot be opened or
 // locked; otherwise the errno of the failed call. A store that cannot be read (too large, not a
