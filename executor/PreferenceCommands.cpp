@@ -94,7 +94,7 @@ Error KRVCommandExecutor::setSystemConfigurationForApplicationID(const std::stri
   Result<std::optional<Value>> newValue = valueOfText(value);
   if (!newValue) return std::move(newValue).error();
 
-  // The application id only names the writer on the original platform; the store is the domain's.
+  // The application id names the writer only; the store is the domain's.
   Result<SystemConfigurationStore::Session> session =
       SystemConfigurationStore(m_settingsHost.root).open(domain);
   if (!session) return commandError(kNotStored);

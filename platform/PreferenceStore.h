@@ -23,10 +23,10 @@
 // there changes nothing and writes nothing.
 //
 // Errors: EINVAL for a domain or host name that names no file (empty, ".", or "/", ".." or NUL in
-// it; see isValidName), for a file that holds no dictionary, and for a value the XML form cannot hold;
-// EACCES for a home, folder or file that is not the user's, or a link the resolution refused; the
-// property-list reader's error for a file that does not parse; otherwise the failed call's errno.
-// Thread-safe: writers are serialised within the process.
+// it; see isValidName), for a file that holds no dictionary, and for a value the XML form cannot
+// hold; EACCES for a home, folder or file that is not the user's, or a link the resolution refused;
+// the property-list reader's error for a file that does not parse; otherwise the failed call's
+// errno. Thread-safe: writers are serialised within the process.
 
 #include <sys/types.h>
 

@@ -14,7 +14,7 @@
 //            Any failure gives nothing; text after a full room is ignored; text that ends
 //            before the room is full gives the bytes read so far.
 //
-// Lengths count characters as the original text model does (UTF-16 units of valid UTF-8; one per
+// Lengths count characters as clients count a string's (UTF-16 units of valid UTF-8; one per
 // byte otherwise); white space is the Unicode white space and line separators. A missing text
 // gives nothing for every type. Pure functions, thread-safe, bounded by the text's length.
 
