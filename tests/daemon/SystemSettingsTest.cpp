@@ -16,6 +16,7 @@
 
 #include <cerrno>
 #include <climits>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <sstream>
@@ -184,6 +185,11 @@ int endingSignalOf(pid_t pid) {
 }
 
 TEST_F(LocalSettingsTest, ProcessesAreSignalledThroughTheirRunFiles) {
+  // The run file must land in the sandbox's /run, never in a /var/run of the host's.
+  char runFolder[PATH_MAX];
+  if (::realpath("/var/run", runFolder) == nullptr || std::string(runFolder) != "/run") {
+    GTEST_SKIP() << "/var/run is not /run here";
+  }
   EXPECT_TRUE(hasCode(runCommand(27, {}), kCommandErrorDomain, 18));
   const pid_t server = pausingChild();
   std::ofstream("/var/run/nfsd.pid") << server << "\n";
