@@ -34,8 +34,9 @@ class FakeDirectory final : public UserDirectory {
  public:
   Result<std::optional<UserAccount>> accountOf(uid_t uid) const override {
     if (failing) return Error::posix(EMFILE, "getpwuid_r");
-    if (uid == kAlice) return std::optional<UserAccount>(UserAccount{"alice", kAlice, kAlice});
-    if (uid == kBob) return std::optional<UserAccount>(UserAccount{"bob", kBob, kBob});
+    if (uid == kAlice)
+      return std::optional<UserAccount>(UserAccount{"alice", kAlice, kAlice, "/home/alice"});
+    if (uid == kBob) return std::optional<UserAccount>(UserAccount{"bob", kBob, kBob, "/home/bob"});
     return std::optional<UserAccount>();
   }
   Result<std::optional<UserAccount>> accountNamed(const std::string& name) const override {

@@ -46,7 +46,8 @@ Result<std::optional<UserAccount>> lookUpAccount(Call call, const char* operatio
         passwd* found = nullptr;
         std::pair<int, std::optional<UserAccount>> answer{call(&entry, buffer, size, &found), {}};
         if (answer.first == 0 && found != nullptr && found->pw_name != nullptr) {
-          answer.second = UserAccount{found->pw_name, found->pw_uid, found->pw_gid};
+          answer.second = UserAccount{found->pw_name, found->pw_uid, found->pw_gid,
+                                      found->pw_dir != nullptr ? found->pw_dir : ""};
         }
         return answer;
       },

@@ -30,6 +30,7 @@ struct UserAccount {
   std::string name;
   uid_t uid = 0;
   gid_t gid = 0;
+  std::string home;  // the home folder of the account's entry, as written there
 };
 
 class UserDirectory {

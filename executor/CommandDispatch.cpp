@@ -110,6 +110,32 @@ CommandResult KRVCommandExecutor::executeCommand(const KRVPrivilegedCommand& com
                                                   boolAt(a, 3));
     case 17:
       return getStorageSizeOfSubtreeAtPath(stringAt(a, 0));
+    case 18:
+      return setPowerManagementOptionNamed(stringAt(a, 0), numberAt(a, 1).integerValue());
+    case 19:
+      return setDiskSpindownTime(uintAt(a, 0));
+    case 20:
+      return setKernelSettingNamed(stringAt(a, 0), numberAt(a, 1).integerValue());
+    case 21:
+      return setNVRAMVariableNamed(stringAt(a, 0), stringAt(a, 1));
+    case 22:
+      return setNetworkInterface(stringAt(a, 0), numberAt(a, 1).intValue());
+    case 24:
+      return setPreferenceWithKey(stringAt(a, 0), stringAt(a, 1), stringAt(a, 2), stringAt(a, 3),
+                                  stringAt(a, 4), command.userIdentification());
+    case 25:
+      return setSystemConfigurationForApplicationID(stringAt(a, 0), stringAt(a, 1), stringAt(a, 2),
+                                                    stringAt(a, 3));
+    case 26:
+      return refreshAutomounts();
+    case 27:
+      return restartNFSFileServer();
+    case 28:
+      return shutdownKWSAudioControlTool();
+    case 29:
+      return terminateProcessWithID(numberAt(a, 0).intValue());
+    case 30:
+      return flushLookupCache();
     case 36:
       return updateDyLdCacheWithArguments(a);
     case 37:
@@ -157,7 +183,7 @@ CommandResult KRVCommandExecutor::executeCommand(const KRVPrivilegedCommand& com
     case 54:
       return executeTMUtilityWithCommands(a);
     default:
-      // System settings, access control lists and folder comparison, and the reserved code.
+      // Access control lists and folder comparison, and the reserved code.
       if (code == kCommandReserved) return commandError(kUnknownCommandCode);
       return commandNotAvailable();
   }

@@ -298,21 +298,6 @@ bool KRVCommandExecutor::sendSignal(int signal, pid_t processIdentifier) {
   return ::kill(processIdentifier, signal) == 0;
 }
 
-std::int64_t KRVCommandExecutor::processIdentifierForRunFileAtPath(const std::string& path) {
-  Result<std::string> text = sys::readFile(path, 4096);
-  if (!text) return 0;
-  const char* cursor = text->c_str();
-  while (*cursor == ' ' || *cursor == '\t' || *cursor == '\n' || *cursor == '\r') ++cursor;
-  bool negative = false;
-  if (*cursor == '+' || *cursor == '-') negative = *cursor++ == '-';
-  std::int64_t value = 0;
-  for (; *cursor >= '0' && *cursor <= '9'; ++cursor) {
-    if (value > (INT64_MAX - 9) / 10) break;  // saturate instead of overflowing
-    value = value * 10 + (*cursor - '0');
-  }
-  return negative ? -value : value;
-}
-
 std::uint32_t KRVCommandExecutor::fileSystemIDForPath(const std::string& path) {
   struct stat status {};
   if (::lstat(path.c_str(), &status) != 0) return 0xFFFFFFFFu;

@@ -23,6 +23,7 @@
 #include <utility>
 
 #include "executor/KRVTaskExecutor.h"
+#include "executor/SystemSettingsHost.h"
 #include "foundation/Error.h"
 #include "foundation/SystemLog.h"
 #include "foundation/UniqueFd.h"
@@ -103,6 +104,8 @@ class KRVCommandExecutor final : public TaskDelegate {
 
   // ---- Shared helpers of the command families ----
   static bool sendSignal(int signal, pid_t processIdentifier);
+  // The number a run file holds, or 0 when it cannot be read. The path is resolved safely (a
+  // user's link leads only to her own objects); only a regular file of at most 4 KiB is read.
   static std::int64_t processIdentifierForRunFileAtPath(const std::string& path);
   // The device number of the object itself (links not followed); all ones when lstat fails.
   static std::uint32_t fileSystemIDForPath(const std::string& path);
@@ -135,6 +138,9 @@ class KRVCommandExecutor final : public TaskDelegate {
   Error manageACLSupportWithArguments(const Array& arguments);
   Error changePOSIXPermissionsWithArguments(const Array& arguments);
   Error changeOwnerWithArguments(const Array& arguments);
+  // Runs the program of a constant path, or its Linux counterpart (platform/SystemPrograms.h);
+  // code 5 with the constant path when neither exists.
+  Error executeSystemProgramOrCounterpart(const char* constantPath, const Array& arguments);
 
   // ---- File objects (FileObjectCommands.cpp) ----
   Error overwriteSystemFileAtPath(const std::string& path, const Data& content, bool removeBackup);
@@ -166,8 +172,36 @@ class KRVCommandExecutor final : public TaskDelegate {
                                                            const Array& patterns);
   Error countFileSystemObjectsAtPath(const std::string& path, const std::string& markerPath);
 
+  // ---- System settings (SystemSettingCommands.cpp, PreferenceCommands.cpp,
+  // ServiceCommands.cpp) ----
+  // Where they act; the daemon never changes the default (see SystemSettingsHost.h).
+  void setSystemSettingsHost(SystemSettingsHost host) { m_settingsHost = std::move(host); }
+  Error setPowerManagementOptionNamed(const std::string& key, std::int64_t value);
+  Error setDiskSpindownTime(std::uint64_t minutes);
+  Error setKernelSettingNamed(const std::string& name, std::int64_t value);
+  Error setNVRAMVariableNamed(const std::string& name, const std::string& value);
+  Error setNetworkInterface(const std::string& name, std::int32_t mtu);
+  // `requestingUser` is the user the request names: the current user of the preferences.
+  Error setPreferenceWithKey(const std::string& key, const std::string& applicationDomain,
+                             const std::string& userDomain, const std::string& hostDomain,
+                             const std::string& value, uid_t requestingUser);
+  Error setSystemConfigurationForApplicationID(const std::string& applicationID,
+                                               const std::string& domain, const std::string& key,
+                                               const std::string& value);
+  Error refreshAutomounts();
+  Error restartNFSFileServer();
+  Error shutdownKWSAudioControlTool();
+  Error terminateProcessWithID(std::int32_t processIdentifier);
+  Error flushLookupCache();
+  // Makes the source's profile custom, activates the profiles and sets the key of the source's
+  // preferences, which must already hold it; true when all of that succeeded, or when the machine
+  // has no such source. Missing arguments are false.
+  bool setPowerManagementValue(const std::optional<Value>& value, const std::string& key,
+                               Dictionary* preferences, const std::string& powerSource,
+                               Dictionary* profiles);
+
   // ---- Commands whose family is not available in this version (UnavailableCommands.cpp) ----
-  // System settings (18-22, 24-30), access control lists (34, 35), folder comparison (52).
+  // Access control lists (34, 35), folder comparison (52).
   static Error commandNotAvailable();
 
  private:
@@ -184,6 +218,7 @@ class KRVCommandExecutor final : public TaskDelegate {
   Data m_incomingStdErrData;
   std::optional<Data> m_providedStdInData;  // no command sets it; kept for program input
   bool m_isSendingLiveData = false;
+  SystemSettingsHost m_settingsHost;
 };
 
 // The error of a command result in the command error domain.

@@ -6,6 +6,7 @@
 
 #include "executor/KRVCommandExecutor.h"
 #include "foundation/NameValue.h"
+#include "platform/SystemPrograms.h"
 
 namespace krv {
 
@@ -69,6 +70,13 @@ Error KRVCommandExecutor::executeSystemProgramAtPath(const std::string& path,
   return commandError(*status == 0 ? 0 : kProgramFailed, std::move(userInfo));
 }
 
+Error KRVCommandExecutor::executeSystemProgramOrCounterpart(const char* constantPath,
+                                                            const Array& arguments) {
+  std::optional<std::string> program = SystemPrograms(m_settingsHost.root).programFor(constantPath);
+  if (!program) return commandErrorWithFailingPath(kUnsafeProgram, constantPath);
+  return executeSystemProgramAtPath(*program, arguments);
+}
+
 Error KRVCommandExecutor::updateDyLdCacheWithArguments(const Array& arguments) {
   return executeSystemProgramAtPath("/usr/bin/update_dyld_shared_cache", arguments);
 }
@@ -76,7 +84,7 @@ Error KRVCommandExecutor::executeDittoWithArguments(const Array& arguments) {
   return executeSystemProgramAtPath("/usr/bin/ditto", arguments);
 }
 Error KRVCommandExecutor::executeMountWithArguments(const Array& arguments) {
-  return executeSystemProgramAtPath("/sbin/mount", arguments);
+  return executeSystemProgramOrCounterpart("/sbin/mount", arguments);
 }
 Error KRVCommandExecutor::executePeriodicWithArguments(const Array& arguments) {
   return executeSystemProgramAtPath("/usr/sbin/periodic", arguments, true);
@@ -103,7 +111,7 @@ Error KRVCommandExecutor::executeRepairPackagePermissionsWithArguments(const Arr
   return executeSystemProgramAtPath("/usr/libexec/repair_packages", arguments);
 }
 Error KRVCommandExecutor::executeUnmountCommandWithArguments(const Array& arguments) {
-  return executeSystemProgramAtPath("/sbin/umount", arguments);
+  return executeSystemProgramOrCounterpart("/sbin/umount", arguments);
 }
 Error KRVCommandExecutor::executeTMUtilityWithCommands(const Array& arguments) {
   return executeSystemProgramAtPath("/usr/bin/tmutil", arguments);
@@ -115,7 +123,7 @@ Error KRVCommandExecutor::changePOSIXPermissionsWithArguments(const Array& argum
   return executeSystemProgramAtPath("/bin/chmod", arguments);
 }
 Error KRVCommandExecutor::changeOwnerWithArguments(const Array& arguments) {
-  return executeSystemProgramAtPath("/usr/sbin/chown", arguments);
+  return executeSystemProgramOrCounterpart("/usr/sbin/chown", arguments);
 }
 
 }  // namespace krv

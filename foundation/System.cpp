@@ -4,6 +4,7 @@
 #include <linux/openat2.h>
 #include <sys/random.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -171,6 +172,29 @@ Status fsync(int fd) {
   }
 }
 
+Status truncate(int fd, off_t length) {
+  for (;;) {
+    if (::ftruncate(fd, length) == 0) return {};
+    if (errno != EINTR) return Error::fromErrno("ftruncate");
+  }
+}
+
+Status lockWaiting(int fd, LockKind kind) {
+  struct flock lock {};
+  lock.l_type = kind == LockKind::Exclusive ? F_WRLCK : F_RDLCK;
+  lock.l_whence = SEEK_SET;  // l_start 0 and l_len 0: the whole file, however large it grows
+  for (;;) {
+    if (::fcntl(fd, F_OFD_SETLKW, &lock) == 0) return {};
+    if (errno != EINTR) return Error::fromErrno("fcntl");
+  }
+}
+
+Result<UniqueFd> socket(int domain, int type, int protocol) {
+  int fd = ::socket(domain, type | SOCK_CLOEXEC, protocol);
+  if (fd < 0) return Error::fromErrno("socket");
+  return UniqueFd(fd);
+}
+
 Result<PipeEnds> pipe(int extraFlags) {
   int ends[2];
   if (::pipe2(ends, O_CLOEXEC | extraFlags) != 0) return Error::fromErrno("pipe2");
@@ -234,6 +258,13 @@ Result<UniqueFd> pidfdOpen(pid_t pid) {
   long fd = ::syscall(SYS_pidfd_open, pid, 0);
   if (fd < 0) return Error::fromErrno("pidfd_open");
   return UniqueFd(static_cast<int>(fd));
+}
+
+Status pidfdSendSignal(int pidfd, int signal) {
+  if (::syscall(SYS_pidfd_send_signal, pidfd, signal, nullptr, 0) != 0) {
+    return Error::fromErrno("pidfd_send_signal");
+  }
+  return {};
 }
 
 std::string errorText(int errnoValue) {

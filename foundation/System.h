@@ -57,6 +57,16 @@ Status mkfifo(const std::string& path, mode_t mode);
 Status lchown(const std::string& path, uid_t owner, gid_t group);
 Status chmod(const std::string& path, mode_t mode);
 Status fsync(int fd);
+// ftruncate, retried on EINTR.
+Status truncate(int fd, off_t length);
+// Takes an open file description lock (F_OFD_SETLKW) on the whole file, waiting while another
+// description holds it (EINTR retried); exclusive or shared. It ends when every descriptor of this
+// open file description is closed.
+enum class LockKind : std::uint8_t { Shared, Exclusive };
+Status lockWaiting(int fd, LockKind kind);
+
+// socket(2), close-on-exec.
+Result<UniqueFd> socket(int domain, int type, int protocol = 0);
 
 // Both ends of a pipe, close-on-exec.
 struct PipeEnds {
@@ -93,6 +103,9 @@ Result<DirectoryStream> openDirectory(const std::string& path);
 Status getRandom(std::span<std::uint8_t> buffer);
 // A process descriptor for pid (pidfd_open), close-on-exec; readable once the process has exited.
 Result<UniqueFd> pidfdOpen(pid_t pid);
+// Sends a signal to the process a pidfd refers to; ESRCH once that process has exited, even when
+// its process id has been given to another process since.
+Status pidfdSendSignal(int pidfd, int signal);
 
 // The text of an errno value (strerror_r, thread-safe).
 std::string errorText(int errnoValue);

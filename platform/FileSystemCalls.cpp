@@ -73,6 +73,13 @@ Status renameNoReplace(int fromDirectoryFd, const char* from, int toDirectoryFd,
   return {};
 }
 
+Status renameAt(int fromDirectoryFd, const char* from, int toDirectoryFd, const char* to) {
+  if (::renameat(fromDirectoryFd, from, toDirectoryFd, to) != 0) {
+    return Error::fromErrno("renameat");
+  }
+  return {};
+}
+
 Status fchownAt(int directoryFd, const char* path, uid_t owner, gid_t group, int flags) {
   if (::fchownat(directoryFd, path, owner, group, flags) != 0) return Error::fromErrno("fchownat");
   return {};

@@ -56,6 +56,8 @@ Status linkAt(int fromDirectoryFd, const char* from, int toDirectoryFd, const ch
 // renameat2 with RENAME_NOREPLACE: an existing destination is EEXIST and is never replaced. Where
 // the file system cannot do that atomically (EINVAL), an lstat check precedes a plain rename.
 Status renameNoReplace(int fromDirectoryFd, const char* from, int toDirectoryFd, const char* to);
+// renameat: replaces an existing destination atomically.
+Status renameAt(int fromDirectoryFd, const char* from, int toDirectoryFd, const char* to);
 Status fchownAt(int directoryFd, const char* path, uid_t owner, gid_t group, int flags);
 Status chmodPath(const char* path, mode_t mode);
 Status utimensAt(int directoryFd, const char* path, const struct timespec times[2], int flags);

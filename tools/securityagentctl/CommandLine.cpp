@@ -1,5 +1,6 @@
 #include "tools/securityagentctl/CommandLine.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -168,7 +169,7 @@ std::string usage() {
          "true/false; data arguments take @FILE, hex:DIGITS or plain text.\n";
 }
 
-std::string commandList() {
+std::string commandList(const SystemPrograms& programs) {
   std::string text;
   for (std::uint32_t code = 0; code < kNumberOfCommandCodes; ++code) {
     const CommandRecord* record = commandRecord(code);
@@ -182,6 +183,17 @@ std::string commandList() {
     }
     text += format("%2u  %-28s %-6s %s\n", code, name.c_str(), arguments.c_str(),
                    record->comment ? record->comment : "");
+    const bool runsProgram = std::any_of(
+        SystemPrograms::programCommands().begin(), SystemPrograms::programCommands().end(),
+        [code](const ProgramCommand& command) { return command.code == code; });
+    if (!runsProgram) continue;
+    if (std::optional<ProgramInvocation> program = programs.programOfCommand(code)) {
+      std::string line = escapedName(program->path);
+      for (const std::string& argument : program->arguments) line += " " + escapedName(argument);
+      text += "    runs " + line + "\n";
+    } else {
+      text += "    runs no program on this machine\n";
+    }
   }
   return text;
 }

@@ -18,6 +18,7 @@
 
 #include "foundation/Result.h"
 #include "foundation/Value.h"
+#include "platform/SystemPrograms.h"
 
 namespace krv::ctl {
 
@@ -43,6 +44,8 @@ std::optional<std::uint32_t> codeForName(const std::string& name);
 Result<Value> convertArgument(const std::string& text, char letter);
 
 std::string usage();
-std::string commandList();
+// Every command with its arguments and comment; below each command that runs a program, the
+// program that runs on this machine (as `programs` finds it) or that none does.
+std::string commandList(const SystemPrograms& programs = SystemPrograms());
 
 }  // namespace krv::ctl

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include "platform/TestFileTree.h"
 #include "tools/securityagentctl/ResultPrinter.h"
 
 namespace krv::ctl {
@@ -19,6 +20,30 @@ TEST(CommandLineTest, NamesAndCodesSelectTheSameCommand) {
     if (code == 23) continue;
     EXPECT_EQ(codeForName(readableName(code)), code) << readableName(code);
   }
+}
+
+TEST(CommandLineTest, TheListSaysWhichProgramEachProgramCommandRunsHere) {
+  test::TestFileTree host;
+  host.makeFolder("usr");
+  host.makeFolder("usr/bin");
+  host.makeFile("usr/bin/mount", "", 0755);
+  host.makeFile("usr/bin/chown", "", 0755);
+  host.makeFolder("usr/sbin");
+  host.makeFile("usr/sbin/nscd", "", 0755);
+  const std::string list = commandList(SystemPrograms(HostRoot(host.root())));
+  const auto programLine = [&](const std::string& command) {
+    const std::size_t at = list.find(command);
+    if (at == std::string::npos) return std::string("<no command>");
+    const std::size_t start = list.find('\n', at) + 1;
+    return list.substr(start, list.find('\n', start) - start);
+  };
+  EXPECT_EQ(programLine(" mount-file-system "), "    runs " + host.path("usr/bin/mount"));
+  EXPECT_EQ(programLine(" flush-lookup-cache "),
+            "    runs " + host.path("usr/sbin/nscd") + " --invalidate hosts");
+  EXPECT_EQ(programLine(" execute-umount "), "    runs no program on this machine");
+  EXPECT_EQ(programLine(" refresh-automounter "), "    runs no program on this machine");
+  // Commands that run nothing have no such line.
+  EXPECT_EQ(programLine(" get-version ").rfind("    runs", 0), std::string::npos);
 }
 
 TEST(CommandLineTest, ConvertsArgumentsByTheSignature) {
