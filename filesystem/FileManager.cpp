@@ -11,10 +11,10 @@
 #include "filesystem/PathNames.h"
 #include "foundation/NameValue.h"
 #include "foundation/System.h"
+#include "foundation/UserInformationKeys.h"
 #include "platform/FileFlags.h"
 #include "platform/FileSystemCalls.h"
 #include "platform/SafePathResolver.h"
-#include "protocol/CommandTable.h"
 
 namespace krv {
 namespace {

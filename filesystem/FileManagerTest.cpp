@@ -15,9 +15,9 @@
 #include <vector>
 
 #include "filesystem/FileManagerAdditions.h"
+#include "foundation/UserInformationKeys.h"
 #include "platform/FileFlags.h"
-#include "platform/TestFileTree.h"
-#include "protocol/CommandTable.h"
+#include "tests/support/TestFileTree.h"
 
 namespace krv {
 namespace {

@@ -1,10 +1,10 @@
 #pragma once
 // The command table: for every command code a client may send, the right that guards it, whether
 // it needs authorization, which intermediate reports it sends, how many arguments it takes and of
-// which kinds, and the comment stored with its right. It is also the one table of the user
-// information keys. Constant data; the consistency checks run once, before the first use, and a
-// table that fails them ends the process with status 1. Thread-safe after that first use (which
-// the daemon and the client make on their main thread).
+// which kinds, and the comment stored with its right. It also numbers the user information keys
+// (foundation/UserInformationKeys.h). Constant data; the consistency checks run once, before the
+// first use, and a table that fails them ends the process with status 1. Thread-safe after that
+// first use (which the daemon and the client make on their main thread).
 
 #include <cstddef>
 #include <cstdint>
@@ -14,6 +14,7 @@
 #include <string>
 #include <string_view>
 
+#include "foundation/UserInformationKeys.h"
 #include "foundation/Value.h"
 
 namespace krv {
@@ -60,30 +61,5 @@ std::optional<ValueType> classForArgumentType(char letter);
 
 // User information keys by index (0..17); nothing for any other index.
 std::optional<std::string_view> stringForUserInformationKey(std::size_t index);
-
-namespace key {
-inline constexpr std::string_view kCommandImplementationVersion = "CommandImplementationVersion";
-inline constexpr std::string_view kAgentVersionMajor = "AgentVersionMajor";
-inline constexpr std::string_view kAgentVersionMinor = "AgentVersionMinor";
-inline constexpr std::string_view kAgentVersionBuild = "AgentVersionBuild";
-inline constexpr std::string_view kOutputChannel = "OutputChannel";
-inline constexpr std::string_view kErrorChannel = "ErrorChannel";
-inline constexpr std::string_view kFailingPath = "FailingPath";
-inline constexpr std::string_view kUnderlyingErrorCode = "UnderlyingErrorCode";
-inline constexpr std::string_view kCurrentProgress = "CurrentProgress";
-inline constexpr std::string_view kFileSystemObjects = "FileSystemObjects";
-inline constexpr std::string_view kPath = "Path";
-inline constexpr std::string_view kType = "Type";
-inline constexpr std::string_view kSize = "Size";
-inline constexpr std::string_view kModificationDate = "ModificationDate";
-inline constexpr std::string_view kPOSIXMode = "POSIXMode";
-inline constexpr std::string_view kExistenceInfo = "ExistenceInfo";
-inline constexpr std::string_view kUnderlyingErrorMessage = "UnderlyingErrorMessage";
-inline constexpr std::string_view kMismatchList = "MismatchList";
-// Folder comparison records; not reachable through the index.
-inline constexpr std::string_view kMismatches = "Mismatches";
-inline constexpr std::string_view kDescription1 = "Description1";
-inline constexpr std::string_view kDescription2 = "Description2";
-}  // namespace key
 
 }  // namespace krv
