@@ -5,7 +5,7 @@
 #include <thread>
 #include <vector>
 
-#include "executor/ExecutorTestSupport.h"
+#include "tests/support/ExecutorTestSupport.h"
 
 namespace krv {
 namespace {

@@ -13,8 +13,8 @@
 #include <sstream>
 #include <thread>
 
-#include "executor/ExecutorTestSupport.h"
 #include "filesystem/FileManagerAdditions.h"
+#include "tests/support/ExecutorTestSupport.h"
 
 namespace krv {
 namespace {

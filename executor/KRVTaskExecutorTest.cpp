@@ -8,9 +8,9 @@
 #include <cstdlib>
 #include <fstream>
 
-#include "executor/ExecutorTestSupport.h"
 #include "foundation/NameValue.h"
-#include "platform/TestFileTree.h"
+#include "tests/support/ExecutorTestSupport.h"
+#include "tests/support/TestFileTree.h"
 
 namespace krv {
 namespace {

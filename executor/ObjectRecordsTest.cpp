@@ -10,9 +10,9 @@
 #include <string>
 #include <vector>
 
-#include "executor/ExecutorTestSupport.h"
 #include "executor/ObjectRecords.h"
 #include "filesystem/FileAttributes.h"
+#include "tests/support/ExecutorTestSupport.h"
 
 namespace krv {
 namespace {

@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "executor/ExecutorTestSupport.h"
+#include "tests/support/ExecutorTestSupport.h"
 
 namespace krv {
 namespace {

@@ -8,7 +8,7 @@
 #include <cstring>
 #include <optional>
 
-#include "platform/TestFileTree.h"
+#include "tests/support/TestFileTree.h"
 
 namespace krv {
 namespace {

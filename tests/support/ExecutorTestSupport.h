@@ -14,8 +14,8 @@
 #include "executor/KRVCommandExecutor.h"
 #include "foundation/System.h"
 #include "platform/FileFlags.h"
-#include "platform/TestFileTree.h"
 #include "protocol/KRVSecurityAgent.h"
+#include "tests/support/TestFileTree.h"
 
 namespace krv::test {
 
