@@ -18,10 +18,13 @@
 // folder holding it) and changes flags through that descriptor, so the object whose flags were
 // read is the object whose flags are written. Walks go from open folder to open folder without
 // following any link; only the length of the path they build is limited (ENAMETOOLONG past 4095
-// bytes), as for any path the daemon names. They are the file manager's walks, with its depth
-// limit and its guard: a folder already open further up is not walked again.
+// bytes), as for any path the daemon names. They are the file manager's walks, with its guard (a
+// folder already open further up is not walked again) and its depth: at most 4,096 open levels
+// (FileManagerEnumerator::kMaximumDepth). The flag walk passes a deeper folder over, as one it
+// cannot read (and reports it where it reports those); the tree delete stops there with ELOOP.
 //
-// Errors: the command error domain for the codes below (with {"FailingPath": path} where noted),
+// Errors: the command error domain for the file commands' codes (protocol/CommandCodes.h: bad
+// argument, flags not changed, system protected, with {"FailingPath": path} where noted),
 // otherwise the POSIX domain with the errno of the failed call and {"FailingPath": path}, the path
 // of the object the failure is about. Nothing is logged and nothing is rolled back.
 //

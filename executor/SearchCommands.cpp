@@ -9,7 +9,10 @@
 // more than a spool may hold ends with the spool's POSIX error, logged, and sends no records), the
 // multi-pattern search holds the records of at most 100 objects, the measurements hold a number.
 // Every walk is guarded against folders that reappear below themselves (filesystem/WalkGuard.h),
-// so each ends on any tree. The searches stop without a result once the client is gone: at a
+// so each ends on any tree. Depth: the age and multi-pattern searches and the count walk with the
+// KRVDirectoryEnumerator (500 open levels; deeper folders are returned, not entered); the storage
+// size with the file manager's enumerator (4,096 levels; deeper folders add only themselves); the
+// prefix search lists one folder. The searches stop without a result once the client is gone: at a
 // failed send, and, in walks that send nothing for a long time, when the response pipe shows that
 // nobody reads it any more. The count alone never stops for that: only its abort marker stops it.
 
@@ -26,8 +29,8 @@
 #include "executor/FolderBatches.h"
 #include "executor/KRVCommandExecutor.h"
 #include "executor/ObjectRecords.h"
+#include "filesystem/DirectoryReader.h"
 #include "filesystem/FileManager.h"
-#include "filesystem/FolderReader.h"
 #include "filesystem/KRVDirectoryEnumerator.h"
 #include "filesystem/PathNames.h"
 #include "foundation/Format.h"
@@ -252,11 +255,9 @@ CommandResult KRVCommandExecutor::searchForFileSystemObjectsWithPrefix(const std
   // The folder is read as the file manager lists it, one batch at a time, so that a folder of
   // millions of names needs no list of them; a listing that fails lists nothing.
   ObjectRecordSpool found;
-  Result<UniqueFd> folder = sys::open(base, O_RDONLY | O_DIRECTORY | O_NOCTTY | O_NONBLOCK);
-  if (folder) {
-    FolderReader reader(std::move(*folder), FolderReader::kLargeBuffer);
+  if (Result<DirectoryReader> reader = DirectoryReader::listing(base)) {
     std::uint64_t seen = 0;
-    while (std::optional<FolderReader::Entry> entry = reader.next()) {
+    while (std::optional<DirectoryReader::Entry> entry = reader->next()) {
       if (++seen % kClientCheckInterval == 0 && isClientGone()) return std::nullopt;
       if (!hasPrefix(entry->name, prefix)) continue;
       if (!extension.empty() && nameExtension(entry->name) != std::string_view(extension)) {
@@ -269,7 +270,7 @@ CommandResult KRVCommandExecutor::searchForFileSystemObjectsWithPrefix(const std
         if (!found.append(*record)) return refusedSearch(*this, "Prefix search", found);
       }
     }
-    if (reader.error()) found.clear();
+    if (reader->readError()) found.clear();
   }
   if (!found.sendPayload(*this, key::kFileSystemObjects, kPayloadGranularity,
                          kSearchStartProgress)) {
