@@ -186,9 +186,10 @@ bool FileManager::fileExists(const std::string& path) {
 
 bool FileManager::fileExists(const std::string& path, bool& isDirectory) {
   isDirectory = false;
-  struct stat status {};
-  if (hasNul(path) || ::stat(path.c_str(), &status) != 0) return false;
-  isDirectory = S_ISDIR(status.st_mode);
+  if (hasNul(path)) return false;
+  Result<struct stat> status = sys::stat(path);
+  if (!status) return false;
+  isDirectory = S_ISDIR(status->st_mode);
   return true;
 }
 
