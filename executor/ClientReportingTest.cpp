@@ -73,7 +73,7 @@ TEST_F(ReportingTest, FailedResultsAreSentUncheckedAndOutputIsCollectedWithoutRe
   m_executor.sendFinalMessageToClientPipeAndClose(commandError(6));
   std::vector<Error> sent = m_client.messages();
   ASSERT_EQ(sent.size(), 1u);  // no live output message: the relay was off
-  EXPECT_TRUE(sent[0].is("com.tavorin.privilegedCommand", 6));
+  EXPECT_TRUE(sent[0].is(kCommandErrorDomain, kResultProgramFailed));
 }
 
 // The command thread writes only into the FIFO the daemon created (the client owns the path and
@@ -96,7 +96,7 @@ TEST(CommandThreadTest, WritesOnlyIntoTheDaemonsFifoAndCountsItselfFromTheStart)
   };
   auto version = [] {
     return std::shared_ptr<const KRVPrivilegedCommand>(
-        KRVPrivilegedCommand::privilegedCommandWithCode(1, {}));
+        KRVPrivilegedCommand::privilegedCommandWithCode(kCommandGetVersion, {}));
   };
 
   ASSERT_EQ(::rename(path.c_str(), moved.c_str()), 0);
@@ -115,7 +115,7 @@ TEST(CommandThreadTest, WritesOnlyIntoTheDaemonsFifoAndCountsItselfFromTheStart)
   ASSERT_TRUE(reader);
   Result<Value> final = KRVSecurityAgent::readObjectFromPipe(reader->get());
   ASSERT_TRUE(final);
-  EXPECT_TRUE(final->objectAs<Error>()->is("com.tavorin.privilegedCommand", 0));
+  EXPECT_TRUE(final->objectAs<Error>()->is(kCommandErrorDomain, kResultSuccess));
   for (int i = 0; i < 500 && KRVCommandExecutor::numberOfRunningExecutorThreads() != before; ++i) {
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }

@@ -2,7 +2,6 @@
 // The three primitives the file object commands are built on: deleting one object even when user
 // flags protect it (never when system flags do), deleting a whole tree after lifting the user
 // immutable flag everywhere in it, and setting or clearing the user immutable flag of one object.
-// Also the result codes those commands share.
 //
 // Links: the single delete reads, unprotects and removes the object itself; the flag setter reads
 // and writes what a link given as its path points to; the tree delete asks whether the path exists
@@ -37,16 +36,9 @@
 #include "foundation/Result.h"
 #include "platform/FileSystemCalls.h"
 #include "platform/SafePathResolver.h"
+#include "protocol/CommandCodes.h"
 
 namespace krv {
-
-// Result codes of the file object commands in the command error domain.
-inline constexpr std::int64_t kFileCommandBadArgument = 3;       // empty path, bad type code
-inline constexpr std::int64_t kFileCommandBackupIsFolder = 7;    // with FailingPath
-inline constexpr std::int64_t kFileCommandNotWritten = 8;        // with FailingPath
-inline constexpr std::int64_t kFileCommandWhiteout = 9;          // never on Linux
-inline constexpr std::int64_t kFileCommandFlagsNotChanged = 10;  // with FailingPath
-inline constexpr std::int64_t kFileCommandSystemProtected = 11;  // with FailingPath
 
 // What the flag setter does with a symbolic link.
 enum class LinkTargetCheck : std::uint8_t {

@@ -139,7 +139,7 @@ Error commandError(std::int64_t code, Dictionary userInfo) {
   return Error(std::string(kCommandErrorDomain), code, std::move(userInfo));
 }
 
-Error commandSuccess() { return commandError(0); }
+Error commandSuccess() { return commandError(kResultSuccess); }
 
 Error commandErrorWithFailingPath(std::int64_t code, const std::string& path) {
   Dictionary userInfo;

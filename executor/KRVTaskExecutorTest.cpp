@@ -102,7 +102,7 @@ TEST_F(TaskExecutorTest, SafetyRuleLooksAtTheResolvedProgramAndItsParentOnly) {
   }
   // Refused with the path exactly as given, and nothing is run.
   Error refused = run(m_tree.path("to-unsafe"));
-  EXPECT_TRUE(refused.is(kCommandErrorDomain, 5));
+  EXPECT_TRUE(refused.is(kCommandErrorDomain, kResultUnsafeProgram));
   EXPECT_EQ(test::textOf(refused, "FailingPath"), m_tree.path("to-unsafe"));
 }
 
@@ -151,13 +151,14 @@ TEST_F(TaskExecutorTest, ResultCarriesAllOutputAndTheExitStatus) {
     EXPECT_EQ(test::textOf(result, "OutputChannel"), c.output) << c.body;
     EXPECT_EQ(test::textOf(result, "ErrorChannel"), c.errors) << c.body;
   }
-  EXPECT_TRUE(run("").is(kCommandErrorDomain, 3));
+  EXPECT_TRUE(run("").is(kCommandErrorDomain, kResultBadArgument));
   EXPECT_TRUE(run("").userInfo().empty());
   // A NUL byte in an argument could not reach the program unchanged.
-  EXPECT_TRUE(run(program("q", "true"), {std::string("a\0b", 3)}).is(kCommandErrorDomain, 3));
+  EXPECT_TRUE(run(program("q", "true"), {std::string("a\0b", 3)})
+                  .is(kCommandErrorDomain, kResultBadArgument));
   EXPECT_TRUE(
       m_executor.executeSystemProgramAtPath(program("q", "true"), {Value(Data{'a', 0, 0xFF})})
-          .is(kCommandErrorDomain, 3));
+          .is(kCommandErrorDomain, kResultBadArgument));
 }
 
 TEST_F(TaskExecutorTest, PassesArgumentsUnchangedWithoutAShell) {
@@ -238,7 +239,7 @@ TEST_F(TaskExecutorTest, ACommandWithoutTheLiveFlagRelaysNothing) {
     std::ofstream("/usr/sbin/cupsctl") << "#!/bin/sh\nprintf one; printf two >&2\n";
     ::chmod("/usr/sbin/cupsctl", 0755);
     test::ExecutorWithPipe withPipe;
-    CommandResult result = withPipe.run(45, {});
+    CommandResult result = withPipe.run(kCommandExecuteCupsctl, {});
     return std::to_string(withPipe.messages().size()) + " " +
            (result ? test::textOf(*result, "OutputChannel") + "/" +
                          test::textOf(*result, "ErrorChannel")

@@ -43,7 +43,6 @@ namespace krv {
 
 namespace {
 
-constexpr std::int64_t kSearchBadArgument = 3;
 constexpr std::size_t kPayloadGranularity = 100;
 constexpr double kSearchStartProgress = 0.05;
 constexpr double kPatternSearchStartProgress = 0.01;
@@ -59,7 +58,7 @@ constexpr std::uint64_t kOtherThere = 2;
 // The start shared by the searches and the storage size: a non-empty base path that, with its
 // symbolic links resolved, names a folder. `resolved` receives that path.
 std::optional<Error> resolveSearchBase(const std::string& path, std::string& resolved) {
-  if (path.empty()) return commandError(kSearchBadArgument);
+  if (path.empty()) return commandError(kResultBadArgument);
   resolved = FileManager::resolvingSymlinksInPath(path);
   bool isDirectory = false;
   if (!FileManager::fileExists(resolved, isDirectory)) return Error::posix(ENOENT);
@@ -191,7 +190,7 @@ Error refusedSearch(KRVCommandExecutor& executor, const char* search,
 Error successWithSize(std::uint64_t size) {
   Dictionary userInfo;
   userInfo.set(key::kSize, Value::unsignedInteger(size));
-  return commandError(0, std::move(userInfo));
+  return commandError(kResultSuccess, std::move(userInfo));
 }
 
 }  // namespace
@@ -233,7 +232,7 @@ CommandResult KRVCommandExecutor::searchForFileSystemObjectsOlderThanDays(const 
 }
 
 Error KRVCommandExecutor::inspectFileSystemObjectAtPath(const std::string& path) {
-  if (path.empty()) return commandError(kSearchBadArgument);
+  if (path.empty()) return commandError(kResultBadArgument);
   bool isDirectory = false;
   std::uint64_t existence = kNothingThere;
   if (FileManager::fileExists(FileManager::resolvingSymlinksInPath(path), isDirectory)) {
@@ -241,7 +240,7 @@ Error KRVCommandExecutor::inspectFileSystemObjectAtPath(const std::string& path)
   }
   Dictionary userInfo;
   userInfo.set(key::kExistenceInfo, Value::unsignedInteger(existence));
-  return commandError(0, std::move(userInfo));
+  return commandError(kResultSuccess, std::move(userInfo));
 }
 
 CommandResult KRVCommandExecutor::searchForFileSystemObjectsWithPrefix(const std::string& path,
@@ -318,7 +317,7 @@ CommandResult KRVCommandExecutor::searchForFileSystemObjectsWithNamePatterns(
   std::string base;
   if (std::optional<Error> refused = resolveSearchBase(path, base)) return refused;
   std::optional<std::vector<NamePattern>> table = namePatterns(patterns);
-  if (!table) return commandError(kSearchBadArgument);
+  if (!table) return commandError(kResultBadArgument);
   if (!sendProgressMessageToClient(kPatternSearchStartProgress)) return std::nullopt;
 
   // The counting pass gives the total that the progress of the matching pass is measured by.

@@ -16,12 +16,12 @@
 
 #include "foundation/UserInformationKeys.h"
 #include "foundation/Value.h"
+#include "protocol/CommandCodes.h"
 
 namespace krv {
 
 // "Any number of arguments, zero included".
 inline constexpr std::int64_t kAnyNumberOfArguments = std::numeric_limits<std::int64_t>::max();
-inline constexpr std::uint32_t kNumberOfCommandCodes = 55;
 
 struct CommandRecord {
   std::uint32_t code;
@@ -32,16 +32,6 @@ struct CommandRecord {
   std::int64_t numberOfArguments;
   const char* signature;  // type letters S, N, D; null exactly when there are no arguments
   const char* comment;    // null for codes 0 and 1 and the reserved code
-};
-
-// Well-known command codes.
-enum CommandCode : std::uint32_t {
-  kCommandNone = 0,
-  kCommandGetVersion = 1,
-  kCommandShutdown = 2,
-  kCommandWhoAmI = 3,
-  kCommandReserved = 23,
-  kCommandPrepareUninstallation = 53,
 };
 
 // The checked table (55 records, code equals index). Runs the checks on first use.

@@ -24,7 +24,7 @@ constexpr const char* kUnit = "KRVSecurityAgent";
 constexpr std::size_t kMaximumSocketPathLength = 104;
 
 bool isInteractionNeeded(const Error& reply) {
-  if (!reply.is(kCommandErrorDomain, KRVPrivilegedCommand::kAuthorizationFailedCode)) return false;
+  if (!reply.is(kCommandErrorDomain, kResultAuthorizationFailed)) return false;
   const Value* status = reply.userInfo().find(key::kUnderlyingErrorCode);
   return status != nullptr && status->asNumber() != nullptr && status->asNumber()->isInteger() &&
          status->asNumber()->integerValue() == auth::kStatusInteractionNotAllowed;

@@ -54,8 +54,9 @@ void DaemonTest::startDaemon(ThreadCreation threads) {
   m_daemon.emplace(std::move(*daemon));
   if (threads == ThreadCreation::Refused) return;
   // The daemon serves its first request only after its start-up (the right definitions among it).
-  Error version = runCommand(1, {});
-  ASSERT_TRUE(version.is(kCommandErrorDomain, 0)) << version.description() << daemonLog();
+  Error version = runCommand(kCommandGetVersion, {});
+  ASSERT_TRUE(version.is(kCommandErrorDomain, kResultSuccess))
+      << version.description() << daemonLog();
 }
 
 void DaemonTest::TearDown() {

@@ -67,11 +67,13 @@ TEST_F(FileCommandsTest, ToolOutputArrivesWhileTheProgramRuns) {
   ASSERT_TRUE(agent);
   std::vector<std::pair<Clock::time_point, Error>> reports;
   agent->setReportHandler([&](const Error& report) { reports.emplace_back(Clock::now(), report); });
-  auto command = KRVPrivilegedCommand::privilegedCommandWithCode(40, {Value("a b")});
+  auto command =
+      KRVPrivilegedCommand::privilegedCommandWithCode(kCommandExecuteDiskutil, {Value("a b")});
   Error result = agent->executeAtomicPrivilegedCommand(*command, false);
   const Clock::time_point finished = Clock::now();
 
-  ASSERT_TRUE(result.is(kCommandErrorDomain, 0)) << result.description() << daemonLog();
+  ASSERT_TRUE(result.is(kCommandErrorDomain, kResultSuccess))
+      << result.description() << daemonLog();
   EXPECT_EQ(bytesOf(result, "OutputChannel"), "first a b\nsecond\n");
   EXPECT_EQ(bytesOf(result, "ErrorChannel"), "oops");
   ASSERT_FALSE(reports.empty());
@@ -97,9 +99,10 @@ TEST_F(FileCommandsTest, MultiPathDeleteReportsItsProgress) {
   }
   std::vector<Error> reports;
   Error result = runCommand(
-      7, {Value("0"), Value("/tmp/delete/a"), Value("/tmp/delete/b"), Value("/tmp/delete/c")},
+      kCommandDeleteFileObjects,
+      {Value("0"), Value("/tmp/delete/a"), Value("/tmp/delete/b"), Value("/tmp/delete/c")},
       &reports);
-  EXPECT_TRUE(result.is(kCommandErrorDomain, 0)) << result.description();
+  EXPECT_TRUE(result.is(kCommandErrorDomain, kResultSuccess)) << result.description();
   std::vector<double> progress;
   for (const Error& report : reports) {
     const Value* value = report.userInfo().find("CurrentProgress");

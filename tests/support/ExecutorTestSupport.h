@@ -87,7 +87,7 @@ class FileCommandTest : public testing::Test {
     return m_client.run(code, std::move(arguments));
   }
   void expectSuccess(std::uint32_t code, Array arguments) {
-    expectResult(run(code, std::move(arguments)), kCommandErrorDomain, 0);
+    expectResult(run(code, std::move(arguments)), kCommandErrorDomain, kResultSuccess);
   }
   std::vector<double> progressValues() {
     std::vector<double> values;

@@ -2,21 +2,22 @@
 
 #include <gtest/gtest.h>
 
+#include "protocol/CommandCodes.h"
 #include "tools/securityagentctl/ResultPrinter.h"
 
 namespace krv::ctl {
 namespace {
 
 TEST(CommandLineTest, NamesAndCodesSelectTheSameCommand) {
-  EXPECT_EQ(codeForName("version"), 1u);  // a short alias
-  EXPECT_EQ(codeForName("51"), 51u);
-  EXPECT_EQ(codeForName("count-file-objects"), 51u);
+  EXPECT_EQ(codeForName("version"), kCommandGetVersion);  // a short alias
+  EXPECT_EQ(codeForName("51"), kCommandCountFileObjects);
+  EXPECT_EQ(codeForName("count-file-objects"), kCommandCountFileObjects);
   EXPECT_FALSE(codeForName("55"));
   EXPECT_FALSE(codeForName(""));
   EXPECT_FALSE(codeForName("com.tavorin.get.version"));
   // Every command but the reserved one has a name that leads back to it.
-  for (std::uint32_t code = 0; code < 55; ++code) {
-    if (code == 23) continue;
+  for (std::uint32_t code = 0; code < kNumberOfCommandCodes; ++code) {
+    if (code == kCommandReserved) continue;
     EXPECT_EQ(codeForName(readableName(code)), code) << readableName(code);
   }
 }
@@ -26,7 +27,7 @@ TEST(CommandLineTest, ConvertsArgumentsByTheSignature) {
       parseCommandLine({"--json", "search-aged-files", "/var/tmp", "30", "yes"});
   ASSERT_TRUE(options);
   EXPECT_TRUE(options->json);
-  EXPECT_EQ(options->commandCode, 14u);
+  EXPECT_EQ(options->commandCode, kCommandSearchAgedFiles);
   ASSERT_EQ(options->arguments.size(), 3u);
   EXPECT_EQ(*options->arguments[0].asString(), "/var/tmp");
   EXPECT_EQ(options->arguments[1].asNumber()->integerValue(), 30);
