@@ -103,7 +103,7 @@ TEST(CommandThreadTest, WritesOnlyIntoTheDaemonsFifoAndCountsItselfFromTheStart)
   ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);
   Result<UniqueFd> swapped = sys::open(path, O_RDONLY | O_NONBLOCK);
   ASSERT_TRUE(swapped);
-  executorFor(path)->executeCommandInNewThread(version());
+  executorFor(path)->executeCommandOnCallingThread(version());
   char byte = 0;
   EXPECT_EQ(::read(swapped->get(), &byte, 1), 0);  // nothing written, no writer left
   EXPECT_TRUE(sys::lstat(path));                   // and what is not the daemon's stays
@@ -113,7 +113,7 @@ TEST(CommandThreadTest, WritesOnlyIntoTheDaemonsFifoAndCountsItselfFromTheStart)
   EXPECT_EQ(KRVCommandExecutor::numberOfRunningExecutorThreads(), before + 1);
   Result<UniqueFd> reader = sys::open(moved, O_RDONLY);
   ASSERT_TRUE(reader);
-  Result<Value> final = KRVSecurityAgent::readObjectFromPipe(reader->get());
+  Result<Value> final = KRVSecurityAgent::readObject(reader->get());
   ASSERT_TRUE(final);
   EXPECT_TRUE(final->objectAs<Error>()->is(kCommandErrorDomain, kResultSuccess));
   for (int i = 0; i < 500 && KRVCommandExecutor::numberOfRunningExecutorThreads() != before; ++i) {

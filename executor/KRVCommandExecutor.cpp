@@ -260,7 +260,7 @@ class RunningCount {
 
 }  // namespace
 
-void KRVCommandExecutor::executeCommandInNewThread(
+void KRVCommandExecutor::executeCommandOnCallingThread(
     std::shared_ptr<const KRVPrivilegedCommand> command) {
   runThreadBody(std::move(command), false);
 }

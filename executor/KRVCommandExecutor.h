@@ -64,10 +64,10 @@ class KRVCommandExecutor final : public TaskDelegate {
   // the client never opened it.
   void setExpectedPipeIdentity(dev_t device, ino_t inode) { m_expectedPipe = {device, inode}; }
 
-  // The thread body: counts itself in, opens the pipe, runs the command, gives up the
-  // authorization, writes the final message, counts itself out.
-  void executeCommandInNewThread(std::shared_ptr<const KRVPrivilegedCommand> command);
-  // Detaches a thread that runs executeCommandInNewThread; the thread owns both objects. The
+  // The body of a command thread, run on the calling thread: counts itself in, opens the pipe,
+  // runs the command, gives up the authorization, writes the final message, counts itself out.
+  void executeCommandOnCallingThread(std::shared_ptr<const KRVPrivilegedCommand> command);
+  // Detaches a thread that runs that same body; the thread owns both objects. The
   // thread is counted as running from before it is created, so that a daemon deciding to exit
   // right after this call never ends a command that has not yet counted itself. When no thread
   // can be created (the process is out of threads or memory) the command never runs: the failure

@@ -85,7 +85,7 @@ int KRVSecurityAgent::writeData(const Data* data, int fd) {
   return writeDataBlock(fd, *data);
 }
 
-Result<Data> KRVSecurityAgent::readDataFromPipe(int fd) { return readDataBlock(fd); }
+Result<Data> KRVSecurityAgent::readData(int fd) { return readDataBlock(fd); }
 
 int KRVSecurityAgent::writeObject(const Archivable* object, int fd) {
   if (object == nullptr || fd < 0) {
@@ -96,8 +96,8 @@ int KRVSecurityAgent::writeObject(const Archivable* object, int fd) {
   return writeData(&payload, fd);
 }
 
-Result<Value> KRVSecurityAgent::readObjectFromPipe(int fd, const ClassRegistry& classes) {
-  KRV_TRY(Data payload, readDataFromPipe(fd));
+Result<Value> KRVSecurityAgent::readObject(int fd, const ClassRegistry& classes) {
+  KRV_TRY(Data payload, readData(fd));
   Result<Value> object = unarchiveSequential(payload, classes);
   if (!object) {
     errno = EIO;
@@ -176,7 +176,7 @@ Error KRVSecurityAgent::startExecutionOfPrivilegedCommand(KRVPrivilegedCommand& 
     Data payload = archiveSequential(command);
     int result = writeDataBlock(socket->get(), payload, BlockSink::Socket);
     if (result != 0) return Error::posix(result, "write request");
-    Result<Value> reply = readObjectFromPipe(socket->get(), *m_responseClasses);
+    Result<Value> reply = readObject(socket->get(), *m_responseClasses);
     socket->reset();
     if (!reply) return Error::posix(static_cast<int>(reply.error().code()), "read acknowledgement");
     const Error* acknowledgement = reply->objectAs<Error>();
@@ -195,7 +195,7 @@ bool KRVSecurityAgent::isContinuingCommandExecutionViaPipe(int fd, Error* status
     *status = Error::posix(EINVAL, "pipe");
     return false;
   }
-  Result<Value> message = readObjectFromPipe(fd, *m_responseClasses);
+  Result<Value> message = readObject(fd, *m_responseClasses);
   const Error* error = message ? message->objectAs<Error>() : nullptr;
   if (error == nullptr) {
     *status = transportError(kTransportPipeMessageInvalid);

@@ -153,7 +153,7 @@ Result<Value> DaemonTest::exchange(const Data& payload) {
   if (int error = writeDataBlock(socket.get(), payload, BlockSink::Socket); error != 0) {
     return Error::posix(error, "write request");
   }
-  return KRVSecurityAgent::readObjectFromPipe(socket.get());
+  return KRVSecurityAgent::readObject(socket.get());
 }
 
 Result<Value> DaemonTest::exchange(const KRVPrivilegedCommand& command) {

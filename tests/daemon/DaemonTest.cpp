@@ -138,7 +138,7 @@ TEST_F(DaemonTest, CreatesTheResponsePipeForTheRequestingUser) {
 
   Result<UniqueFd> pipe = KRVSecurityAgent::openResponsePipeAtPath(*path);
   ASSERT_TRUE(pipe);
-  Result<Value> final = KRVSecurityAgent::readObjectFromPipe(pipe->get());
+  Result<Value> final = KRVSecurityAgent::readObject(pipe->get());
   ASSERT_TRUE(final);
   EXPECT_TRUE(final->objectAs<Error>()->is(kCommandErrorDomain, kResultSuccess));
   ::unlink(path->c_str());

@@ -41,7 +41,7 @@ class ExecutorWithPipe {
     std::vector<Error> result;
     (void)sys::setNonBlocking(m_reader.get(), true);
     for (;;) {
-      Result<Value> object = KRVSecurityAgent::readObjectFromPipe(m_reader.get());
+      Result<Value> object = KRVSecurityAgent::readObject(m_reader.get());
       if (!object || object->objectAs<Error>() == nullptr) break;
       result.push_back(*object->objectAs<Error>());
     }
