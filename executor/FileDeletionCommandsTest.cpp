@@ -234,21 +234,39 @@ TEST_F(DeletionTest, AGoneClientStopsTheMultiPathCommandsBeforeAnyDeletion) {
 // ramfs keeps no inode flags at all.
 TEST_F(DeletionTest, AFileSystemWithoutFlagsDeletesAndUnprotectsButCannotProtect) {
   make({"mnt/"});
-  std::string summary = test::inPrivateMount(path("mnt"), "ramfs", [&] {
+  test::Facts facts = test::inPrivateMount(path("mnt"), "ramfs", [&](test::Facts& seen) {
     const std::string file = path("mnt/file");
-    if (::mknod(file.c_str(), S_IFREG | 0644, 0) != 0) return std::string("mknod");
-    test::ExecutorWithPipe client;
-    std::string codes;
-    for (const auto& [code, arguments] :
-         {std::pair{10u, Array{text(file), test::number(1), test::number(0), test::number(0)}},
-          std::pair{10u, Array{text(file), test::number(0), test::number(0), test::number(0)}},
-          std::pair{11u, Array{text(file)}}, std::pair{8u, Array{text(file)}}}) {
-      CommandResult result = client.run(code, arguments);
-      codes += result ? std::to_string(result->code()) + " " : std::string("none ");
+    if (::mknod(file.c_str(), S_IFREG | 0644, 0) != 0) {
+      seen["child"] = "mknod";
+      return;
     }
-    return codes + (::access(file.c_str(), F_OK) == 0 ? "left" : "");
+    test::ExecutorWithPipe client;
+    const struct {
+      const char* step;
+      std::uint32_t code;
+      Array arguments;
+    } steps[] = {
+        {"protect",
+         kCommandModifyProtectAttribute,
+         {text(file), test::number(1), test::number(0), test::number(0)}},
+        {"unprotect",
+         kCommandModifyProtectAttribute,
+         {text(file), test::number(0), test::number(0), test::number(0)}},
+        {"remove system protection", kCommandRemoveSystemProtection, {text(file)}},
+        {"delete subtree", kCommandDeleteFileSubtree, {text(file)}},
+    };
+    for (const auto& [step, code, arguments] : steps) {
+      CommandResult result = client.run(code, arguments);
+      seen[step] = result ? std::to_string(result->code()) : "none";
+    }
+    seen["file left"] = ::access(file.c_str(), F_OK) == 0 ? "yes" : "no";
   });
-  EXPECT_EQ(summary, "95 0 0 0 ");
+  ASSERT_FALSE(facts.contains("child")) << facts["child"];
+  EXPECT_EQ(facts["protect"], std::to_string(EOPNOTSUPP));
+  EXPECT_EQ(facts["unprotect"], "0");
+  EXPECT_EQ(facts["remove system protection"], "0");
+  EXPECT_EQ(facts["delete subtree"], "0");
+  EXPECT_EQ(facts["file left"], "no");
 }
 
 }  // namespace

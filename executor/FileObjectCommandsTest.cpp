@@ -10,7 +10,6 @@
 #include <atomic>
 #include <ctime>
 #include <fstream>
-#include <sstream>
 #include <thread>
 
 #include "filesystem/FileManagerAdditions.h"
@@ -184,37 +183,58 @@ TEST_F(ObjectCommandTest, RenamesWithinAndAcrossFileSystemsButNeverOverAnObject)
   make({"src/link -> file", "src/fifo|", "src/sub/", "locked", "mnt/"});
   m_tree.makeFile("src/sub/inner", "I");
   setFlags("locked", kUserImmutableFlag);
-  std::string summary = test::inPrivateMount(path("mnt"), "tmpfs", [&] {
+  test::Facts facts = test::inPrivateMount(path("mnt"), "tmpfs", [&](test::Facts& seen) {
     test::ExecutorWithPipe client;
     make({"mnt/taken"});
-    std::ostringstream facts;
     for (const char* name : {"c", "src", "b", "locked"}) {
       const std::string to = path(std::string("mnt/") + (name[0] == 'b' ? "taken" : name));
       CommandResult result = client.run(kCommandRenameFileObject, {text(path(name)), text(to)});
-      facts << (result ? result->code() : -1) << (exists(name) ? " left, " : ", ");
+      seen[std::string("moving ") + name] = result ? std::to_string(result->code()) : "none";
+      seen[std::string(name) + " left"] = exists(name) ? "yes" : "no";
     }
     const std::string copy = path("mnt/src/file");
-    struct stat status = statusOf(copy);
+    const struct stat status = statusOf(copy);
     char note[8] = {}, link[8] = {};
     ::lgetxattr(copy.c_str(), "user.note", note, sizeof note - 1);
     ::readlink(path("mnt/src/link").c_str(), link, sizeof link - 1);
-    facts << contentsOf(copy) << contentsOf(path("mnt/c")) << contentsOf(path("mnt/src/sub/inner"))
-          << std::oct << " " << (status.st_mode & 07777) << " "
-          << (statusOf(path("mnt/src")).st_mode & 07777) << std::dec << " " << status.st_uid << ":"
-          << status.st_gid << " " << status.st_mtim.tv_sec << "." << status.st_mtim.tv_nsec << " "
-          << note << " " << link
-          << (S_ISFIFO(statusOf(path("mnt/src/fifo")).st_mode) ? " fifo" : "")
-          << (readHfsCodes(copy, LinkHandling::NoFollow).valueOr({}).creatorCode == 0x74747874
-                  ? " codes"
-                  : "")
-          << (isHiddenObject(copy) ? " hidden" : "")
-          << (flagsOf("mnt/locked") == kUserImmutableFlag ? " immutable" : "");
-    return facts.str();
+    seen["contents"] = contentsOf(copy) + "|" + contentsOf(path("mnt/c")) + "|" +
+                       contentsOf(path("mnt/src/sub/inner"));
+    seen["file mode"] = std::to_string(status.st_mode & 07777);
+    seen["folder mode"] = std::to_string(statusOf(path("mnt/src")).st_mode & 07777);
+    seen["owner"] = std::to_string(status.st_uid) + ":" + std::to_string(status.st_gid);
+    seen["modified"] =
+        std::to_string(status.st_mtim.tv_sec) + "." + std::to_string(status.st_mtim.tv_nsec);
+    seen["attribute"] = note;
+    seen["link"] = link;
+    seen["fifo"] = S_ISFIFO(statusOf(path("mnt/src/fifo")).st_mode) ? "yes" : "no";
+    seen["creator code"] =
+        std::to_string(readHfsCodes(copy, LinkHandling::NoFollow).valueOr({}).creatorCode);
+    seen["hidden"] = isHiddenObject(copy) ? "yes" : "no";
+    seen["locked flags"] = std::to_string(flagsOf("mnt/locked"));
   });
-  // Over an object on the other side: refused. An immutable source cannot go: the copy stays too.
-  EXPECT_EQ(summary,
-            "0, 0, " + std::to_string(EEXIST) + " left, " + std::to_string(EPERM) +
-                " left, oldAI 640 750 1:2 1000000000.500 kept file fifo codes hidden immutable");
+  ASSERT_FALSE(facts.contains("child")) << facts["child"];
+  EXPECT_EQ(facts["moving c"], "0");
+  EXPECT_EQ(facts["c left"], "no");
+  EXPECT_EQ(facts["moving src"], "0");
+  EXPECT_EQ(facts["src left"], "no");
+  // Over an object on the other side: refused.
+  EXPECT_EQ(facts["moving b"], std::to_string(EEXIST));
+  EXPECT_EQ(facts["b left"], "yes");
+  // An immutable source cannot go: the copy stays too.
+  EXPECT_EQ(facts["moving locked"], std::to_string(EPERM));
+  EXPECT_EQ(facts["locked left"], "yes");
+  EXPECT_EQ(facts["locked flags"], std::to_string(kUserImmutableFlag));
+  // What the copy keeps.
+  EXPECT_EQ(facts["contents"], "old|A|I");
+  EXPECT_EQ(facts["file mode"], std::to_string(0640));
+  EXPECT_EQ(facts["folder mode"], std::to_string(0750));
+  EXPECT_EQ(facts["owner"], "1:2");
+  EXPECT_EQ(facts["modified"], "1000000000.500");
+  EXPECT_EQ(facts["attribute"], "kept");
+  EXPECT_EQ(facts["link"], "file");
+  EXPECT_EQ(facts["fifo"], "yes");
+  EXPECT_EQ(facts["creator code"], std::to_string(0x74747874));
+  EXPECT_EQ(facts["hidden"], "yes");
 }
 
 TEST_F(ObjectCommandTest, ProtectsRecursivelyAndStaysOnTheFileSystemWhenAsked) {
@@ -232,20 +252,26 @@ TEST_F(ObjectCommandTest, ProtectsRecursivelyAndStaysOnTheFileSystemWhenAsked) {
   EXPECT_EQ(flagsOf("p") | flagsOf("p/d") | flagsOf("p/d/f"), 0u);
 
   // tmpfs below: with the stay flag its mount point and contents are left alone.
-  std::string summary = test::inPrivateMount(path("p/mnt"), "tmpfs", [&] {
+  test::Facts facts = test::inPrivateMount(path("p/mnt"), "tmpfs", [&](test::Facts& seen) {
     make({"p/mnt/g"});
     test::ExecutorWithPipe client;
-    std::string flags;
     for (bool stay : {true, false}) {
       CommandResult result = client.run(kCommandModifyProtectAttribute,
                                         {text(path("p")), number(1), number(1), number(stay)});
-      flags += std::to_string(result ? result->code() : -1) + ":" +
-               std::to_string(flagsOf("p/mnt")) + "," + std::to_string(flagsOf("p/mnt/g")) + " ";
+      const std::string how = stay ? "staying: " : "crossing: ";
+      seen[how + "result"] = result ? std::to_string(result->code()) : "none";
+      seen[how + "mount point"] = std::to_string(flagsOf("p/mnt"));
+      seen[how + "file below"] = std::to_string(flagsOf("p/mnt/g"));
     }
     test::TestFileTree::removeAll(path("p/mnt/g"));
-    return flags;
   });
-  EXPECT_EQ(summary, "0:0,0 0:2,2 ");
+  ASSERT_FALSE(facts.contains("child")) << facts["child"];
+  EXPECT_EQ(facts["staying: result"], "0");
+  EXPECT_EQ(facts["staying: mount point"], "0");
+  EXPECT_EQ(facts["staying: file below"], "0");
+  EXPECT_EQ(facts["crossing: result"], "0");
+  EXPECT_EQ(facts["crossing: mount point"], std::to_string(kUserImmutableFlag));
+  EXPECT_EQ(facts["crossing: file below"], std::to_string(kUserImmutableFlag));
   expectResult(protect(false, true, false), kCommandErrorDomain, kResultSuccess);
 
   // Objects without kernel flags: nothing to clear, nothing that could be set.

@@ -234,18 +234,21 @@ TEST_F(TaskExecutorTest, ALingeringDescendantDoesNotHoldUpTheResult) {
 // Code 45 runs its fixed program, which exists here only inside a private mount namespace, and
 // relays nothing while it runs (the live relay of code 40 is tested end to end).
 TEST_F(TaskExecutorTest, ACommandWithoutTheLiveFlagRelaysNothing) {
-  std::string summary = test::inPrivateMount("/usr/sbin", "tmpfs", [] {
+  test::Facts facts = test::inPrivateMount("/usr/sbin", "tmpfs", [](test::Facts& seen) {
     ::chmod("/usr/sbin", 0755);
     std::ofstream("/usr/sbin/cupsctl") << "#!/bin/sh\nprintf one; printf two >&2\n";
     ::chmod("/usr/sbin/cupsctl", 0755);
     test::ExecutorWithPipe withPipe;
     CommandResult result = withPipe.run(kCommandExecuteCupsctl, {});
-    return std::to_string(withPipe.messages().size()) + " " +
-           (result ? test::textOf(*result, "OutputChannel") + "/" +
-                         test::textOf(*result, "ErrorChannel")
-                   : "none");
+    seen["messages"] = std::to_string(withPipe.messages().size());
+    if (!result) return;
+    seen["output"] = test::textOf(*result, "OutputChannel");
+    seen["errors"] = test::textOf(*result, "ErrorChannel");
   });
-  EXPECT_EQ(summary, "0 one/two");
+  ASSERT_FALSE(facts.contains("child")) << facts["child"];
+  EXPECT_EQ(facts["messages"], "0");
+  EXPECT_EQ(facts["output"], "one");
+  EXPECT_EQ(facts["errors"], "two");
 }
 
 }  // namespace

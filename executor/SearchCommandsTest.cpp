@@ -304,35 +304,37 @@ TEST_F(SearchCommandsTest, SearchesStopWhenTheClientIsGoneButTheCountGoesOn) {
 // With the spill folders nearly full, the records of a large result have nowhere to go: the
 // search ends with ENOSPC after its first progress report and sends no records at all.
 TEST_F(SearchCommandsTest, SearchesWhoseRecordsFindNoRoomEndWithoutAnyRecord) {
-  const std::string answer = test::inPrivateMount("/var/tmp", "tmpfs", [] {
+  test::Facts facts = test::inPrivateMount("/var/tmp", "tmpfs", [](test::Facts& seen) {
     if (::mount("tmpfs", "/var/tmp", "tmpfs", 0, "size=4m") != 0 ||
         ::mount("tmpfs", "/tmp", "tmpfs", 0, "size=8m") != 0 || ::mkdir("/tmp/base", 0755) != 0) {
-      return std::string("child: mount");
+      seen["child"] = "mount";
+      return;
     }
     // More than the spool keeps in memory: about 1.5 MiB of records.
     const std::string prefix = "/tmp/base/" + std::string(100, 'f');
     for (int i = 0; i < 12000; ++i) {
-      if (::close(::creat((prefix + std::to_string(i)).c_str(), 0644)) != 0) return std::string();
+      if (::close(::creat((prefix + std::to_string(i)).c_str(), 0644)) != 0) return;
     }
-    std::string outcome;
-    for (std::uint32_t code : {14u, 16u}) {
+    for (const std::string search : {"age search", "prefix search"}) {
       test::ExecutorWithPipe client;
       const CommandResult result =
-          code == 14
+          search == "age search"
               ? client.run(kCommandSearchAgedFiles, {text("/tmp/base"), number(0), number(0)})
               : client.run(kCommandSearchFilenamePattern,
                            {text("/tmp/base"), text("f"), text(""), number(0)});
-      outcome += result ? result->domain() + " " + std::to_string(result->code()) : "none";
+      seen[search] = result ? result->domain() + " " + std::to_string(result->code()) : "none";
       for (const Error& message : client.messages()) {
-        outcome += message.userInfo().find("FileSystemObjects") ? " records" : " progress";
+        seen[search + " messages"] +=
+            message.userInfo().find("FileSystemObjects") ? "records " : "progress ";
       }
-      outcome += "; ";
     }
-    return outcome;
   });
-  if (answer.starts_with("child:")) GTEST_SKIP() << answer;
+  if (facts.contains("child")) GTEST_SKIP() << facts["child"];
   const std::string refused = std::string(kPosixErrorDomain) + " " + std::to_string(ENOSPC);
-  EXPECT_EQ(answer, refused + " progress; " + refused + " progress; ");
+  EXPECT_EQ(facts["age search"], refused);
+  EXPECT_EQ(facts["age search messages"], "progress ");
+  EXPECT_EQ(facts["prefix search"], refused);
+  EXPECT_EQ(facts["prefix search messages"], "progress ");
 }
 
 }  // namespace
