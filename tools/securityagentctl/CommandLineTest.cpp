@@ -57,13 +57,13 @@ TEST(CommandLineTest, RefusesWrongCountsAndBadNumbers) {
 TEST(ResultPrinterTest, RendersResultsAsJson) {
   Dictionary info;
   info.set("AgentVersionBuild", Value("121004"));
-  info.set("OutputChannel", Value(Data{'r', 'o', 'o', 't', '\n'}));
-  info.set("ModificationDate", Value(Date{0.0}));
   Error result("com.tavorin.privilegedCommand", 0, info);
   EXPECT_EQ(resultToJson(result),
             "{\"domain\":\"com.tavorin.privilegedCommand\",\"code\":0,\"userInfo\":{"
-            "\"AgentVersionBuild\":\"121004\",\"OutputChannel\":{\"base64\":\"cm9vdAo=\"},"
-            "\"ModificationDate\":\"1970-01-01T00:00:00Z\"}}");
+            "\"AgentVersionBuild\":\"121004\"}}");
+  // Data as base64, dates as ISO 8601 text in UTC.
+  EXPECT_EQ(toJson(Value(Data{'r', 'o', 'o', 't', '\n'})), "{\"base64\":\"cm9vdAo=\"}");
+  EXPECT_EQ(toJson(Value(Date{0.0})), "\"1970-01-01T00:00:00Z\"");
   // Pure ASCII, whatever the text holds; byte strings stay apart from text.
   EXPECT_EQ(toJson(Value(std::string("a\"\n\x01\x1b\x7f"))), "\"a\\\"\\n\\u0001\\u001b\\u007f\"");
   EXPECT_EQ(toJson(Value("caf\xc3\xa9 \xc2\x9b \xf0\x9f\x93\x81")),
