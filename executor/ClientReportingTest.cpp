@@ -2,7 +2,6 @@
 
 #include <chrono>
 #include <memory>
-#include <thread>
 #include <vector>
 
 #include "tests/support/ExecutorTestSupport.h"
@@ -116,10 +115,7 @@ TEST(CommandThreadTest, WritesOnlyIntoTheDaemonsFifoAndCountsItselfFromTheStart)
   Result<Value> final = KRVSecurityAgent::readObject(reader->get());
   ASSERT_TRUE(final);
   EXPECT_TRUE(final->objectAs<Error>()->is(kCommandErrorDomain, kResultSuccess));
-  for (int i = 0; i < 500 && KRVCommandExecutor::numberOfRunningExecutorThreads() != before; ++i) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  EXPECT_EQ(KRVCommandExecutor::numberOfRunningExecutorThreads(), before);
+  EXPECT_TRUE(KRVCommandExecutor::waitForRunningExecutorThreads(before, std::chrono::seconds(5)));
   ::unlink(path.c_str());
   ::unlink(moved.c_str());
   ::rmdir(folder);

@@ -9,6 +9,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <condition_variable>
 #include <cstdlib>
 #include <mutex>
 #include <thread>
@@ -34,6 +35,11 @@ constexpr std::size_t kCommandThreadStackSize = 1024 * 1024;
 std::mutex& executorLock() {
   static std::mutex lock;
   return lock;
+}
+// Signalled, under the executor lock, whenever a thread counts itself out.
+std::condition_variable& executorThreadEnded() {
+  static std::condition_variable ended;
+  return ended;
 }
 std::int64_t runningExecutorThreads = 0;
 // Threads started by startThread that have not yet counted themselves in: counted as running from
@@ -158,6 +164,13 @@ std::int64_t KRVCommandExecutor::numberOfRunningExecutorThreads() {
   return runningExecutorThreads + startingExecutorThreads;
 }
 
+bool KRVCommandExecutor::waitForRunningExecutorThreads(std::int64_t count,
+                                                       std::chrono::milliseconds timeout) {
+  std::unique_lock<std::mutex> lock(executorLock());
+  return executorThreadEnded().wait_for(
+      lock, timeout, [count] { return runningExecutorThreads + startingExecutorThreads <= count; });
+}
+
 KRVCommandExecutor::~KRVCommandExecutor() = default;
 
 void KRVCommandExecutor::useAppleSystemLoggingWithIdentification(const char* identification,
@@ -217,6 +230,7 @@ Status KRVCommandExecutor::startThread(std::unique_ptr<KRVCommandExecutor> execu
   {
     std::lock_guard<std::mutex> lock(executorLock());
     --startingExecutorThreads;
+    executorThreadEnded().notify_all();
   }
   work.reset(handedOver);
   KRVCommandExecutor& unstarted = *work->executor;
@@ -240,6 +254,7 @@ class RunningCount {
     std::lock_guard<std::mutex> lock(executorLock());
     if (m_starting) --startingExecutorThreads;
     if (m_running) --runningExecutorThreads;
+    executorThreadEnded().notify_all();
   }
   RunningCount(const RunningCount&) = delete;
   RunningCount& operator=(const RunningCount&) = delete;

@@ -15,6 +15,7 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -47,6 +48,9 @@ class KRVCommandExecutor final : public TaskDelegate {
   // Stores 3, 1 and "121004" into the targets that are non-null.
   static void getVersion(unsigned* major, unsigned* minor, std::string* build);
   static std::int64_t numberOfRunningExecutorThreads();
+  // Waits until at most `count` command threads run (those starting included), without polling;
+  // false when more still run at the timeout. Any thread may call it.
+  static bool waitForRunningExecutorThreads(std::int64_t count, std::chrono::milliseconds timeout);
 
   KRVCommandExecutor() = default;
   ~KRVCommandExecutor() override;
