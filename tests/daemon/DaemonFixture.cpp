@@ -70,13 +70,19 @@ void DaemonTest::TearDown() {
   }
 }
 
-bool DaemonTest::waitForLog(const std::string& text, std::chrono::milliseconds timeout) {
-  auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (std::chrono::steady_clock::now() < deadline) {
-    if (daemonLog().find(text) != std::string::npos) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
-  return daemonLog().find(text) != std::string::npos;
+bool DaemonTest::waitForLog(const std::string& text, std::chrono::milliseconds timeout,
+                            std::size_t times) {
+  if (!m_daemon) return false;
+  return m_daemon->waitForStandardError(
+      [&](const std::string& log) {
+        std::size_t found = 0;
+        for (std::size_t at = log.find(text); at != std::string::npos && found < times;
+             at = log.find(text, at + text.size())) {
+          ++found;
+        }
+        return found >= times;
+      },
+      timeout);
 }
 
 ProgramRun runProgram(const std::string& path, const std::vector<std::string>& arguments, uid_t uid,

@@ -224,22 +224,11 @@ TEST_F(DaemonTest, AClientThatDisappearsEndsOnlyItsCommand) {
 
 TEST_F(DaemonTest, ThrottlesOnceElevenCommandsRun) {
   std::vector<std::future<Error>> commands;
-  for (int i = 0; i < 12; ++i) {
+  for (std::size_t i = 0; i < 12; ++i) {
     commands.push_back(std::async(
         std::launch::async, [this] { return runCommand(kCommandWhoAmI, {Value::integer(3)}); }));
     // Each command must be counted before the next request arrives.
-    std::string started = "running for request type 3.";
-    auto deadline = std::chrono::steady_clock::now() + 3s;
-    while (std::chrono::steady_clock::now() < deadline) {
-      std::string log = daemonLog();
-      std::size_t count = 0;
-      for (std::size_t at = log.find(started); at != std::string::npos;
-           at = log.find(started, at + 1)) {
-        ++count;
-      }
-      if (count >= static_cast<std::size_t>(i + 1)) break;
-      std::this_thread::sleep_for(10ms);
-    }
+    EXPECT_TRUE(waitForLog("running for request type 3.", 3s, i + 1)) << i;
   }
   for (auto& result : commands) EXPECT_TRUE(result.get().is(kCommandErrorDomain, kResultSuccess));
   std::string log = daemonLog();
