@@ -49,17 +49,17 @@ std::uint64_t ulongAt(Arguments arguments, std::size_t index) {
   return numberAt(arguments, index).unsignedLongValue();
 }
 
-// Runners of the commonest shapes: the whole argument list, one path, two paths.
+// Runners of the commonest shapes: the whole argument list, one string, two strings.
 template <auto method>
 CommandResult withArgumentList(Executor executor, Arguments a) {
   return (executor.*method)(a);
 }
 template <auto method>
-CommandResult withPath(Executor executor, Arguments a) {
+CommandResult withString(Executor executor, Arguments a) {
   return (executor.*method)(stringAt(a, 0));
 }
 template <auto method>
-CommandResult withTwoPaths(Executor executor, Arguments a) {
+CommandResult withTwoStrings(Executor executor, Arguments a) {
   return (executor.*method)(stringAt(a, 0), stringAt(a, 1));
 }
 
@@ -136,20 +136,21 @@ constexpr DispatchRecord kDispatchTable[] = {
     {kCommandWhoAmI, whoAmI},
     // File objects.
     {kCommandModifyFileContent, overwriteFile},
-    {kCommandCreateFileObject, withTwoPaths<&E::createFileSystemObjectAtPath>},
-    {kCommandRenameFileObject, withTwoPaths<&E::renameFileSystemObjectAtPath>},
+    {kCommandCreateFileObject, withTwoStrings<&E::createFileSystemObjectAtPath>},
+    {kCommandRenameFileObject, withTwoStrings<&E::renameFileSystemObjectAtPath>},
     {kCommandDeleteFileObjects, deleteObjects},
     {kCommandDeleteFileSubtree, deleteSubtrees},
-    {kCommandDeleteHibernationFile, withPath<&E::deleteHibernationFileAtPath>},
+    {kCommandDeleteHibernationFile, withString<&E::deleteHibernationFileAtPath>},
     {kCommandModifyProtectAttribute, changeProtection},
-    {kCommandRemoveSystemProtection, withPath<&E::removeSystemProtectionForFileSystemObjectAtPath>},
+    {kCommandRemoveSystemProtection,
+     withString<&E::removeSystemProtectionForFileSystemObjectAtPath>},
     {kCommandSetHfsAttributes, setHfsAttributes},
     {kCommandCreateLink, createLink},
     // Searches and measurements.
     {kCommandSearchAgedFiles, searchAgedFiles},
-    {kCommandInspectFileObject, withPath<&E::inspectFileSystemObjectAtPath>},
+    {kCommandInspectFileObject, withString<&E::inspectFileSystemObjectAtPath>},
     {kCommandSearchFilenamePattern, searchFilenamePattern},
-    {kCommandGetStorageSize, withPath<&E::getStorageSizeOfSubtreeAtPath>},
+    {kCommandGetStorageSize, withString<&E::getStorageSizeOfSubtreeAtPath>},
     // System settings.
     {kCommandModifyPowerManagement, notAvailable},
     {kCommandSetDiskSpindown, notAvailable},
@@ -184,10 +185,10 @@ constexpr DispatchRecord kDispatchTable[] = {
     {kCommandSearchNamePatterns, searchNamePatterns},
     {kCommandExecutePackageRepair,
      withArgumentList<&E::executeRepairPackagePermissionsWithArguments>},
-    {kCommandTouchFileObject, withPath<&E::touchFileSystemObjectAtPath>},
+    {kCommandTouchFileObject, withString<&E::touchFileSystemObjectAtPath>},
     {kCommandDeleteFolderContents, deleteFolderContents},
     {kCommandExecuteUmount, withArgumentList<&E::executeUnmountCommandWithArguments>},
-    {kCommandCountFileObjects, withTwoPaths<&E::countFileSystemObjectsAtPath>},
+    {kCommandCountFileObjects, withTwoStrings<&E::countFileSystemObjectsAtPath>},
     // Folder comparison.
     {kCommandCompareFolders, notAvailable},
     // The daemon prepares the uninstallation itself; an executor only ever sees it from a test.
