@@ -12,6 +12,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <future>
 #include <thread>
 
 #include "authorization/AuthorityServer.h"
@@ -110,8 +111,12 @@ class AuthorityServiceTest : public ::testing::Test {
     BackOffLimits backOffLimits;
     backOffLimits.initialDelay = 300ms;
     m_backOff = std::make_unique<BackOff>(m_clock, backOffLimits);
+    useRequestTimeout(500ms);
+  }
+  // A new service whose connections wait this long for their request.
+  void useRequestTimeout(std::chrono::milliseconds request) {
     ServiceTimeouts timeouts;
-    timeouts.request = 500ms;
+    timeouts.request = request;
     timeouts.answer = 5s;
     timeouts.send = 2s;
     m_service = std::make_unique<AuthorityService>(m_clock, m_tokens, *m_rights, m_authenticator,
@@ -348,9 +353,9 @@ TEST_F(AuthorityServiceTest, NameServicesThatCannotAnswerFailTheRequestInsteadOf
 class AuthorityServerTest : public AuthorityServiceTest {
  protected:
   void TearDown() override {
-    if (m_runner.joinable()) {
+    if (m_exit.valid()) {
       m_server->stop();
-      m_runner.join();
+      m_exit.wait();
     }
     m_server.reset();
     AuthorityServiceTest::TearDown();
@@ -362,7 +367,8 @@ class AuthorityServerTest : public AuthorityServiceTest {
     ASSERT_TRUE(listening.ok());
     m_listening = std::move(listening).value();
     m_server = std::make_unique<AuthorityServer>(*m_service, m_tokens, m_log, limits);
-    m_runner = std::thread([this] { m_exitCode = m_server->run(m_listening.get()); });
+    // The exit status is handed over by the runner's future: read only once the runner is done.
+    m_exit = std::async(std::launch::async, [this] { return m_server->run(m_listening.get()); });
   }
 
   UniqueFd connect() const {
@@ -379,8 +385,7 @@ class AuthorityServerTest : public AuthorityServiceTest {
   std::string m_socketPath;
   UniqueFd m_listening;
   std::unique_ptr<AuthorityServer> m_server;
-  std::thread m_runner;
-  int m_exitCode = -1;
+  std::future<int> m_exit;
 };
 
 // True when the server closed the connection without a word (within 2 s).
@@ -401,12 +406,12 @@ TEST_F(AuthorityServerTest, ExitsWhenIdleOnlyWithoutLiveTokens) {
   setServiceSocketPath(m_socketPath);
   std::unique_ptr<Authorization> authorization;
   ASSERT_EQ(Authorization::create(authorization), kStatusSuccess);
-  std::this_thread::sleep_for(700ms);
-  EXPECT_EQ(m_exitCode, -1) << "a live token keeps the service";
+  // More than twice the idle timeout passes without the service ending.
+  EXPECT_EQ(m_exit.wait_for(700ms), std::future_status::timeout)
+      << "a live token keeps the service";
   ASSERT_EQ(authorization->free(kFlagDefaults), kStatusSuccess);
   const auto freed = std::chrono::steady_clock::now();
-  m_runner.join();
-  EXPECT_EQ(m_exitCode, 0);
+  EXPECT_EQ(m_exit.get(), 0);
   EXPECT_GE(std::chrono::steady_clock::now() - freed, 250ms);
   setServiceSocketPath(std::string(kServiceSocketPath));
 }
@@ -416,14 +421,16 @@ TEST_F(AuthorityServerTest, BoundsConnectionsPerUserAndKeepsRootsOwnAllowance) {
   limits.connectionsPerUser = 2;
   limits.connections = 3;
   limits.rootConnections = 1;
+  // Idle connections stay counted for the whole test, however slowly it runs.
+  useRequestTimeout(60s);
   startServer(limits);
 
-  // Two idle connections of uid 1001 are kept; the third is closed at once.
+  // Two idle connections of uid 1001 are kept; the third is closed at once. The server accepts
+  // connections in the order they were made, so the third is counted after the other two.
   Result<test::ChildProcess> alice =
       test::ChildProcess::start({kAlice, kAlice}, [this](test::LineChannel& parent) {
         std::vector<UniqueFd> held;
         for (int i = 0; i < 2; ++i) held.push_back(connect());
-        std::this_thread::sleep_for(200ms);
         UniqueFd third = connect();
         (void)parent.send(closedAtOnce(third.get()) ? "refused" : "accepted");
         (void)parent.receive(10s);
@@ -435,7 +442,6 @@ TEST_F(AuthorityServerTest, BoundsConnectionsPerUserAndKeepsRootsOwnAllowance) {
   // Another user still gets the last place in all; the next user does not.
   Result<int> bob = test::runAs({kBob, kBob}, [this] {
     UniqueFd first = connect();
-    std::this_thread::sleep_for(200ms);
     UniqueFd second = connect();
     return closedAtOnce(second.get()) ? 0 : 1;
   });

@@ -4,8 +4,8 @@
 #include <gtest/gtest.h>
 
 #include "authorization/PromptHandler.h"
-#include "authorization/TestTerminal.h"
 #include "tests/support/ChildProcess.h"
+#include "tests/support/PseudoTerminal.h"
 
 namespace krv::auth {
 namespace {

@@ -31,7 +31,7 @@ using Clock = std::chrono::steady_clock;
 constexpr const char* kFloorSocket = "/run/krv-floor.socket";
 
 bool versionRoundTrip(KRVSecurityAgent& agent) {
-  auto command = KRVPrivilegedCommand::privilegedCommandWithCode(1, {});
+  auto command = KRVPrivilegedCommand::privilegedCommandWithCode(kCommandGetVersion, {});
   return agent.executeAtomicPrivilegedCommand(*command, false).code() == 0;
 }
 
@@ -100,7 +100,7 @@ int main(int argc, char** argv) {
   for (int i = 0; i < 100; ++i) versionRoundTrip(*agent);
   long after100 = bench::statusKiB(daemon->pid(), "VmRSS:");
 
-  auto probe = KRVPrivilegedCommand::privilegedCommandWithCode(1, {});
+  auto probe = KRVPrivilegedCommand::privilegedCommandWithCode(kCommandGetVersion, {});
   Data request = archiveSequential(*probe);
   FloorServer floor(160);
   // Alternate rounds of both, so that both see the same machine.

@@ -87,7 +87,7 @@ std::optional<ResponsePipe> SecurityAgentDaemon::createClientPipeReadableByUID(u
 
 int SecurityAgentDaemon::handleConnectionRequest(int socket) {
   KRV_ASSERT(socket > 0, kUnit);
-  Result<Value> object = KRVSecurityAgent::readObjectFromPipe(socket);
+  Result<Value> object = KRVSecurityAgent::readObject(socket);
   if (!object) return static_cast<int>(object.error().code());
   const ObjectRef* reference = object->asObject();
   std::shared_ptr<const KRVPrivilegedCommand> command =

@@ -2,6 +2,10 @@
 // The daemon process: start-up state, the event loop that accepts one connection at a time under
 // a 4-second watchdog, the serving of one request, and the right definitions.
 //
+// The class is defined in SecurityAgentDaemon.cpp (start-up, event loop), ConnectionHandler.cpp
+// (one request) and CheckIn.cpp (the service manager's socket); the right definitions are free
+// functions in RightDefinitions.cpp.
+//
 // Everything here runs on the main thread. Executor threads run beside it and are only counted
 // (KRVCommandExecutor::numberOfRunningExecutorThreads). The shutdown flag and the throttle delay
 // are written by the main thread only.

@@ -2,10 +2,9 @@
 
 #include <chrono>
 #include <memory>
-#include <thread>
 #include <vector>
 
-#include "executor/ExecutorTestSupport.h"
+#include "tests/support/ExecutorTestSupport.h"
 
 namespace krv {
 namespace {
@@ -73,7 +72,7 @@ TEST_F(ReportingTest, FailedResultsAreSentUncheckedAndOutputIsCollectedWithoutRe
   m_executor.sendFinalMessageToClientPipeAndClose(commandError(6));
   std::vector<Error> sent = m_client.messages();
   ASSERT_EQ(sent.size(), 1u);  // no live output message: the relay was off
-  EXPECT_TRUE(sent[0].is("com.tavorin.privilegedCommand", 6));
+  EXPECT_TRUE(sent[0].is(kCommandErrorDomain, kResultProgramFailed));
 }
 
 // The command thread writes only into the FIFO the daemon created (the client owns the path and
@@ -96,14 +95,14 @@ TEST(CommandThreadTest, WritesOnlyIntoTheDaemonsFifoAndCountsItselfFromTheStart)
   };
   auto version = [] {
     return std::shared_ptr<const KRVPrivilegedCommand>(
-        KRVPrivilegedCommand::privilegedCommandWithCode(1, {}));
+        KRVPrivilegedCommand::privilegedCommandWithCode(kCommandGetVersion, {}));
   };
 
   ASSERT_EQ(::rename(path.c_str(), moved.c_str()), 0);
   ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);
   Result<UniqueFd> swapped = sys::open(path, O_RDONLY | O_NONBLOCK);
   ASSERT_TRUE(swapped);
-  executorFor(path)->executeCommandInNewThread(version());
+  executorFor(path)->executeCommandOnCallingThread(version());
   char byte = 0;
   EXPECT_EQ(::read(swapped->get(), &byte, 1), 0);  // nothing written, no writer left
   EXPECT_TRUE(sys::lstat(path));                   // and what is not the daemon's stays
@@ -113,13 +112,10 @@ TEST(CommandThreadTest, WritesOnlyIntoTheDaemonsFifoAndCountsItselfFromTheStart)
   EXPECT_EQ(KRVCommandExecutor::numberOfRunningExecutorThreads(), before + 1);
   Result<UniqueFd> reader = sys::open(moved, O_RDONLY);
   ASSERT_TRUE(reader);
-  Result<Value> final = KRVSecurityAgent::readObjectFromPipe(reader->get());
+  Result<Value> final = KRVSecurityAgent::readObject(reader->get());
   ASSERT_TRUE(final);
-  EXPECT_TRUE(final->objectAs<Error>()->is("com.tavorin.privilegedCommand", 0));
-  for (int i = 0; i < 500 && KRVCommandExecutor::numberOfRunningExecutorThreads() != before; ++i) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  EXPECT_EQ(KRVCommandExecutor::numberOfRunningExecutorThreads(), before);
+  EXPECT_TRUE(final->objectAs<Error>()->is(kCommandErrorDomain, kResultSuccess));
+  EXPECT_TRUE(KRVCommandExecutor::waitForRunningExecutorThreads(before, std::chrono::seconds(5)));
   ::unlink(path.c_str());
   ::unlink(moved.c_str());
   ::rmdir(folder);

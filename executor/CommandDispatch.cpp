@@ -1,9 +1,14 @@
-// Dispatch by command code: arguments are picked out of the request, converted to the types the
-// command's method takes, and the method's result is returned unchanged.
+// Dispatch by command code, driven by one table: each code's record points at the function that
+// picks its arguments out of the request, converts them to the types the command's method takes
+// and calls it; the method's result is returned unchanged. The table adds only the argument rules
+// of the commands with a variable argument list (codes 7, 8, 46, 49) to the checks the request
+// passed before it was accepted.
 
 #include <sys/stat.h>
 
 #include <chrono>
+#include <cstdint>
+#include <iterator>
 #include <string>
 #include <thread>
 
@@ -14,28 +19,226 @@ namespace krv {
 
 namespace {
 
-constexpr std::uint32_t kHighestCommandCode = 54;
+using Executor = KRVCommandExecutor&;
+using Arguments = const Array&;
 
-// Shared result codes of the dispatcher.
-constexpr std::int64_t kUnknownCommandCode = 1;
-constexpr std::int64_t kArgumentOutOfRange = 3;
-constexpr std::int64_t kArgumentListMalformed = 4;
+// What runs one command: unpacks its arguments and calls the executor's method for it. The last
+// parameter is the user the request names, for the commands that act on a user's own files.
+using CommandRunner = CommandResult (*)(Executor, Arguments, uid_t);
+
+struct DispatchRecord {
+  CommandCode code;
+  CommandRunner run;
+};
 
 // The request passed validation, so argument kinds are known; these read them. A string argument
 // is a path or a name that came as text or as bytes; either way it is read as its bytes.
-std::string stringAt(const Array& arguments, std::size_t index) {
+std::string stringAt(Arguments arguments, std::size_t index) {
   return nameBytes(arguments[index]).value_or(std::string());
 }
-const Data& dataAt(const Array& arguments, std::size_t index) { return *arguments[index].asData(); }
-const Number& numberAt(const Array& arguments, std::size_t index) {
+const Data& dataAt(Arguments arguments, std::size_t index) { return *arguments[index].asData(); }
+const Number& numberAt(Arguments arguments, std::size_t index) {
   return *arguments[index].asNumber();
 }
-bool boolAt(const Array& arguments, std::size_t index) {
+bool boolAt(Arguments arguments, std::size_t index) {
   return numberAt(arguments, index).boolValue();
 }
-std::uint64_t uintAt(const Array& arguments, std::size_t index) {
+std::uint64_t uintAt(Arguments arguments, std::size_t index) {
   return numberAt(arguments, index).unsignedIntegerValue();
 }
+std::uint64_t ulongAt(Arguments arguments, std::size_t index) {
+  return numberAt(arguments, index).unsignedLongValue();
+}
+
+// Runners of the commonest shapes: the whole argument list, one string, two strings.
+template <auto method>
+CommandResult withArgumentList(Executor executor, Arguments a, uid_t) {
+  return (executor.*method)(a);
+}
+template <auto method>
+CommandResult withString(Executor executor, Arguments a, uid_t) {
+  return (executor.*method)(stringAt(a, 0));
+}
+template <auto method>
+CommandResult withTwoStrings(Executor executor, Arguments a, uid_t) {
+  return (executor.*method)(stringAt(a, 0), stringAt(a, 1));
+}
+
+CommandResult succeed(Executor, Arguments, uid_t) { return commandSuccess(); }
+CommandResult refuseUnknown(Executor, Arguments, uid_t) {
+  return commandError(kResultUnknownCommand);
+}
+// A family this version does not carry: its records point here until its functions exist.
+CommandResult notAvailable(Executor, Arguments, uid_t) {
+  return KRVCommandExecutor::commandNotAvailable();
+}
+
+CommandResult getVersion(Executor executor, Arguments, uid_t) {
+  return executor.getVersionInformation();
+}
+CommandResult whoAmI(Executor executor, Arguments a, uid_t) {
+  return executor.performWhoAmIDiagnostic(uintAt(a, 0));
+}
+CommandResult overwriteFile(Executor executor, Arguments a, uid_t) {
+  return executor.overwriteSystemFileAtPath(stringAt(a, 0), dataAt(a, 1), boolAt(a, 2));
+}
+CommandResult changeProtection(Executor executor, Arguments a, uid_t) {
+  return executor.changeProtectionAttributeAtPath(stringAt(a, 0), boolAt(a, 1), boolAt(a, 2),
+                                                  boolAt(a, 3));
+}
+CommandResult setHfsAttributes(Executor executor, Arguments a, uid_t) {
+  return executor.setAtPath(stringAt(a, 0), ulongAt(a, 1), ulongAt(a, 2), boolAt(a, 3));
+}
+CommandResult createLink(Executor executor, Arguments a, uid_t) {
+  return executor.createLinkAtPath(stringAt(a, 0), stringAt(a, 1), boolAt(a, 2));
+}
+CommandResult searchAgedFiles(Executor executor, Arguments a, uid_t) {
+  return executor.searchForFileSystemObjectsOlderThanDays(stringAt(a, 0), uintAt(a, 1),
+                                                          boolAt(a, 2));
+}
+CommandResult searchFilenamePattern(Executor executor, Arguments a, uid_t) {
+  return executor.searchForFileSystemObjectsWithPrefix(stringAt(a, 0), stringAt(a, 1),
+                                                       stringAt(a, 2), boolAt(a, 3));
+}
+
+// Code 7: a mode string, exactly "0" or "1" (stop on the first error), then the paths.
+CommandResult deleteObjects(Executor executor, Arguments a, uid_t) {
+  if (a.size() < 2) return commandError(kResultMalformedArguments);
+  const std::string mode = stringAt(a, 0);
+  if (mode != "0" && mode != "1") return commandError(kResultBadArgument);
+  return executor.deleteFileSystemObjectsAtPaths(Array(a.begin() + 1, a.end()), mode == "1");
+}
+
+// Codes 8 and 49 take at least one path.
+CommandResult deleteSubtrees(Executor executor, Arguments a, uid_t) {
+  if (a.empty()) return commandError(kResultMalformedArguments);
+  return executor.deleteFileSystemObjectsRecursivelyAtPaths(a);
+}
+CommandResult deleteFolderContents(Executor executor, Arguments a, uid_t) {
+  if (a.empty()) return commandError(kResultMalformedArguments);
+  return executor.deleteFileSystemFolderContentsAtPaths(a);
+}
+
+// Code 46: the start path, the stay flag, then (kind, pattern) pairs: at least four strings, an
+// even number of them. Only "0" turns staying on the start volume off (the opposite default of
+// code 7's mode).
+CommandResult searchNamePatterns(Executor executor, Arguments a, uid_t) {
+  if (a.size() < 4 || a.size() % 2 != 0) return commandError(kResultMalformedArguments);
+  return executor.searchForFileSystemObjectsWithNamePatterns(stringAt(a, 0), stringAt(a, 1) != "0",
+                                                             Array(a.begin() + 2, a.end()));
+}
+
+// System settings.
+CommandResult setPowerManagementOption(Executor executor, Arguments a, uid_t) {
+  return executor.setPowerManagementOptionNamed(stringAt(a, 0), numberAt(a, 1).integerValue());
+}
+CommandResult setDiskSpindown(Executor executor, Arguments a, uid_t) {
+  return executor.setDiskSpindownTime(uintAt(a, 0));
+}
+CommandResult setKernelValue(Executor executor, Arguments a, uid_t) {
+  return executor.setKernelSettingNamed(stringAt(a, 0), numberAt(a, 1).integerValue());
+}
+CommandResult setNetworkMtu(Executor executor, Arguments a, uid_t) {
+  return executor.setNetworkInterface(stringAt(a, 0), numberAt(a, 1).intValue());
+}
+// A user's own preferences ("current user") are those of the user the request names.
+CommandResult setSystemPreference(Executor executor, Arguments a, uid_t user) {
+  return executor.setPreferenceWithKey(stringAt(a, 0), stringAt(a, 1), stringAt(a, 2),
+                                       stringAt(a, 3), stringAt(a, 4), user);
+}
+CommandResult setSystemConfig(Executor executor, Arguments a, uid_t) {
+  return executor.setSystemConfigurationForApplicationID(stringAt(a, 0), stringAt(a, 1),
+                                                         stringAt(a, 2), stringAt(a, 3));
+}
+CommandResult stopProcess(Executor executor, Arguments a, uid_t) {
+  return executor.terminateProcessWithID(numberAt(a, 0).intValue());
+}
+template <Error (KRVCommandExecutor::*method)()>
+CommandResult withoutArguments(Executor executor, Arguments, uid_t) {
+  return (executor.*method)();
+}
+
+// The class of the methods the records name, short enough for a record to fit a line.
+using E = KRVCommandExecutor;
+
+// One record per code, in code order. Adding a command family means pointing its records at
+// functions that unpack the arguments and call the family's methods.
+constexpr DispatchRecord kDispatchTable[] = {
+    {kCommandNone, succeed},
+    {kCommandGetVersion, getVersion},
+    // The daemon answers a shutdown itself; an executor only ever sees it from a test.
+    {kCommandShutdown, succeed},
+    {kCommandWhoAmI, whoAmI},
+    // File objects.
+    {kCommandModifyFileContent, overwriteFile},
+    {kCommandCreateFileObject, withTwoStrings<&E::createFileSystemObjectAtPath>},
+    {kCommandRenameFileObject, withTwoStrings<&E::renameFileSystemObjectAtPath>},
+    {kCommandDeleteFileObjects, deleteObjects},
+    {kCommandDeleteFileSubtree, deleteSubtrees},
+    {kCommandDeleteHibernationFile, withString<&E::deleteHibernationFileAtPath>},
+    {kCommandModifyProtectAttribute, changeProtection},
+    {kCommandRemoveSystemProtection,
+     withString<&E::removeSystemProtectionForFileSystemObjectAtPath>},
+    {kCommandSetHfsAttributes, setHfsAttributes},
+    {kCommandCreateLink, createLink},
+    // Searches and measurements.
+    {kCommandSearchAgedFiles, searchAgedFiles},
+    {kCommandInspectFileObject, withString<&E::inspectFileSystemObjectAtPath>},
+    {kCommandSearchFilenamePattern, searchFilenamePattern},
+    {kCommandGetStorageSize, withString<&E::getStorageSizeOfSubtreeAtPath>},
+    // System settings.
+    {kCommandModifyPowerManagement, setPowerManagementOption},
+    {kCommandSetDiskSpindown, setDiskSpindown},
+    {kCommandSetKernelValue, setKernelValue},
+    {kCommandSetNvram, withTwoStrings<&E::setNVRAMVariableNamed>},
+    {kCommandSetNetworkMtu, setNetworkMtu},
+    {kCommandReserved, refuseUnknown},
+    {kCommandSetSystemPreference, setSystemPreference},
+    {kCommandSetSystemConfig, setSystemConfig},
+    {kCommandRefreshAutomounter, withoutArguments<&E::refreshAutomounts>},
+    {kCommandRestartNfsServer, withoutArguments<&E::restartNFSFileServer>},
+    {kCommandStopStartsoundControl, withoutArguments<&E::shutdownKWSAudioControlTool>},
+    {kCommandStopProcess, stopProcess},
+    {kCommandFlushLookupCache, withoutArguments<&E::flushLookupCache>},
+    // Permissions: the tools run as programs; access control lists are not available yet.
+    {kCommandManageAclSupport, withArgumentList<&E::manageACLSupportWithArguments>},
+    {kCommandModifyPosixPermissions, withArgumentList<&E::changePOSIXPermissionsWithArguments>},
+    {kCommandModifyOwnership, withArgumentList<&E::changeOwnerWithArguments>},
+    {kCommandModifyAclPermissions, notAvailable},
+    {kCommandPropagatePermissions, notAvailable},
+    // System programs.
+    {kCommandUpdateDyldCache, withArgumentList<&E::updateDyLdCacheWithArguments>},
+    {kCommandExecuteDitto, withArgumentList<&E::executeDittoWithArguments>},
+    {kCommandMountFileSystem, withArgumentList<&E::executeMountWithArguments>},
+    {kCommandExecutePeriodic, withArgumentList<&E::executePeriodicWithArguments>},
+    {kCommandExecuteDiskutil, withArgumentList<&E::executeDiskUtilityWithArguments>},
+    {kCommandExecuteMdutil, withArgumentList<&E::executeMDUtilityWithArguments>},
+    {kCommandExecuteLipo, withArgumentList<&E::executeLipoWithArguments>},
+    {kCommandExecuteAtsutil, withArgumentList<&E::executeATSUtilityWithArguments>},
+    {kCommandExecuteLaunchctl, withArgumentList<&E::executeLaunchControlWithArguments>},
+    {kCommandExecuteCupsctl, withArgumentList<&E::executeCUPSControlWithArguments>},
+    {kCommandSearchNamePatterns, searchNamePatterns},
+    {kCommandExecutePackageRepair,
+     withArgumentList<&E::executeRepairPackagePermissionsWithArguments>},
+    {kCommandTouchFileObject, withString<&E::touchFileSystemObjectAtPath>},
+    {kCommandDeleteFolderContents, deleteFolderContents},
+    {kCommandExecuteUmount, withArgumentList<&E::executeUnmountCommandWithArguments>},
+    {kCommandCountFileObjects, withTwoStrings<&E::countFileSystemObjectsAtPath>},
+    // Folder comparison.
+    {kCommandCompareFolders, notAvailable},
+    // The daemon prepares the uninstallation itself; an executor only ever sees it from a test.
+    {kCommandPrepareUninstallation, succeed},
+    {kCommandExecuteTmutil, withArgumentList<&E::executeTMUtilityWithCommands>},
+};
+
+constexpr bool isInCodeOrder() {
+  for (std::uint32_t code = 0; code < std::size(kDispatchTable); ++code) {
+    if (kDispatchTable[code].code != code || kDispatchTable[code].run == nullptr) return false;
+  }
+  return true;
+}
+static_assert(std::size(kDispatchTable) == kNumberOfCommandCodes, "one record per command code");
+static_assert(isInCodeOrder(), "the record of each code sits at its index and names a runner");
 
 // Restores the file-creation mask and the live-output flag however the command ends.
 class CommandScope {
@@ -58,135 +261,12 @@ class CommandScope {
 }  // namespace
 
 CommandResult KRVCommandExecutor::executeCommand(const KRVPrivilegedCommand& command) {
-  const Array& a = command.arguments();
   // The mask is process-wide: it is 0 for every thread while any command runs, and the last
   // command to finish restores the mask that was current when it started.
   CommandScope scope(m_isSendingLiveData, command.isSendingLiveOutputReports());
-
   const std::uint32_t code = command.commandCode();
-  if (code > kHighestCommandCode) return commandError(kUnknownCommandCode);
-  switch (code) {
-    case 0:
-    case 2:
-    case 53:
-      return commandSuccess();
-    case 1:
-      return getVersionInformation();
-    case 3:
-      return performWhoAmIDiagnostic(uintAt(a, 0));
-    case 4:
-      return overwriteSystemFileAtPath(stringAt(a, 0), dataAt(a, 1), boolAt(a, 2));
-    case 5:
-      return createFileSystemObjectAtPath(stringAt(a, 0), stringAt(a, 1));
-    case 6:
-      return renameFileSystemObjectAtPath(stringAt(a, 0), stringAt(a, 1));
-    case 7: {
-      if (a.size() < 2) return commandError(kArgumentListMalformed);
-      const std::string& mode = stringAt(a, 0);
-      if (mode != "0" && mode != "1") return commandError(kArgumentOutOfRange);
-      return deleteFileSystemObjectsAtPaths(Array(a.begin() + 1, a.end()), mode == "1");
-    }
-    case 8:
-      if (a.empty()) return commandError(kArgumentListMalformed);
-      return deleteFileSystemObjectsRecursivelyAtPaths(a);
-    case 9:
-      return deleteHibernationFileAtPath(stringAt(a, 0));
-    case 10:
-      return changeProtectionAttributeAtPath(stringAt(a, 0), boolAt(a, 1), boolAt(a, 2),
-                                             boolAt(a, 3));
-    case 11:
-      return removeSystemProtectionForFileSystemObjectAtPath(stringAt(a, 0));
-    case 12:
-      return setAtPath(stringAt(a, 0), numberAt(a, 1).unsignedLongValue(),
-                       numberAt(a, 2).unsignedLongValue(), boolAt(a, 3));
-    case 13:
-      return createLinkAtPath(stringAt(a, 0), stringAt(a, 1), boolAt(a, 2));
-    case 14:
-      return searchForFileSystemObjectsOlderThanDays(stringAt(a, 0), uintAt(a, 1), boolAt(a, 2));
-    case 15:
-      return inspectFileSystemObjectAtPath(stringAt(a, 0));
-    case 16:
-      return searchForFileSystemObjectsWithPrefix(stringAt(a, 0), stringAt(a, 1), stringAt(a, 2),
-                                                  boolAt(a, 3));
-    case 17:
-      return getStorageSizeOfSubtreeAtPath(stringAt(a, 0));
-    case 18:
-      return setPowerManagementOptionNamed(stringAt(a, 0), numberAt(a, 1).integerValue());
-    case 19:
-      return setDiskSpindownTime(uintAt(a, 0));
-    case 20:
-      return setKernelSettingNamed(stringAt(a, 0), numberAt(a, 1).integerValue());
-    case 21:
-      return setNVRAMVariableNamed(stringAt(a, 0), stringAt(a, 1));
-    case 22:
-      return setNetworkInterface(stringAt(a, 0), numberAt(a, 1).intValue());
-    case 24:
-      return setPreferenceWithKey(stringAt(a, 0), stringAt(a, 1), stringAt(a, 2), stringAt(a, 3),
-                                  stringAt(a, 4), command.userIdentification());
-    case 25:
-      return setSystemConfigurationForApplicationID(stringAt(a, 0), stringAt(a, 1), stringAt(a, 2),
-                                                    stringAt(a, 3));
-    case 26:
-      return refreshAutomounts();
-    case 27:
-      return restartNFSFileServer();
-    case 28:
-      return shutdownKWSAudioControlTool();
-    case 29:
-      return terminateProcessWithID(numberAt(a, 0).intValue());
-    case 30:
-      return flushLookupCache();
-    case 36:
-      return updateDyLdCacheWithArguments(a);
-    case 37:
-      return executeDittoWithArguments(a);
-    case 38:
-      return executeMountWithArguments(a);
-    case 39:
-      return executePeriodicWithArguments(a);
-    case 40:
-      return executeDiskUtilityWithArguments(a);
-    case 41:
-      return executeMDUtilityWithArguments(a);
-    case 42:
-      return executeLipoWithArguments(a);
-    case 43:
-      return executeATSUtilityWithArguments(a);
-    case 44:
-      return executeLaunchControlWithArguments(a);
-    case 45:
-      return executeCUPSControlWithArguments(a);
-    case 31:
-      return manageACLSupportWithArguments(a);
-    case 32:
-      return changePOSIXPermissionsWithArguments(a);
-    case 33:
-      return changeOwnerWithArguments(a);
-    case 46: {
-      if (a.size() < 4 || a.size() % 2 != 0) return commandError(kArgumentListMalformed);
-      // Only "0" turns staying on the start volume off (the opposite default of code 7's mode).
-      const bool stay = stringAt(a, 1) != "0";
-      return searchForFileSystemObjectsWithNamePatterns(stringAt(a, 0), stay,
-                                                        Array(a.begin() + 2, a.end()));
-    }
-    case 47:
-      return executeRepairPackagePermissionsWithArguments(a);
-    case 48:
-      return touchFileSystemObjectAtPath(stringAt(a, 0));
-    case 49:
-      if (a.empty()) return commandError(kArgumentListMalformed);
-      return deleteFileSystemFolderContentsAtPaths(a);
-    case 50:
-      return executeUnmountCommandWithArguments(a);
-    case 51:
-      return countFileSystemObjectsAtPath(stringAt(a, 0), stringAt(a, 1));
-    case 54:
-      return executeTMUtilityWithCommands(a);
-    default:
-      // Access control lists and folder comparison, and the reserved code.
-      if (code == kCommandReserved) return commandError(kUnknownCommandCode);
-      return commandNotAvailable();
-  }
+  if (code > kHighestCommandCode) return commandError(kResultUnknownCommand);
+  return kDispatchTable[code].run(*this, command.arguments(), command.userIdentification());
 }
 
 Error KRVCommandExecutor::getVersionInformation() {
@@ -195,7 +275,7 @@ Error KRVCommandExecutor::getVersionInformation() {
   userInfo.set(key::kAgentVersionMajor, Value::unsignedInteger(kVersionMajor));
   userInfo.set(key::kAgentVersionMinor, Value::unsignedInteger(kVersionMinor));
   userInfo.set(key::kAgentVersionBuild, Value(kVersionBuild));
-  return commandError(0, std::move(userInfo));
+  return commandError(kResultSuccess, std::move(userInfo));
 }
 
 CommandResult KRVCommandExecutor::performWhoAmIDiagnostic(std::uint64_t steps) {

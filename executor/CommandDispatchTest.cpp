@@ -16,39 +16,46 @@ CommandResult run(std::uint32_t code, Array arguments) {
 std::int64_t codeOf(const CommandResult& result) { return result ? result->code() : -1; }
 
 TEST(CommandDispatchTest, AppliesTheArgumentRulesOfTheVariableCommands) {
-  EXPECT_EQ(codeOf(run(7, {Value("1")})), 4);
-  EXPECT_EQ(codeOf(run(7, {Value("2"), Value("/nonexistent")})), 3);
-  EXPECT_EQ(codeOf(run(7, {Value("yes"), Value("/nonexistent")})), 3);
-  EXPECT_EQ(codeOf(run(8, {})), 4);
-  EXPECT_EQ(codeOf(run(49, {})), 4);
-  EXPECT_EQ(codeOf(run(46, {Value("/"), Value("0"), Value("0"), Value("a"), Value("1")})), 4);
-  EXPECT_EQ(codeOf(run(46, {Value("/"), Value("0")})), 4);
+  EXPECT_EQ(codeOf(run(kCommandDeleteFileObjects, {Value("1")})), kResultMalformedArguments);
+  EXPECT_EQ(codeOf(run(kCommandDeleteFileObjects, {Value("2"), Value("/nonexistent")})),
+            kResultBadArgument);
+  EXPECT_EQ(codeOf(run(kCommandDeleteFileObjects, {Value("yes"), Value("/nonexistent")})),
+            kResultBadArgument);
+  EXPECT_EQ(codeOf(run(kCommandDeleteFileSubtree, {})), kResultMalformedArguments);
+  EXPECT_EQ(codeOf(run(kCommandDeleteFolderContents, {})), kResultMalformedArguments);
+  EXPECT_EQ(codeOf(run(kCommandSearchNamePatterns,
+                       {Value("/"), Value("0"), Value("0"), Value("a"), Value("1")})),
+            kResultMalformedArguments);
+  EXPECT_EQ(codeOf(run(kCommandSearchNamePatterns, {Value("/"), Value("0")})),
+            kResultMalformedArguments);
 }
 
 TEST(CommandDispatchTest, AnswersTheCommandsOfTheDispatcherItself) {
-  for (std::uint32_t code : {0u, 2u, 53u}) {
+  for (std::uint32_t code : {kCommandNone, kCommandShutdown, kCommandPrepareUninstallation}) {
     CommandResult result = run(code, {});
     ASSERT_TRUE(result);
-    EXPECT_TRUE(result->is("com.tavorin.privilegedCommand", 0));
+    EXPECT_TRUE(result->is(kCommandErrorDomain, kResultSuccess));
     EXPECT_TRUE(result->userInfo().empty());
   }
-  CommandResult version = run(1, {});
+  CommandResult version = run(kCommandGetVersion, {});
   ASSERT_TRUE(version);
   EXPECT_EQ(version->userInfo().find("CommandImplementationVersion")->asNumber()->integerValue(),
             310);
   EXPECT_EQ(version->userInfo().find("AgentVersionMajor")->asNumber()->integerValue(), 3);
   EXPECT_EQ(version->userInfo().find("AgentVersionMinor")->asNumber()->integerValue(), 1);
   EXPECT_EQ(*version->userInfo().find("AgentVersionBuild")->asString(), "121004");
-  EXPECT_TRUE(run(23, {})->is("com.tavorin.privilegedCommand", 1));
+  EXPECT_TRUE(run(kCommandReserved, {})->is(kCommandErrorDomain, kResultUnknownCommand));
 }
 
 TEST(CommandDispatchTest, FamiliesNotInThisVersionAnswerNotAvailable) {
   // Access control lists and folder comparison. (The system settings act on the host: their tests
   // point them at a temporary tree, see SettingsTestSupport.h.)
   const std::pair<std::uint32_t, Array> commands[] = {
-      {34, {Value("/x"), Value(Data{1})}},
-      {35, {Value("/x"), Value::integer(1), Value::integer(1), Value::integer(7)}},
-      {52, {Value("/a"), Value("/b"), Value("/m"), Value::integer(1), Value::integer(0)}},
+      {kCommandModifyAclPermissions, {Value("/x"), Value(Data{1})}},
+      {kCommandPropagatePermissions,
+       {Value("/x"), Value::integer(1), Value::integer(1), Value::integer(7)}},
+      {kCommandCompareFolders,
+       {Value("/a"), Value("/b"), Value("/m"), Value::integer(1), Value::integer(0)}},
   };
   for (const auto& [code, arguments] : commands) {
     CommandResult result = run(code, arguments);
@@ -60,7 +67,7 @@ TEST(CommandDispatchTest, FamiliesNotInThisVersionAnswerNotAvailable) {
 
 TEST(CommandDispatchTest, RestoresTheFileCreationMask) {
   mode_t before = ::umask(022);
-  run(1, {});
+  run(kCommandGetVersion, {});
   EXPECT_EQ(::umask(before), 022);
 }
 

@@ -10,8 +10,8 @@
 
 #include "executor/FileObjectPrimitives.h"
 #include "executor/KRVCommandExecutor.h"
+#include "filesystem/DirectoryReader.h"
 #include "filesystem/FileManager.h"
-#include "filesystem/FolderReader.h"
 #include "filesystem/PathNames.h"
 #include "foundation/NameValue.h"
 #include "foundation/System.h"
@@ -68,15 +68,20 @@ CommandResult KRVCommandExecutor::deleteFileSystemFolderContentsAtPaths(const Ar
     // after the listing does not receive the deletions meant for this one.
     Result<UniqueFd> opened = object->reopen(O_RDONLY | O_DIRECTORY | O_NOCTTY | O_NONBLOCK);
     if (!opened) return FileManager::error(opened.error(), folder);
-    FolderReader reader(std::move(*opened), FolderReader::kLargeBuffer);
+    Result<DirectoryReader> reader = DirectoryReader::listing(std::move(*opened));
+    if (!reader) return FileManager::error(reader.error(), folder);
     std::vector<std::string> names;
-    while (std::optional<FolderReader::Entry> entry = reader.next())
+    while (std::optional<DirectoryReader::Entry> entry = reader->next()) {
       names.emplace_back(entry->name);
-    if (reader.error()) return FileManager::error(*reader.error(), folder);
+    }
+    if (std::optional<Error> failure = reader->readError()) {
+      return FileManager::error(*failure, folder);
+    }
+    const int folderFd = reader->fd(0);
     for (const std::string& name : names) {
       const std::string entryPath = appendingPathComponent(folder, name);
       if (entryPath.size() >= PATH_MAX) return FileManager::error(ENAMETOOLONG, entryPath);
-      Status deleted = enforcedRecursiveDeleteInFolder(reader.fd(), name, entryPath);
+      Status deleted = enforcedRecursiveDeleteInFolder(folderFd, name, entryPath);
       if (!deleted) return std::move(deleted).error();
     }
   }

@@ -7,7 +7,7 @@
 #include <thread>
 #include <vector>
 
-#include "executor/ExecutorTestSupport.h"
+#include "tests/support/ExecutorTestSupport.h"
 
 namespace krv {
 namespace {
@@ -53,19 +53,23 @@ TEST_F(DeletionTest, DeletesUserProtectedObjectsAndLeavesSystemProtectedOnesAsTh
       {"folder", {"folder/"}, kUserProtectionFlags},
       {file, {file}, kUserImmutableFlag},
       {"fifo", {"fifo|"}, 0},
-      {"system", {"system"}, kSystemImmutableFlag | kUserImmutableFlag, kCommandErrorDomain, 11},
+      {"system",
+       {"system"},
+       kSystemImmutableFlag | kUserImmutableFlag,
+       kCommandErrorDomain,
+       kResultSystemProtected},
       {"system-append",
        {"system-append"},
        kSystemAppendFlag | kUserAppendFlag,
        kCommandErrorDomain,
-       11},
+       kResultSystemProtected},
       {"full", {"full/", "full/x"}, 0, kPosixErrorDomain, ENOTEMPTY},
       {"missing", {}, 0, kPosixErrorDomain, ENOENT},
   };
   for (const Case& c : cases) {
     make(c.made);
     if (c.flags != 0) setFlags(c.name, c.flags);
-    expectResult(run(7, {text("1"), text(path(c.name))}),
+    expectResult(run(kCommandDeleteFileObjects, {text("1"), text(path(c.name))}),
                  c.domain.empty() ? kCommandErrorDomain : c.domain, c.code,
                  c.domain.empty() ? "" : path(c.name));
     EXPECT_EQ(exists(c.name), !c.domain.empty() && c.code != ENOENT) << c.name;
@@ -75,9 +79,10 @@ TEST_F(DeletionTest, DeletesUserProtectedObjectsAndLeavesSystemProtectedOnesAsTh
   // An administrator's `chattr +i` protects at system level; a link is deleted, not its target.
   make({"chattr", "target", "link -> target", "sub/", "sub/inner/"});
   ASSERT_TRUE(test::setKernelFlags(path("chattr"), FS_IMMUTABLE_FL));
-  expectResult(run(9, {text(path("chattr"))}), kCommandErrorDomain, 11, path("chattr"));
+  expectResult(run(kCommandDeleteHibernationFile, {text(path("chattr"))}), kCommandErrorDomain,
+               kResultSystemProtected, path("chattr"));
   setFlags("target", kUserImmutableFlag);
-  expectSuccess(9, {text(path("link"))});
+  expectSuccess(kCommandDeleteHibernationFile, {text(path("link"))});
   EXPECT_FALSE(exists("link"));
   EXPECT_EQ(flagsOf("target"), kUserImmutableFlag);
 
@@ -96,7 +101,8 @@ TEST_F(DeletionTest, RecursiveDeleteLiftsOnlyTheUserImmutableFlag) {
   for (const char* protectedObject : {"tree/deep/file", "tree/deep", "tree"}) {
     setFlags(protectedObject, kUserImmutableFlag);
   }
-  expectSuccess(8, {text(path("tree")), text(path("dangling")), text(path("missing"))});
+  expectSuccess(kCommandDeleteFileSubtree,
+                {text(path("tree")), text(path("dangling")), text(path("missing"))});
   EXPECT_EQ(progressValues(), (std::vector<double>{0.0, 1.0 / 3.0, 2.0 / 3.0}));
   EXPECT_FALSE(exists("tree"));
   EXPECT_TRUE(exists("dangling"));  // nothing exists there, so nothing is done
@@ -105,8 +111,8 @@ TEST_F(DeletionTest, RecursiveDeleteLiftsOnlyTheUserImmutableFlag) {
   for (std::uint32_t flags : {kSystemImmutableFlag, kUserAppendFlag}) {
     make({"kept/", "kept/file"});
     setFlags("kept/file", flags);
-    expectResult(run(8, {text(path("kept")), text(path("never"))}), kPosixErrorDomain, EPERM,
-                 path("kept/file"));
+    expectResult(run(kCommandDeleteFileSubtree, {text(path("kept")), text(path("never"))}),
+                 kPosixErrorDomain, EPERM, path("kept/file"));
     EXPECT_EQ(flagsOf("kept/file"), flags);
     EXPECT_EQ(progressValues(), (std::vector<double>{0.0}));
     test::TestFileTree::removeAll(path("kept"));
@@ -125,10 +131,11 @@ TEST_F(DeletionTest, LinksInAWalkedTreeLeaveTheirTargetsAlone) {
 
   // Protecting a tree does not protect what its links point to, and deleting a tree or a link
   // unprotects only what is removed, even when a trailing slash names the link.
-  expectSuccess(10, {text(path("tree")), test::number(1), test::number(1), test::number(0)});
-  expectSuccess(8,
+  expectSuccess(kCommandModifyProtectAttribute,
+                {text(path("tree")), test::number(1), test::number(1), test::number(0)});
+  expectSuccess(kCommandDeleteFileSubtree,
                 {text(path("tree")), text(path("link-to-folder")), text(path("slashed-link//"))});
-  expectSuccess(7, {text("1"), text(path("single-slashed-link/"))});
+  expectSuccess(kCommandDeleteFileObjects, {text("1"), text(path("single-slashed-link/"))});
   for (const char* name : {"tree", "link-to-folder", "slashed-link", "single-slashed-link"}) {
     EXPECT_FALSE(exists(name)) << name;
   }
@@ -165,8 +172,9 @@ TEST_F(DeletionTest, ObjectsSwappedForLinksMidCommandNeverLeadItOutside) {
         }
       },
       [&] {
-        (void)run(10, {text(path("tree")), test::number(1), test::number(1), test::number(0)});
-        (void)run(8, {text(path("tree"))});
+        (void)run(kCommandModifyProtectAttribute,
+                  {text(path("tree")), test::number(1), test::number(1), test::number(0)});
+        (void)run(kCommandDeleteFileSubtree, {text(path("tree"))});
       },
       [] {});
   for (char c : letters) EXPECT_EQ(flagsOf(std::string("outside/") + c), kUserImmutableFlag) << c;
@@ -182,7 +190,7 @@ TEST_F(DeletionTest, ObjectsSwappedForLinksMidCommandNeverLeadItOutside) {
         for (char c = '0'; c <= 'z'; ++c)
           make({std::string("box/") + c, std::string("names/") + c});
       },
-      [&] { (void)run(49, {text(path("box"))}); },
+      [&] { (void)run(kCommandDeleteFolderContents, {text(path("box"))}); },
       [&] {
         // Either "names" was emptied as a whole, or not touched at all.
         bool some = false;
@@ -201,14 +209,15 @@ TEST_F(DeletionTest, ObjectsSwappedForLinksMidCommandNeverLeadItOutside) {
 TEST_F(DeletionTest, FolderContentsGoTheFoldersStay) {
   make({"one/", "one/sub/", "one/sub/file", "one/protected", "two/", "two/x"});
   setFlags("one/protected", kUserImmutableFlag);
-  expectSuccess(49, {text(path("missing")), text(path("one")), text(path("two"))});
+  expectSuccess(kCommandDeleteFolderContents,
+                {text(path("missing")), text(path("one")), text(path("two"))});
   EXPECT_EQ(progressValues(), (std::vector<double>{0.0, 1.0 / 3.0, 2.0 / 3.0}));
   EXPECT_TRUE(exists("one") && exists("two"));
   EXPECT_FALSE(exists("one/sub") || exists("one/protected") || exists("two/x"));
 
   make({"plain", "two/y"});
-  expectResult(run(49, {text(path("plain")), text(path("two"))}), kPosixErrorDomain, ENOTDIR,
-               path("plain"));
+  expectResult(run(kCommandDeleteFolderContents, {text(path("plain")), text(path("two"))}),
+               kPosixErrorDomain, ENOTDIR, path("plain"));
   EXPECT_TRUE(exists("plain") && exists("two/y"));
 }
 
@@ -225,21 +234,39 @@ TEST_F(DeletionTest, AGoneClientStopsTheMultiPathCommandsBeforeAnyDeletion) {
 // ramfs keeps no inode flags at all.
 TEST_F(DeletionTest, AFileSystemWithoutFlagsDeletesAndUnprotectsButCannotProtect) {
   make({"mnt/"});
-  std::string summary = test::inPrivateMount(path("mnt"), "ramfs", [&] {
+  test::Facts facts = test::inPrivateMount(path("mnt"), "ramfs", [&](test::Facts& seen) {
     const std::string file = path("mnt/file");
-    if (::mknod(file.c_str(), S_IFREG | 0644, 0) != 0) return std::string("mknod");
-    test::ExecutorWithPipe client;
-    std::string codes;
-    for (const auto& [code, arguments] :
-         {std::pair{10u, Array{text(file), test::number(1), test::number(0), test::number(0)}},
-          std::pair{10u, Array{text(file), test::number(0), test::number(0), test::number(0)}},
-          std::pair{11u, Array{text(file)}}, std::pair{8u, Array{text(file)}}}) {
-      CommandResult result = client.run(code, arguments);
-      codes += result ? std::to_string(result->code()) + " " : std::string("none ");
+    if (::mknod(file.c_str(), S_IFREG | 0644, 0) != 0) {
+      seen["child"] = "mknod";
+      return;
     }
-    return codes + (::access(file.c_str(), F_OK) == 0 ? "left" : "");
+    test::ExecutorWithPipe client;
+    const struct {
+      const char* step;
+      std::uint32_t code;
+      Array arguments;
+    } steps[] = {
+        {"protect",
+         kCommandModifyProtectAttribute,
+         {text(file), test::number(1), test::number(0), test::number(0)}},
+        {"unprotect",
+         kCommandModifyProtectAttribute,
+         {text(file), test::number(0), test::number(0), test::number(0)}},
+        {"remove system protection", kCommandRemoveSystemProtection, {text(file)}},
+        {"delete subtree", kCommandDeleteFileSubtree, {text(file)}},
+    };
+    for (const auto& [step, code, arguments] : steps) {
+      CommandResult result = client.run(code, arguments);
+      seen[step] = result ? std::to_string(result->code()) : "none";
+    }
+    seen["file left"] = ::access(file.c_str(), F_OK) == 0 ? "yes" : "no";
   });
-  EXPECT_EQ(summary, "95 0 0 0 ");
+  ASSERT_FALSE(facts.contains("child")) << facts["child"];
+  EXPECT_EQ(facts["protect"], std::to_string(EOPNOTSUPP));
+  EXPECT_EQ(facts["unprotect"], "0");
+  EXPECT_EQ(facts["remove system protection"], "0");
+  EXPECT_EQ(facts["delete subtree"], "0");
+  EXPECT_EQ(facts["file left"], "no");
 }
 
 }  // namespace

@@ -47,7 +47,7 @@ const std::string& unreachableEnd(const Error& failure, bool sourceThere, const 
 
 Error KRVCommandExecutor::overwriteSystemFileAtPath(const std::string& path, const Data& content,
                                                     bool removeBackup) {
-  if (path.empty()) return commandError(kFileCommandBadArgument);
+  if (path.empty()) return commandError(kResultBadArgument);
   // The file with every link in its path resolved: R below, held in its folder, where the backup
   // R.backup and the new R are made.
   Result<PinnedEntry> resolved = pathResolver().entry(path, LinkHandling::Follow);
@@ -64,7 +64,7 @@ Error KRVCommandExecutor::overwriteSystemFileAtPath(const std::string& path, con
     // Only looked at: a link there that leads to a folder counts as a folder, and is left alone.
     Result<struct stat> target = sys::statAt(folder, backupName.c_str(), 0);
     if (target && S_ISDIR(target->st_mode)) {
-      return commandErrorWithFailingPath(kFileCommandBackupIsFolder, backup);
+      return commandErrorWithFailingPath(kResultBackupIsFolder, backup);
     }
     // A file or a link (dangling or not) of that name makes way for the new backup.
     if (Status removed = removeTree(folder, backupName, backup); !removed) return toError(removed);
@@ -97,7 +97,7 @@ Error KRVCommandExecutor::overwriteSystemFileAtPath(const std::string& path, con
 
 Error KRVCommandExecutor::createFileSystemObjectAtPath(const std::string& path,
                                                        const std::string& typeCode) {
-  if (path.empty() || typeCode.size() != 1) return commandError(kFileCommandBadArgument);
+  if (path.empty() || typeCode.size() != 1) return commandError(kResultBadArgument);
   std::uint32_t mode = 0;
   switch (typeCode[0]) {
     case 'F':
@@ -110,7 +110,7 @@ Error KRVCommandExecutor::createFileSystemObjectAtPath(const std::string& path,
       mode = kExecutableFileMode;
       break;
     default:
-      return commandError(kFileCommandBadArgument);
+      return commandError(kResultBadArgument);
   }
   // The folder to create in; nothing may be at the name, not even a dangling link.
   Result<PinnedEntry> entry = pathResolver().entry(path, LinkHandling::NoFollow);
@@ -129,7 +129,7 @@ Error KRVCommandExecutor::createFileSystemObjectAtPath(const std::string& path,
       return toError(made);
     }
   } else if (!entry || !FileManager::createFile(*entry, path, {}, attributes)) {
-    return commandErrorWithFailingPath(kFileCommandNotWritten, path);
+    return commandErrorWithFailingPath(kResultNotWritten, path);
   }
   // Owner and group were set through the new object's own descriptor. Nothing is done by path
   // afterwards: whatever replaced the new object meanwhile is not the daemon's to give to root.
@@ -154,7 +154,7 @@ Error KRVCommandExecutor::renameFileSystemObjectAtPath(const std::string& path,
 
 Error KRVCommandExecutor::changeProtectionAttributeAtPath(const std::string& path, bool protect,
                                                           bool recursively, bool stayOnFileSystem) {
-  if (path.empty()) return commandError(kFileCommandBadArgument);
+  if (path.empty()) return commandError(kResultBadArgument);
   // The walk goes on from the folder whose flag was just set, whatever the path names by now.
   std::optional<PathHandle> object;
   if (Status set = setImmutableFlag(pathResolver(), protect, path, LinkTargetCheck::On, &object);
@@ -171,7 +171,7 @@ Error KRVCommandExecutor::changeProtectionAttributeAtPath(const std::string& pat
 }
 
 Error KRVCommandExecutor::removeSystemProtectionForFileSystemObjectAtPath(const std::string& path) {
-  if (path.empty()) return commandError(kFileCommandBadArgument);
+  if (path.empty()) return commandError(kResultBadArgument);
   const SafePathResolver resolver = pathResolver();
   // The flags of the object itself, written with chflags semantics (through a final link, by the
   // rule). Both objects are pinned, so a path swapped between the read and the write cannot carry
@@ -185,18 +185,18 @@ Error KRVCommandExecutor::removeSystemProtectionForFileSystemObjectAtPath(const 
   if (!flags) return FileManager::error(flags.error(), path);
   const std::uint32_t wanted = *flags & ~(kUserProtectionFlags | kSystemProtectionFlags);
   if (!writeFileFlags(*object, wanted & ~kCompressedFlag)) {
-    return commandErrorWithFailingPath(kFileCommandFlagsNotChanged, path);
+    return commandErrorWithFailingPath(kResultFlagsNotChanged, path);
   }
   return commandSuccess();
 }
 
 Error KRVCommandExecutor::setAtPath(const std::string& path, std::uint64_t typeCode,
                                     std::uint64_t creatorCode, bool visibility) {
-  if (path.empty()) return commandError(kFileCommandBadArgument);
+  if (path.empty()) return commandError(kResultBadArgument);
   // The codes are four bytes each; a larger number would be cut to a different code.
   constexpr std::uint64_t kLargestCode = std::numeric_limits<std::uint32_t>::max();
   if (typeCode > kLargestCode || creatorCode > kLargestCode) {
-    return commandError(kFileCommandBadArgument);
+    return commandError(kResultBadArgument);
   }
   // Both belong to the object itself: a final link is labelled, not what it points to.
   Result<PathHandle> object = pathResolver().object(path, LinkHandling::NoFollow);
@@ -240,7 +240,7 @@ Error KRVCommandExecutor::createLinkAtPath(const std::string& path, const std::s
 }
 
 Error KRVCommandExecutor::touchFileSystemObjectAtPath(const std::string& path) {
-  if (path.empty()) return commandError(kFileCommandBadArgument);
+  if (path.empty()) return commandError(kResultBadArgument);
   Result<PathHandle> object = pathResolver().object(path, LinkHandling::Follow);
   if (!object) return notThere(object.error(), path);
   // The pinned object itself: its /proc path leads to it, not to whatever has its name by now.

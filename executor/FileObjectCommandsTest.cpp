@@ -10,11 +10,10 @@
 #include <atomic>
 #include <ctime>
 #include <fstream>
-#include <sstream>
 #include <thread>
 
-#include "executor/ExecutorTestSupport.h"
 #include "filesystem/FileManagerAdditions.h"
+#include "tests/support/ExecutorTestSupport.h"
 
 namespace krv {
 namespace {
@@ -61,27 +60,30 @@ TEST_F(ObjectCommandTest, OverwriteKeepsAttributesAndABackupOfTheResolvedFile) {
   const std::string file = makeConfiguration("conf");
   m_tree.makeFile("conf.backup", "stale");
   make({"alias -> conf"});
-  expectSuccess(4, {text(path("alias")), Value(Data{'n', 'e', 'w'}), number(0)});
+  expectSuccess(kCommandModifyFileContent,
+                {text(path("alias")), Value(Data{'n', 'e', 'w'}), number(0)});
   EXPECT_EQ(contentsOf(file), "new");
   expectConfigurationKept(file);
   EXPECT_EQ(contentsOf(path("conf.backup")), "old");
   EXPECT_TRUE(S_ISLNK(statusOf(path("alias")).st_mode));
 
-  expectSuccess(4, {text(file), Value(Data{'2'}), number(1)});
+  expectSuccess(kCommandModifyFileContent, {text(file), Value(Data{'2'}), number(1)});
   EXPECT_EQ(contentsOf(file), "2");
   EXPECT_FALSE(exists("conf.backup"));
 
   // A backup slot that is a folder: nothing changes.
   m_tree.makeFolder("conf.backup");
-  expectResult(run(4, {text(file), Value(Data{'3'}), number(0)}), kCommandErrorDomain, 7,
-               path("conf.backup"));
+  expectResult(run(kCommandModifyFileContent, {text(file), Value(Data{'3'}), number(0)}),
+               kCommandErrorDomain, kResultBackupIsFolder, path("conf.backup"));
   EXPECT_EQ(contentsOf(file), "2");
 
-  expectResult(run(4, {text(path("missing")), Value(Data{}), number(0)}), kPosixErrorDomain, ENOENT,
-               path("missing"));
-  expectResult(run(4, {text(path("conf.backup")), Value(Data{}), number(0)}), kPosixErrorDomain,
-               EISDIR, path("conf.backup"));
-  expectResult(run(4, {text(""), Value(Data{}), number(0)}), kCommandErrorDomain, 3);
+  expectResult(run(kCommandModifyFileContent, {text(path("missing")), Value(Data{}), number(0)}),
+               kPosixErrorDomain, ENOENT, path("missing"));
+  expectResult(
+      run(kCommandModifyFileContent, {text(path("conf.backup")), Value(Data{}), number(0)}),
+      kPosixErrorDomain, EISDIR, path("conf.backup"));
+  expectResult(run(kCommandModifyFileContent, {text(""), Value(Data{}), number(0)}),
+               kCommandErrorDomain, kResultBadArgument);
 }
 
 TEST_F(ObjectCommandTest, OverwriteSucceedsWhenTheContentCannotBeWritten) {
@@ -93,10 +95,11 @@ TEST_F(ObjectCommandTest, OverwriteSucceedsWhenTheContentCannotBeWritten) {
   struct rlimit limited = saved;
   limited.rlim_cur = 4;
   ::setrlimit(RLIMIT_FSIZE, &limited);
-  CommandResult result = run(4, {text(file), Value(Data(10, 'x')), number(0)});
+  CommandResult result =
+      run(kCommandModifyFileContent, {text(file), Value(Data(10, 'x')), number(0)});
   ::setrlimit(RLIMIT_FSIZE, &saved);
   ::signal(SIGXFSZ, savedHandler);
-  expectResult(result, kCommandErrorDomain, 0);
+  expectResult(result, kCommandErrorDomain, kResultSuccess);
   EXPECT_EQ(contentsOf(file), "xxxx");
   expectConfigurationKept(file);
   EXPECT_EQ(contentsOf(path("limited.backup")), "old");
@@ -114,7 +117,7 @@ TEST_F(ObjectCommandTest, OverwriteWritesOnlyAFileOfItsOwnMaking) {
     std::thread planter([&] {
       while (!stop.load(std::memory_order_relaxed)) (void)::link(planted.c_str(), file.c_str());
     });
-    (void)run(4, {text(file), Value(Data{'n', 'e', 'w'}), number(1)});
+    (void)run(kCommandModifyFileContent, {text(file), Value(Data{'n', 'e', 'w'}), number(1)});
     stop = true;
     planter.join();
   }
@@ -131,7 +134,7 @@ TEST_F(ObjectCommandTest, CreatesRootOwnedObjectsOfTheThreeTypesOnly) {
   for (const auto& [type, mode] : {std::pair{"F", S_IFREG | 0644}, std::pair{"D", S_IFDIR | 0755},
                                    std::pair{"X", S_IFREG | 0755}}) {
     const std::string object = path(std::string("shared/") + type);
-    expectSuccess(5, {text(object), text(type)});
+    expectSuccess(kCommandCreateFileObject, {text(object), text(type)});
     struct stat status = statusOf(object);
     EXPECT_EQ(status.st_mode & ~S_ISGID, static_cast<mode_t>(mode)) << type;
     EXPECT_EQ(status.st_uid, 0u);
@@ -140,31 +143,36 @@ TEST_F(ObjectCommandTest, CreatesRootOwnedObjectsOfTheThreeTypesOnly) {
   }
   ::umask(mask);
   for (const char* type : {"f", "", "FF", "Z", "\xff"}) {
-    expectResult(run(5, {text(path("bad")), text(type)}), kCommandErrorDomain, 3);
+    expectResult(run(kCommandCreateFileObject, {text(path("bad")), text(type)}),
+                 kCommandErrorDomain, kResultBadArgument);
   }
-  expectResult(run(5, {text(""), text("F")}), kCommandErrorDomain, 3);
+  expectResult(run(kCommandCreateFileObject, {text(""), text("F")}), kCommandErrorDomain,
+               kResultBadArgument);
   make({"dangling -> nowhere"});  // something is there, even if it leads nowhere
-  expectResult(run(5, {text(path("dangling")), text("F")}), kPosixErrorDomain, EEXIST,
-               path("dangling"));
-  expectResult(run(5, {text(path("no/file")), text("F")}), kCommandErrorDomain, 8, path("no/file"));
+  expectResult(run(kCommandCreateFileObject, {text(path("dangling")), text("F")}),
+               kPosixErrorDomain, EEXIST, path("dangling"));
+  expectResult(run(kCommandCreateFileObject, {text(path("no/file")), text("F")}),
+               kCommandErrorDomain, kResultNotWritten, path("no/file"));
   // A trailing slash names a folder: one can be made there, a file cannot.
-  expectResult(run(5, {text(path("slashed/")), text("F")}), kCommandErrorDomain, 8,
-               path("slashed/"));
-  expectSuccess(5, {text(path("slashed/")), text("D")});
+  expectResult(run(kCommandCreateFileObject, {text(path("slashed/")), text("F")}),
+               kCommandErrorDomain, kResultNotWritten, path("slashed/"));
+  expectSuccess(kCommandCreateFileObject, {text(path("slashed/")), text("D")});
   EXPECT_TRUE(S_ISDIR(statusOf(path("slashed")).st_mode));
-  expectResult(run(5, {text(path("no/folder")), text("D")}), kPosixErrorDomain, ENOENT,
-               path("no/folder"));
+  expectResult(run(kCommandCreateFileObject, {text(path("no/folder")), text("D")}),
+               kPosixErrorDomain, ENOENT, path("no/folder"));
 }
 
 TEST_F(ObjectCommandTest, RenamesWithinAndAcrossFileSystemsButNeverOverAnObject) {
   m_tree.makeFile("a", "A");
   m_tree.makeFile("b", "B");
-  expectResult(run(6, {text(path("a")), text(path("b"))}), kPosixErrorDomain, EEXIST, path("b"));
-  expectSuccess(6, {text(path("a")), text(path("c"))});
+  expectResult(run(kCommandRenameFileObject, {text(path("a")), text(path("b"))}), kPosixErrorDomain,
+               EEXIST, path("b"));
+  expectSuccess(kCommandRenameFileObject, {text(path("a")), text(path("c"))});
   EXPECT_EQ(contentsOf(path("c")), "A");
-  expectResult(run(6, {text(path("a")), text(path("d"))}), kPosixErrorDomain, ENOENT, path("a"));
-  expectResult(run(6, {text(path("c")), text(path("no/c"))}), kPosixErrorDomain, ENOENT,
-               path("no/c"));
+  expectResult(run(kCommandRenameFileObject, {text(path("a")), text(path("d"))}), kPosixErrorDomain,
+               ENOENT, path("a"));
+  expectResult(run(kCommandRenameFileObject, {text(path("c")), text(path("no/c"))}),
+               kPosixErrorDomain, ENOENT, path("no/c"));
 
   // Across file systems a copy with every attribute is made, then the source is removed.
   m_tree.makeFolder("src", 0750);
@@ -175,79 +183,112 @@ TEST_F(ObjectCommandTest, RenamesWithinAndAcrossFileSystemsButNeverOverAnObject)
   make({"src/link -> file", "src/fifo|", "src/sub/", "locked", "mnt/"});
   m_tree.makeFile("src/sub/inner", "I");
   setFlags("locked", kUserImmutableFlag);
-  std::string summary = test::inPrivateMount(path("mnt"), "tmpfs", [&] {
+  test::Facts facts = test::inPrivateMount(path("mnt"), "tmpfs", [&](test::Facts& seen) {
     test::ExecutorWithPipe client;
     make({"mnt/taken"});
-    std::ostringstream facts;
     for (const char* name : {"c", "src", "b", "locked"}) {
       const std::string to = path(std::string("mnt/") + (name[0] == 'b' ? "taken" : name));
-      CommandResult result = client.run(6, {text(path(name)), text(to)});
-      facts << (result ? result->code() : -1) << (exists(name) ? " left, " : ", ");
+      CommandResult result = client.run(kCommandRenameFileObject, {text(path(name)), text(to)});
+      seen[std::string("moving ") + name] = result ? std::to_string(result->code()) : "none";
+      seen[std::string(name) + " left"] = exists(name) ? "yes" : "no";
     }
     const std::string copy = path("mnt/src/file");
-    struct stat status = statusOf(copy);
+    const struct stat status = statusOf(copy);
     char note[8] = {}, link[8] = {};
     ::lgetxattr(copy.c_str(), "user.note", note, sizeof note - 1);
     ::readlink(path("mnt/src/link").c_str(), link, sizeof link - 1);
-    facts << contentsOf(copy) << contentsOf(path("mnt/c")) << contentsOf(path("mnt/src/sub/inner"))
-          << std::oct << " " << (status.st_mode & 07777) << " "
-          << (statusOf(path("mnt/src")).st_mode & 07777) << std::dec << " " << status.st_uid << ":"
-          << status.st_gid << " " << status.st_mtim.tv_sec << "." << status.st_mtim.tv_nsec << " "
-          << note << " " << link
-          << (S_ISFIFO(statusOf(path("mnt/src/fifo")).st_mode) ? " fifo" : "")
-          << (readHfsCodes(copy, LinkHandling::NoFollow).valueOr({}).creatorCode == 0x74747874
-                  ? " codes"
-                  : "")
-          << (isHiddenObject(copy) ? " hidden" : "")
-          << (flagsOf("mnt/locked") == kUserImmutableFlag ? " immutable" : "");
-    return facts.str();
+    seen["contents"] = contentsOf(copy) + "|" + contentsOf(path("mnt/c")) + "|" +
+                       contentsOf(path("mnt/src/sub/inner"));
+    seen["file mode"] = std::to_string(status.st_mode & 07777);
+    seen["folder mode"] = std::to_string(statusOf(path("mnt/src")).st_mode & 07777);
+    seen["owner"] = std::to_string(status.st_uid) + ":" + std::to_string(status.st_gid);
+    seen["modified"] =
+        std::to_string(status.st_mtim.tv_sec) + "." + std::to_string(status.st_mtim.tv_nsec);
+    seen["attribute"] = note;
+    seen["link"] = link;
+    seen["fifo"] = S_ISFIFO(statusOf(path("mnt/src/fifo")).st_mode) ? "yes" : "no";
+    seen["creator code"] =
+        std::to_string(readHfsCodes(copy, LinkHandling::NoFollow).valueOr({}).creatorCode);
+    seen["hidden"] = isHiddenObject(copy) ? "yes" : "no";
+    seen["locked flags"] = std::to_string(flagsOf("mnt/locked"));
   });
-  // Over an object on the other side: refused. An immutable source cannot go: the copy stays too.
-  EXPECT_EQ(summary,
-            "0, 0, " + std::to_string(EEXIST) + " left, " + std::to_string(EPERM) +
-                " left, oldAI 640 750 1:2 1000000000.500 kept file fifo codes hidden immutable");
+  ASSERT_FALSE(facts.contains("child")) << facts["child"];
+  EXPECT_EQ(facts["moving c"], "0");
+  EXPECT_EQ(facts["c left"], "no");
+  EXPECT_EQ(facts["moving src"], "0");
+  EXPECT_EQ(facts["src left"], "no");
+  // Over an object on the other side: refused.
+  EXPECT_EQ(facts["moving b"], std::to_string(EEXIST));
+  EXPECT_EQ(facts["b left"], "yes");
+  // An immutable source cannot go: the copy stays too.
+  EXPECT_EQ(facts["moving locked"], std::to_string(EPERM));
+  EXPECT_EQ(facts["locked left"], "yes");
+  EXPECT_EQ(facts["locked flags"], std::to_string(kUserImmutableFlag));
+  // What the copy keeps.
+  EXPECT_EQ(facts["contents"], "old|A|I");
+  EXPECT_EQ(facts["file mode"], std::to_string(0640));
+  EXPECT_EQ(facts["folder mode"], std::to_string(0750));
+  EXPECT_EQ(facts["owner"], "1:2");
+  EXPECT_EQ(facts["modified"], "1000000000.500");
+  EXPECT_EQ(facts["attribute"], "kept");
+  EXPECT_EQ(facts["link"], "file");
+  EXPECT_EQ(facts["fifo"], "yes");
+  EXPECT_EQ(facts["creator code"], std::to_string(0x74747874));
+  EXPECT_EQ(facts["hidden"], "yes");
 }
 
 TEST_F(ObjectCommandTest, ProtectsRecursivelyAndStaysOnTheFileSystemWhenAsked) {
   make({"p/", "p/d/", "p/d/f", "p/dangling -> nowhere", "p/mnt/", "fifo|", "system"});
   auto protect = [&](bool on, bool recursively, bool stay) {
-    return run(10, {text(path("p")), number(on), number(recursively), number(stay)});
+    return run(kCommandModifyProtectAttribute,
+               {text(path("p")), number(on), number(recursively), number(stay)});
   };
-  expectResult(protect(true, false, false), kCommandErrorDomain, 0);
+  expectResult(protect(true, false, false), kCommandErrorDomain, kResultSuccess);
   EXPECT_EQ(flagsOf("p"), kUserImmutableFlag);
   EXPECT_EQ(flagsOf("p/d"), 0u);
-  expectResult(protect(true, true, false), kCommandErrorDomain, 0);
+  expectResult(protect(true, true, false), kCommandErrorDomain, kResultSuccess);
   EXPECT_EQ(flagsOf("p/d") & flagsOf("p/d/f") & flagsOf("p/mnt"), kUserImmutableFlag);
-  expectResult(protect(false, true, false), kCommandErrorDomain, 0);
+  expectResult(protect(false, true, false), kCommandErrorDomain, kResultSuccess);
   EXPECT_EQ(flagsOf("p") | flagsOf("p/d") | flagsOf("p/d/f"), 0u);
 
   // tmpfs below: with the stay flag its mount point and contents are left alone.
-  std::string summary = test::inPrivateMount(path("p/mnt"), "tmpfs", [&] {
+  test::Facts facts = test::inPrivateMount(path("p/mnt"), "tmpfs", [&](test::Facts& seen) {
     make({"p/mnt/g"});
     test::ExecutorWithPipe client;
-    std::string flags;
     for (bool stay : {true, false}) {
-      CommandResult result = client.run(10, {text(path("p")), number(1), number(1), number(stay)});
-      flags += std::to_string(result ? result->code() : -1) + ":" +
-               std::to_string(flagsOf("p/mnt")) + "," + std::to_string(flagsOf("p/mnt/g")) + " ";
+      CommandResult result = client.run(kCommandModifyProtectAttribute,
+                                        {text(path("p")), number(1), number(1), number(stay)});
+      const std::string how = stay ? "staying: " : "crossing: ";
+      seen[how + "result"] = result ? std::to_string(result->code()) : "none";
+      seen[how + "mount point"] = std::to_string(flagsOf("p/mnt"));
+      seen[how + "file below"] = std::to_string(flagsOf("p/mnt/g"));
     }
     test::TestFileTree::removeAll(path("p/mnt/g"));
-    return flags;
   });
-  EXPECT_EQ(summary, "0:0,0 0:2,2 ");
-  expectResult(protect(false, true, false), kCommandErrorDomain, 0);
+  ASSERT_FALSE(facts.contains("child")) << facts["child"];
+  EXPECT_EQ(facts["staying: result"], "0");
+  EXPECT_EQ(facts["staying: mount point"], "0");
+  EXPECT_EQ(facts["staying: file below"], "0");
+  EXPECT_EQ(facts["crossing: result"], "0");
+  EXPECT_EQ(facts["crossing: mount point"], std::to_string(kUserImmutableFlag));
+  EXPECT_EQ(facts["crossing: file below"], std::to_string(kUserImmutableFlag));
+  expectResult(protect(false, true, false), kCommandErrorDomain, kResultSuccess);
 
   // Objects without kernel flags: nothing to clear, nothing that could be set.
-  expectResult(run(10, {text(path("fifo")), number(1), number(0), number(0)}), kPosixErrorDomain,
-               EOPNOTSUPP, path("fifo"));
-  expectSuccess(10, {text(path("fifo")), number(0), number(0), number(0)});
+  expectResult(
+      run(kCommandModifyProtectAttribute, {text(path("fifo")), number(1), number(0), number(0)}),
+      kPosixErrorDomain, EOPNOTSUPP, path("fifo"));
+  expectSuccess(kCommandModifyProtectAttribute,
+                {text(path("fifo")), number(0), number(0), number(0)});
   // A system flag is not the user's to clear.
   setFlags("system", kSystemImmutableFlag);
-  expectSuccess(10, {text(path("system")), number(0), number(0), number(0)});
+  expectSuccess(kCommandModifyProtectAttribute,
+                {text(path("system")), number(0), number(0), number(0)});
   EXPECT_EQ(flagsOf("system"), kSystemImmutableFlag);
   for (const char* missing : {"p/dangling", "missing"}) {
-    expectResult(run(10, {text(path(missing)), number(1), number(0), number(0)}), kPosixErrorDomain,
-                 ENOENT, path(missing));
+    expectResult(
+        run(kCommandModifyProtectAttribute, {text(path(missing)), number(1), number(0), number(0)}),
+        kPosixErrorDomain, ENOENT, path(missing));
   }
 }
 
@@ -255,46 +296,51 @@ TEST_F(ObjectCommandTest, RemovesEveryProtectionAndKeepsTheOtherFlags) {
   make({"locked", "chattr"});
   setFlags("locked",
            kSystemImmutableFlag | kSystemAppendFlag | kUserAppendFlag | kHiddenFlag | kNoDumpFlag);
-  expectSuccess(11, {text(path("locked"))});
+  expectSuccess(kCommandRemoveSystemProtection, {text(path("locked"))});
   EXPECT_EQ(flagsOf("locked"), kHiddenFlag | kNoDumpFlag);
   ASSERT_TRUE(test::setKernelFlags(path("chattr"), FS_IMMUTABLE_FL));
-  expectSuccess(11, {text(path("chattr"))});
+  expectSuccess(kCommandRemoveSystemProtection, {text(path("chattr"))});
   EXPECT_EQ(flagsOf("chattr"), 0u);
-  expectResult(run(11, {text(path("missing"))}), kPosixErrorDomain, ENOENT, path("missing"));
+  expectResult(run(kCommandRemoveSystemProtection, {text(path("missing"))}), kPosixErrorDomain,
+               ENOENT, path("missing"));
 }
 
 TEST_F(ObjectCommandTest, LabelsLinksAndTouches) {
   const std::string file = m_tree.makeFile("file");
-  expectSuccess(12, {text(file), number(0x41424344), number(0x45464748), number(0)});
+  expectSuccess(kCommandSetHfsAttributes,
+                {text(file), number(0x41424344), number(0x45464748), number(0)});
   EXPECT_EQ(readHfsCodes(file, LinkHandling::NoFollow).valueOr({}),
             (HfsCodes{0x41424344, 0x45464748}));
   EXPECT_TRUE(isHiddenObject(file));
-  expectSuccess(12, {text(file), number(0), number(0), number(1)});
+  expectSuccess(kCommandSetHfsAttributes, {text(file), number(0), number(0), number(1)});
   EXPECT_FALSE(isHiddenObject(file));
-  expectResult(run(12, {text(file), number(0x100000000), number(0), number(1)}),
-               kCommandErrorDomain, 3);
-  expectResult(run(12, {text(path("missing")), number(1), number(1), number(1)}), kPosixErrorDomain,
-               ENOENT, path("missing"));
+  expectResult(
+      run(kCommandSetHfsAttributes, {text(file), number(0x100000000), number(0), number(1)}),
+      kCommandErrorDomain, kResultBadArgument);
+  expectResult(
+      run(kCommandSetHfsAttributes, {text(path("missing")), number(1), number(1), number(1)}),
+      kPosixErrorDomain, ENOENT, path("missing"));
 
-  expectSuccess(13, {text(path("soft")), text("../relative/x"), number(0)});
+  expectSuccess(kCommandCreateLink, {text(path("soft")), text("../relative/x"), number(0)});
   char destination[64] = {};
   EXPECT_EQ(::readlink(path("soft").c_str(), destination, sizeof destination - 1), 13);
   EXPECT_STREQ(destination, "../relative/x");
-  expectSuccess(13, {text(path("hard")), text(file), number(1)});
+  expectSuccess(kCommandCreateLink, {text(path("hard")), text(file), number(1)});
   EXPECT_EQ(statusOf(path("hard")).st_ino, statusOf(file).st_ino);
-  expectResult(run(13, {text(path("hard")), text(file), number(1)}), kPosixErrorDomain, EEXIST,
-               path("hard"));
+  expectResult(run(kCommandCreateLink, {text(path("hard")), text(file), number(1)}),
+               kPosixErrorDomain, EEXIST, path("hard"));
 
   // Touching through a link reaches the file; the link itself keeps its time.
   const struct timespec old[2] = {{1000, 0}, {1000, 0}};
   ::utimensat(AT_FDCWD, file.c_str(), old, 0);
   make({"link -> file"});
   ::utimensat(AT_FDCWD, path("link").c_str(), old, AT_SYMLINK_NOFOLLOW);
-  expectSuccess(48, {text(path("link"))});
+  expectSuccess(kCommandTouchFileObject, {text(path("link"))});
   EXPECT_GE(statusOf(file).st_mtime, std::time(nullptr) - 60);
   EXPECT_EQ(statusOf(path("link")).st_mtime, 1000);
   for (const char* missing : {"soft", "missing"}) {
-    expectResult(run(48, {text(path(missing))}), kPosixErrorDomain, ENOENT, path(missing));
+    expectResult(run(kCommandTouchFileObject, {text(path(missing))}), kPosixErrorDomain, ENOENT,
+                 path(missing));
   }
 }
 
@@ -348,7 +394,7 @@ TEST_F(ObjectCommandTest, NoCommandFollowsAUsersLinkToRootsObjects) {
                exists("moved") || exists("hard"));
 
   // A command that does not follow a final link acts on the user's link itself, as before.
-  expectSuccess(7, {text("1"), text(path("mine/file-link"))});
+  expectSuccess(kCommandDeleteFileObjects, {text("1"), text(path("mine/file-link"))});
   EXPECT_FALSE(exists("mine/file-link"));
   EXPECT_EQ(contentsOf(secret), "root");
 }

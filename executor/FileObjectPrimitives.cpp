@@ -68,7 +68,7 @@ Error notThere(const Error& failure, const std::string& path) {
 
 Status enforcedDeleteOfFileSystemObjectAtPath(const SafePathResolver& resolver,
                                               const std::string& givenPath) {
-  if (givenPath.empty()) return commandError(kFileCommandBadArgument);
+  if (givenPath.empty()) return commandError(kResultBadArgument);
   // "link/" names the link: the slash must not lead the flag change to the link's target.
   const std::string path(withoutTrailingSlashes(givenPath));
   KRV_TRY_VOID(checkRemovable(path));
@@ -79,17 +79,17 @@ Status enforcedDeleteOfFileSystemObjectAtPath(const SafePathResolver& resolver,
   if (!entry) return FileManager::error(entry.error(), path);
   if (!entry->object) return FileManager::error(ENOENT, path);
   const PathHandle& object = *entry->object;
-  // Linux has no whiteout entries, so kFileCommandWhiteout never comes up here.
+  // Linux has no whiteout entries, so kResultWhiteout never comes up here.
   Result<std::uint32_t> flags = readFileFlags(object);
   if (!flags) return FileManager::error(flags.error(), path);
 
   if ((*flags & kUserProtectionFlags) != 0 && (*flags & kSystemProtectionFlags) == 0) {
     if (!writeFileFlags(object, *flags & ~kUserProtectionFlags)) {
-      return commandErrorWithFailingPath(kFileCommandFlagsNotChanged, path);
+      return commandErrorWithFailingPath(kResultFlagsNotChanged, path);
     }
   }
   if ((*flags & kSystemProtectionFlags) != 0) {
-    return commandErrorWithFailingPath(kFileCommandSystemProtected, path);
+    return commandErrorWithFailingPath(kResultSystemProtected, path);
   }
   Status removed = sys::unlinkAt(entry->folder.fd(), entry->name.c_str(),
                                  object.isDirectory() ? AT_REMOVEDIR : 0);
@@ -99,7 +99,7 @@ Status enforcedDeleteOfFileSystemObjectAtPath(const SafePathResolver& resolver,
 
 Status setImmutableFlag(const SafePathResolver& resolver, bool set, const std::string& path,
                         LinkTargetCheck check, std::optional<PathHandle>* actedOn) {
-  if (path.empty()) return commandError(kFileCommandBadArgument);
+  if (path.empty()) return commandError(kResultBadArgument);
   Result<PinnedEntry> entry = resolver.entry(path, LinkHandling::NoFollow);
   if (!entry) return notThere(entry.error(), path);
   if (!entry->object) return FileManager::error(ENOENT, path);
@@ -153,7 +153,7 @@ Status setImmutableFlagBelow(bool set, const PathHandle& folder, const std::stri
 
 Status enforcedRecursiveDeleteOfFileSystemObjectAtPath(const SafePathResolver& resolver,
                                                        const std::string& givenPath) {
-  if (givenPath.empty()) return commandError(kFileCommandBadArgument);
+  if (givenPath.empty()) return commandError(kResultBadArgument);
   // As above: the slash must not lead the flag changes into the folder the link points to.
   const std::string path(withoutTrailingSlashes(givenPath));
   Result<PinnedEntry> entry = resolver.entry(path, LinkHandling::NoFollow);

@@ -2,7 +2,6 @@
 // The three primitives the file object commands are built on: deleting one object even when user
 // flags protect it (never when system flags do), deleting a whole tree after lifting the user
 // immutable flag everywhere in it, and setting or clearing the user immutable flag of one object.
-// Also the result codes those commands share.
 //
 // Links: the single delete reads, unprotects and removes the object itself; the flag setter reads
 // and writes what a link given as its path points to; the tree delete asks whether the path exists
@@ -18,10 +17,13 @@
 // folder holding it) and changes flags through that descriptor, so the object whose flags were
 // read is the object whose flags are written. Walks go from open folder to open folder without
 // following any link; only the length of the path they build is limited (ENAMETOOLONG past 4095
-// bytes), as for any path the daemon names. They are the file manager's walks, with its depth
-// limit and its guard: a folder already open further up is not walked again.
+// bytes), as for any path the daemon names. They are the file manager's walks, with its guard (a
+// folder already open further up is not walked again) and its depth: at most 4,096 open levels
+// (FileManagerEnumerator::kMaximumDepth). The flag walk passes a deeper folder over, as one it
+// cannot read (and reports it where it reports those); the tree delete stops there with ELOOP.
 //
-// Errors: the command error domain for the codes below (with {"FailingPath": path} where noted),
+// Errors: the command error domain for the file commands' codes (protocol/CommandCodes.h: bad
+// argument, flags not changed, system protected, with {"FailingPath": path} where noted),
 // otherwise the POSIX domain with the errno of the failed call and {"FailingPath": path}, the path
 // of the object the failure is about. Nothing is logged and nothing is rolled back.
 //
@@ -34,16 +36,9 @@
 #include "foundation/Result.h"
 #include "platform/FileSystemCalls.h"
 #include "platform/SafePathResolver.h"
+#include "protocol/CommandCodes.h"
 
 namespace krv {
-
-// Result codes of the file object commands in the command error domain.
-inline constexpr std::int64_t kFileCommandBadArgument = 3;       // empty path, bad type code
-inline constexpr std::int64_t kFileCommandBackupIsFolder = 7;    // with FailingPath
-inline constexpr std::int64_t kFileCommandNotWritten = 8;        // with FailingPath
-inline constexpr std::int64_t kFileCommandWhiteout = 9;          // never on Linux
-inline constexpr std::int64_t kFileCommandFlagsNotChanged = 10;  // with FailingPath
-inline constexpr std::int64_t kFileCommandSystemProtected = 11;  // with FailingPath
 
 // What the flag setter does with a symbolic link.
 enum class LinkTargetCheck : std::uint8_t {

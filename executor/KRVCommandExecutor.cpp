@@ -9,6 +9,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <condition_variable>
 #include <cstdlib>
 #include <mutex>
 #include <thread>
@@ -34,6 +35,11 @@ constexpr std::size_t kCommandThreadStackSize = 1024 * 1024;
 std::mutex& executorLock() {
   static std::mutex lock;
   return lock;
+}
+// Signalled, under the executor lock, whenever a thread counts itself out.
+std::condition_variable& executorThreadEnded() {
+  static std::condition_variable ended;
+  return ended;
 }
 std::int64_t runningExecutorThreads = 0;
 // Threads started by startThread that have not yet counted themselves in: counted as running from
@@ -139,7 +145,7 @@ Error commandError(std::int64_t code, Dictionary userInfo) {
   return Error(std::string(kCommandErrorDomain), code, std::move(userInfo));
 }
 
-Error commandSuccess() { return commandError(0); }
+Error commandSuccess() { return commandError(kResultSuccess); }
 
 Error commandErrorWithFailingPath(std::int64_t code, const std::string& path) {
   Dictionary userInfo;
@@ -156,6 +162,13 @@ void KRVCommandExecutor::getVersion(unsigned* major, unsigned* minor, std::strin
 std::int64_t KRVCommandExecutor::numberOfRunningExecutorThreads() {
   std::lock_guard<std::mutex> lock(executorLock());
   return runningExecutorThreads + startingExecutorThreads;
+}
+
+bool KRVCommandExecutor::waitForRunningExecutorThreads(std::int64_t count,
+                                                       std::chrono::milliseconds timeout) {
+  std::unique_lock<std::mutex> lock(executorLock());
+  return executorThreadEnded().wait_for(
+      lock, timeout, [count] { return runningExecutorThreads + startingExecutorThreads <= count; });
 }
 
 KRVCommandExecutor::~KRVCommandExecutor() = default;
@@ -217,6 +230,7 @@ Status KRVCommandExecutor::startThread(std::unique_ptr<KRVCommandExecutor> execu
   {
     std::lock_guard<std::mutex> lock(executorLock());
     --startingExecutorThreads;
+    executorThreadEnded().notify_all();
   }
   work.reset(handedOver);
   KRVCommandExecutor& unstarted = *work->executor;
@@ -240,6 +254,7 @@ class RunningCount {
     std::lock_guard<std::mutex> lock(executorLock());
     if (m_starting) --startingExecutorThreads;
     if (m_running) --runningExecutorThreads;
+    executorThreadEnded().notify_all();
   }
   RunningCount(const RunningCount&) = delete;
   RunningCount& operator=(const RunningCount&) = delete;
@@ -260,7 +275,7 @@ class RunningCount {
 
 }  // namespace
 
-void KRVCommandExecutor::executeCommandInNewThread(
+void KRVCommandExecutor::executeCommandOnCallingThread(
     std::shared_ptr<const KRVPrivilegedCommand> command) {
   runThreadBody(std::move(command), false);
 }

@@ -15,6 +15,7 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -48,6 +49,9 @@ class KRVCommandExecutor final : public TaskDelegate {
   // Stores 3, 1 and "121004" into the targets that are non-null.
   static void getVersion(unsigned* major, unsigned* minor, std::string* build);
   static std::int64_t numberOfRunningExecutorThreads();
+  // Waits until at most `count` command threads run (those starting included), without polling;
+  // false when more still run at the timeout. Any thread may call it.
+  static bool waitForRunningExecutorThreads(std::int64_t count, std::chrono::milliseconds timeout);
 
   KRVCommandExecutor() = default;
   ~KRVCommandExecutor() override;
@@ -65,10 +69,10 @@ class KRVCommandExecutor final : public TaskDelegate {
   // the client never opened it.
   void setExpectedPipeIdentity(dev_t device, ino_t inode) { m_expectedPipe = {device, inode}; }
 
-  // The thread body: counts itself in, opens the pipe, runs the command, gives up the
-  // authorization, writes the final message, counts itself out.
-  void executeCommandInNewThread(std::shared_ptr<const KRVPrivilegedCommand> command);
-  // Detaches a thread that runs executeCommandInNewThread; the thread owns both objects. The
+  // The body of a command thread, run on the calling thread: counts itself in, opens the pipe,
+  // runs the command, gives up the authorization, writes the final message, counts itself out.
+  void executeCommandOnCallingThread(std::shared_ptr<const KRVPrivilegedCommand> command);
+  // Detaches a thread that runs that same body; the thread owns both objects. The
   // thread is counted as running from before it is created, so that a daemon deciding to exit
   // right after this call never ends a command that has not yet counted itself. When no thread
   // can be created (the process is out of threads or memory) the command never runs: the failure

@@ -8,9 +8,9 @@
 #include <cstdlib>
 #include <fstream>
 
-#include "executor/ExecutorTestSupport.h"
 #include "foundation/NameValue.h"
-#include "platform/TestFileTree.h"
+#include "tests/support/ExecutorTestSupport.h"
+#include "tests/support/TestFileTree.h"
 
 namespace krv {
 namespace {
@@ -102,7 +102,7 @@ TEST_F(TaskExecutorTest, SafetyRuleLooksAtTheResolvedProgramAndItsParentOnly) {
   }
   // Refused with the path exactly as given, and nothing is run.
   Error refused = run(m_tree.path("to-unsafe"));
-  EXPECT_TRUE(refused.is(kCommandErrorDomain, 5));
+  EXPECT_TRUE(refused.is(kCommandErrorDomain, kResultUnsafeProgram));
   EXPECT_EQ(test::textOf(refused, "FailingPath"), m_tree.path("to-unsafe"));
 }
 
@@ -151,13 +151,14 @@ TEST_F(TaskExecutorTest, ResultCarriesAllOutputAndTheExitStatus) {
     EXPECT_EQ(test::textOf(result, "OutputChannel"), c.output) << c.body;
     EXPECT_EQ(test::textOf(result, "ErrorChannel"), c.errors) << c.body;
   }
-  EXPECT_TRUE(run("").is(kCommandErrorDomain, 3));
+  EXPECT_TRUE(run("").is(kCommandErrorDomain, kResultBadArgument));
   EXPECT_TRUE(run("").userInfo().empty());
   // A NUL byte in an argument could not reach the program unchanged.
-  EXPECT_TRUE(run(program("q", "true"), {std::string("a\0b", 3)}).is(kCommandErrorDomain, 3));
+  EXPECT_TRUE(run(program("q", "true"), {std::string("a\0b", 3)})
+                  .is(kCommandErrorDomain, kResultBadArgument));
   EXPECT_TRUE(
       m_executor.executeSystemProgramAtPath(program("q", "true"), {Value(Data{'a', 0, 0xFF})})
-          .is(kCommandErrorDomain, 3));
+          .is(kCommandErrorDomain, kResultBadArgument));
 }
 
 TEST_F(TaskExecutorTest, PassesArgumentsUnchangedWithoutAShell) {
@@ -233,18 +234,21 @@ TEST_F(TaskExecutorTest, ALingeringDescendantDoesNotHoldUpTheResult) {
 // Code 45 runs its fixed program, which exists here only inside a private mount namespace, and
 // relays nothing while it runs (the live relay of code 40 is tested end to end).
 TEST_F(TaskExecutorTest, ACommandWithoutTheLiveFlagRelaysNothing) {
-  std::string summary = test::inPrivateMount("/usr/sbin", "tmpfs", [] {
+  test::Facts facts = test::inPrivateMount("/usr/sbin", "tmpfs", [](test::Facts& seen) {
     ::chmod("/usr/sbin", 0755);
     std::ofstream("/usr/sbin/cupsctl") << "#!/bin/sh\nprintf one; printf two >&2\n";
     ::chmod("/usr/sbin/cupsctl", 0755);
     test::ExecutorWithPipe withPipe;
-    CommandResult result = withPipe.run(45, {});
-    return std::to_string(withPipe.messages().size()) + " " +
-           (result ? test::textOf(*result, "OutputChannel") + "/" +
-                         test::textOf(*result, "ErrorChannel")
-                   : "none");
+    CommandResult result = withPipe.run(kCommandExecuteCupsctl, {});
+    seen["messages"] = std::to_string(withPipe.messages().size());
+    if (!result) return;
+    seen["output"] = test::textOf(*result, "OutputChannel");
+    seen["errors"] = test::textOf(*result, "ErrorChannel");
   });
-  EXPECT_EQ(summary, "0 one/two");
+  ASSERT_FALSE(facts.contains("child")) << facts["child"];
+  EXPECT_EQ(facts["messages"], "0");
+  EXPECT_EQ(facts["output"], "one");
+  EXPECT_EQ(facts["errors"], "two");
 }
 
 }  // namespace

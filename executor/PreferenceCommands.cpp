@@ -8,14 +8,11 @@
 #include "foundation/PropertyList.h"
 #include "platform/PreferenceStore.h"
 #include "platform/SystemConfigurationStore.h"
+#include "protocol/CommandCodes.h"
 
 namespace krv {
 
 namespace {
-
-constexpr std::int64_t kBadArgument = 3;
-constexpr std::int64_t kNotAPropertyList = 14;
-constexpr std::int64_t kNotStored = 16;
 
 // The domain constants clients send.
 constexpr std::string_view kGlobalDomain = "NSGlobalDomain";
@@ -33,7 +30,7 @@ Result<std::optional<Value>> valueOfText(const std::string& text) {
   if (!value) {
     Dictionary userInfo;
     userInfo.set(key::kUnderlyingErrorMessage, Value(plist::describeParseError(value.error())));
-    return commandError(kNotAPropertyList, std::move(userInfo));
+    return commandError(kResultNotAPropertyList, std::move(userInfo));
   }
   return std::optional<Value>(std::move(*value));
 }
@@ -51,7 +48,7 @@ Error KRVCommandExecutor::setPreferenceWithKey(const std::string& key,
                                                const std::string& hostDomain,
                                                const std::string& value, uid_t requestingUser) {
   if (key.empty() || applicationDomain.empty() || userDomain.empty() || hostDomain.empty()) {
-    return commandError(kBadArgument);
+    return commandError(kResultBadArgument);
   }
   Result<std::optional<Value>> newValue = valueOfText(value);
   if (!newValue) return std::move(newValue).error();
@@ -59,7 +56,7 @@ Error KRVCommandExecutor::setPreferenceWithKey(const std::string& key,
   const std::string domain = applicationDomain == kGlobalDomain
                                  ? std::string(PreferenceStore::kGlobalDomain)
                                  : applicationDomain;
-  if (!PreferenceStore::isValidName(domain)) return commandError(kBadArgument);
+  if (!PreferenceStore::isValidName(domain)) return commandError(kResultBadArgument);
   const PreferenceStore store(m_settingsHost.root, m_log.get());
 
   std::optional<PreferenceUser> user;
@@ -69,20 +66,20 @@ Error KRVCommandExecutor::setPreferenceWithKey(const std::string& key,
     Result<std::optional<auth::UserAccount>> account = userDomain == kCurrentUser
                                                            ? accounts.accountOf(requestingUser)
                                                            : accounts.accountNamed(userDomain);
-    if (!account || !*account) return commandError(kNotStored);
+    if (!account || !*account) return commandError(kResultNotStored);
     user = PreferenceUser{(*account)->uid, (*account)->gid, (*account)->home};
   }
   std::optional<std::string> host;
   if (hostDomain == kCurrentHost) {
     Result<std::string> name = store.currentHostName();
-    if (!name) return commandError(kNotStored);
+    if (!name) return commandError(kResultNotStored);
     host = std::move(*name);
   } else if (hostDomain != kAnyHost) {
-    if (!PreferenceStore::isValidName(hostDomain)) return commandError(kBadArgument);
+    if (!PreferenceStore::isValidName(hostDomain)) return commandError(kResultBadArgument);
     host = hostDomain;
   }
 
-  if (!store.setValue(key, *newValue, domain, user, host)) return commandError(kNotStored);
+  if (!store.setValue(key, *newValue, domain, user, host)) return commandError(kResultNotStored);
   return commandSuccess();
 }
 
@@ -90,21 +87,21 @@ Error KRVCommandExecutor::setSystemConfigurationForApplicationID(const std::stri
                                                                  const std::string& domain,
                                                                  const std::string& key,
                                                                  const std::string& value) {
-  if (applicationID.empty() || key.empty()) return commandError(kBadArgument);
+  if (applicationID.empty() || key.empty()) return commandError(kResultBadArgument);
   Result<std::optional<Value>> newValue = valueOfText(value);
   if (!newValue) return std::move(newValue).error();
 
   // The application id names the writer only; the store is the domain's.
   Result<SystemConfigurationStore::Session> session =
       SystemConfigurationStore(m_settingsHost.root).open(domain);
-  if (!session) return commandError(kNotStored);
+  if (!session) return commandError(kResultNotStored);
   if (!session->lock()) return Error(std::string(kPosixErrorDomain), EBUSY);
   bool done = *newValue ? session->setValue(key, std::move(**newValue)) : session->removeValue(key);
   // Applied before committed, and committed only once applied.
   done = done && session->applyChanges();
   done = done && session->commitChanges();
   session->unlock();
-  return done ? commandSuccess() : commandError(kNotStored);
+  return done ? commandSuccess() : commandError(kResultNotStored);
 }
 
 }  // namespace krv

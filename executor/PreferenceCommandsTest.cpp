@@ -5,7 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "executor/SettingsTestSupport.h"
+#include "tests/support/SettingsTestSupport.h"
 
 namespace krv {
 namespace {

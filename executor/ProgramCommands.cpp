@@ -5,16 +5,13 @@
 #include <mutex>
 
 #include "executor/KRVCommandExecutor.h"
+#include "protocol/CommandCodes.h"
 #include "foundation/NameValue.h"
 #include "platform/SystemPrograms.h"
 
 namespace krv {
 
 namespace {
-
-constexpr std::int64_t kBadArgument = 3;
-constexpr std::int64_t kUnsafeProgram = 5;
-constexpr std::int64_t kProgramFailed = 6;
 
 // The arguments' bytes, whether they came as text or as bytes; nothing when one holds a NUL byte
 // (it would reach the program cut short) or is no string at all (requests were validated, so only
@@ -35,12 +32,12 @@ std::optional<std::vector<std::string>> programArguments(const Array& arguments)
 Error KRVCommandExecutor::executeSystemProgramAtPath(const std::string& path,
                                                      const Array& arguments,
                                                      bool keepingPathEnvironment) {
-  if (path.empty()) return commandError(kBadArgument);
+  if (path.empty()) return commandError(kResultBadArgument);
   // An argument is passed exactly as the client sent it or not at all.
   std::optional<std::vector<std::string>> programArgumentBytes = programArguments(arguments);
-  if (!programArgumentBytes) return commandError(kBadArgument);
+  if (!programArgumentBytes) return commandError(kResultBadArgument);
   if (!KRVTaskExecutor::hasExecutableSafePermissionsAtPath(path)) {
-    return commandErrorWithFailingPath(kUnsafeProgram, path);
+    return commandErrorWithFailingPath(kResultUnsafeProgram, path);
   }
   if (!keepingPathEnvironment) {
     // For good and for the whole process: later programs run without PATH too, also those whose
@@ -67,13 +64,13 @@ Error KRVCommandExecutor::executeSystemProgramAtPath(const std::string& path,
   userInfo.set(key::kErrorChannel, Value(std::move(m_incomingStdErrData)));
   userInfo.set(key::kUnderlyingErrorCode, Value::integer(*status));
   clearSubCommandOutput();
-  return commandError(*status == 0 ? 0 : kProgramFailed, std::move(userInfo));
+  return commandError(*status == 0 ? kResultSuccess : kResultProgramFailed, std::move(userInfo));
 }
 
 Error KRVCommandExecutor::executeSystemProgramOrCounterpart(const char* constantPath,
                                                             const Array& arguments) {
   std::optional<std::string> program = SystemPrograms(m_settingsHost.root).programFor(constantPath);
-  if (!program) return commandErrorWithFailingPath(kUnsafeProgram, constantPath);
+  if (!program) return commandErrorWithFailingPath(kResultUnsafeProgram, constantPath);
   return executeSystemProgramAtPath(*program, arguments);
 }
 

@@ -9,7 +9,10 @@
 // more than a spool may hold ends with the spool's POSIX error, logged, and sends no records), the
 // multi-pattern search holds the records of at most 100 objects, the measurements hold a number.
 // Every walk is guarded against folders that reappear below themselves (filesystem/WalkGuard.h),
-// so each ends on any tree. The searches stop without a result once the client is gone: at a
+// so each ends on any tree. Depth: the age and multi-pattern searches and the count walk with the
+// KRVDirectoryEnumerator (500 open levels; deeper folders are returned, not entered); the storage
+// size with the file manager's enumerator (4,096 levels; deeper folders add only themselves); the
+// prefix search lists one folder. The searches stop without a result once the client is gone: at a
 // failed send, and, in walks that send nothing for a long time, when the response pipe shows that
 // nobody reads it any more. The count alone never stops for that: only its abort marker stops it.
 
@@ -26,8 +29,8 @@
 #include "executor/FolderBatches.h"
 #include "executor/KRVCommandExecutor.h"
 #include "executor/ObjectRecords.h"
+#include "filesystem/DirectoryReader.h"
 #include "filesystem/FileManager.h"
-#include "filesystem/FolderReader.h"
 #include "filesystem/KRVDirectoryEnumerator.h"
 #include "filesystem/PathNames.h"
 #include "foundation/Format.h"
@@ -40,7 +43,6 @@ namespace krv {
 
 namespace {
 
-constexpr std::int64_t kSearchBadArgument = 3;
 constexpr std::size_t kPayloadGranularity = 100;
 constexpr double kSearchStartProgress = 0.05;
 constexpr double kPatternSearchStartProgress = 0.01;
@@ -56,7 +58,7 @@ constexpr std::uint64_t kOtherThere = 2;
 // The start shared by the searches and the storage size: a non-empty base path that, with its
 // symbolic links resolved, names a folder. `resolved` receives that path.
 std::optional<Error> resolveSearchBase(const std::string& path, std::string& resolved) {
-  if (path.empty()) return commandError(kSearchBadArgument);
+  if (path.empty()) return commandError(kResultBadArgument);
   resolved = FileManager::resolvingSymlinksInPath(path);
   bool isDirectory = false;
   if (!FileManager::fileExists(resolved, isDirectory)) return Error::posix(ENOENT);
@@ -188,7 +190,7 @@ Error refusedSearch(KRVCommandExecutor& executor, const char* search,
 Error successWithSize(std::uint64_t size) {
   Dictionary userInfo;
   userInfo.set(key::kSize, Value::unsignedInteger(size));
-  return commandError(0, std::move(userInfo));
+  return commandError(kResultSuccess, std::move(userInfo));
 }
 
 }  // namespace
@@ -230,7 +232,7 @@ CommandResult KRVCommandExecutor::searchForFileSystemObjectsOlderThanDays(const 
 }
 
 Error KRVCommandExecutor::inspectFileSystemObjectAtPath(const std::string& path) {
-  if (path.empty()) return commandError(kSearchBadArgument);
+  if (path.empty()) return commandError(kResultBadArgument);
   bool isDirectory = false;
   std::uint64_t existence = kNothingThere;
   if (FileManager::fileExists(FileManager::resolvingSymlinksInPath(path), isDirectory)) {
@@ -238,7 +240,7 @@ Error KRVCommandExecutor::inspectFileSystemObjectAtPath(const std::string& path)
   }
   Dictionary userInfo;
   userInfo.set(key::kExistenceInfo, Value::unsignedInteger(existence));
-  return commandError(0, std::move(userInfo));
+  return commandError(kResultSuccess, std::move(userInfo));
 }
 
 CommandResult KRVCommandExecutor::searchForFileSystemObjectsWithPrefix(const std::string& path,
@@ -252,11 +254,9 @@ CommandResult KRVCommandExecutor::searchForFileSystemObjectsWithPrefix(const std
   // The folder is read as the file manager lists it, one batch at a time, so that a folder of
   // millions of names needs no list of them; a listing that fails lists nothing.
   ObjectRecordSpool found;
-  Result<UniqueFd> folder = sys::open(base, O_RDONLY | O_DIRECTORY | O_NOCTTY | O_NONBLOCK);
-  if (folder) {
-    FolderReader reader(std::move(*folder), FolderReader::kLargeBuffer);
+  if (Result<DirectoryReader> reader = DirectoryReader::listing(base)) {
     std::uint64_t seen = 0;
-    while (std::optional<FolderReader::Entry> entry = reader.next()) {
+    while (std::optional<DirectoryReader::Entry> entry = reader->next()) {
       if (++seen % kClientCheckInterval == 0 && isClientGone()) return std::nullopt;
       if (!hasPrefix(entry->name, prefix)) continue;
       if (!extension.empty() && nameExtension(entry->name) != std::string_view(extension)) {
@@ -269,7 +269,7 @@ CommandResult KRVCommandExecutor::searchForFileSystemObjectsWithPrefix(const std
         if (!found.append(*record)) return refusedSearch(*this, "Prefix search", found);
       }
     }
-    if (reader.error()) found.clear();
+    if (reader->readError()) found.clear();
   }
   if (!found.sendPayload(*this, key::kFileSystemObjects, kPayloadGranularity,
                          kSearchStartProgress)) {
@@ -317,7 +317,7 @@ CommandResult KRVCommandExecutor::searchForFileSystemObjectsWithNamePatterns(
   std::string base;
   if (std::optional<Error> refused = resolveSearchBase(path, base)) return refused;
   std::optional<std::vector<NamePattern>> table = namePatterns(patterns);
-  if (!table) return commandError(kSearchBadArgument);
+  if (!table) return commandError(kResultBadArgument);
   if (!sendProgressMessageToClient(kPatternSearchStartProgress)) return std::nullopt;
 
   // The counting pass gives the total that the progress of the matching pass is measured by.

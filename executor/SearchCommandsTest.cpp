@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "executor/ExecutorTestSupport.h"
+#include "tests/support/ExecutorTestSupport.h"
 
 namespace krv {
 namespace {
@@ -63,11 +63,12 @@ class SearchCommandsTest : public test::FileCommandTest {
     return size != nullptr ? size->asNumber()->unsignedIntegerValue() : ~0ULL;
   }
   CommandResult ageSearch(std::uint64_t days) {
-    return run(14, {text(m_base), number(static_cast<std::int64_t>(days)), number(0)});
+    return run(kCommandSearchAgedFiles,
+               {text(m_base), number(static_cast<std::int64_t>(days)), number(0)});
   }
   CommandResult patternSearch(const std::string& base, Array patterns) {
     patterns.insert(patterns.begin(), {text(base), text("0")});
-    return run(46, std::move(patterns));
+    return run(kCommandSearchNamePatterns, std::move(patterns));
   }
 
   std::string m_base;
@@ -83,7 +84,7 @@ TEST_F(SearchCommandsTest, EveryWalkRefusesABaseThatIsNoFolderBeforeSendingAnyth
     int countCode;  // the count does not resolve links
   };
   const Case cases[] = {
-      {"", kCommandErrorDomain, 3, EINVAL},
+      {"", kCommandErrorDomain, kResultBadArgument, EINVAL},
       {path("missing"), kPosixErrorDomain, ENOENT, ENOTDIR},
       {path("dangling"), kPosixErrorDomain, ENOENT, ENOTDIR},
       {path("file"), kPosixErrorDomain, ENOTDIR, ENOTDIR},
@@ -91,14 +92,17 @@ TEST_F(SearchCommandsTest, EveryWalkRefusesABaseThatIsNoFolderBeforeSendingAnyth
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.path);
-    expectResult(run(14, {text(c.path), number(0), number(0)}), c.domain, c.code);
-    expectResult(run(16, {text(c.path), text("a"), text(""), number(0)}), c.domain, c.code);
-    expectResult(run(17, {text(c.path)}), c.domain, c.code);
+    expectResult(run(kCommandSearchAgedFiles, {text(c.path), number(0), number(0)}), c.domain,
+                 c.code);
+    expectResult(run(kCommandSearchFilenamePattern, {text(c.path), text("a"), text(""), number(0)}),
+                 c.domain, c.code);
+    expectResult(run(kCommandGetStorageSize, {text(c.path)}), c.domain, c.code);
     expectResult(patternSearch(c.path, {text("0"), text("x")}), c.domain, c.code);
-    expectResult(run(51, {text(c.path), text(path("marker"))}), kPosixErrorDomain, c.countCode);
+    expectResult(run(kCommandCountFileObjects, {text(c.path), text(path("marker"))}),
+                 kPosixErrorDomain, c.countCode);
     EXPECT_TRUE(reports().empty());
   }
-  expectResult(run(51, {text(m_base), text("")}), kPosixErrorDomain, EINVAL);
+  expectResult(run(kCommandCountFileObjects, {text(m_base), text("")}), kPosixErrorDomain, EINVAL);
 }
 
 TEST_F(SearchCommandsTest, AgeSearchJudgesLinksByWhatTheyNameAndDescribesTheObjectItself) {
@@ -117,11 +121,11 @@ TEST_F(SearchCommandsTest, AgeSearchJudgesLinksByWhatTheyNameAndDescribesTheObje
       {11, {}},
   };
   for (const auto& [days, paths] : cases) {
-    expectResult(ageSearch(days), kCommandErrorDomain, 0);
+    expectResult(ageSearch(days), kCommandErrorDomain, kResultSuccess);
     EXPECT_EQ(found(m_base), paths) << "days " << days;
   }
 
-  expectResult(ageSearch(7), kCommandErrorDomain, 0);
+  expectResult(ageSearch(7), kCommandErrorDomain, kResultSuccess);
   EXPECT_EQ(reports(), (Reports{{0.05, -1}, {0.05, 2}}));
   for (const Dictionary& record : m_records) {
     std::vector<std::string> keys;
@@ -151,12 +155,14 @@ TEST_F(SearchCommandsTest, EverySearchJoinsARelativeBaseAndItsObjectsWithASepara
     return result;
   };
   using Paths = std::vector<std::string>;
-  expectResult(run(14, {text("."), number(0), number(0)}), kCommandErrorDomain, 0);
+  expectResult(run(kCommandSearchAgedFiles, {text("."), number(0), number(0)}), kCommandErrorDomain,
+               kResultSuccess);
   EXPECT_EQ(paths(), (Paths{"./sub", "./sub/file"}));
   expectResult(patternSearch(".", {text("1"), text("s"), text("0"), text("file")}),
-               kCommandErrorDomain, 0);
+               kCommandErrorDomain, kResultSuccess);
   EXPECT_EQ(paths(), (Paths{"./sub", "./sub/file"}));
-  expectResult(run(16, {text("."), text("s"), text(""), number(1)}), kCommandErrorDomain, 0);
+  expectResult(run(kCommandSearchFilenamePattern, {text("."), text("s"), text(""), number(1)}),
+               kCommandErrorDomain, kResultSuccess);
   EXPECT_EQ(paths(), (Paths{"./sub"}));
   ASSERT_EQ(::fchdir(savedDirectory.get()), 0);
 }
@@ -184,13 +190,14 @@ TEST_F(SearchCommandsTest, PrefixSearchMatchesNameExtensionAndKindOnOneLevel) {
   };
   // The base is given through a link: the records carry the resolved path.
   for (const Case& c : cases) {
-    expectResult(
-        run(16, {text(path("alias")), text(c.prefix), text(c.extension), number(c.folders)}),
-        kCommandErrorDomain, 0);
+    expectResult(run(kCommandSearchFilenamePattern,
+                     {text(path("alias")), text(c.prefix), text(c.extension), number(c.folders)}),
+                 kCommandErrorDomain, kResultSuccess);
     EXPECT_EQ(found(path("data")), c.found) << c.prefix << " " << c.extension;
   }
 
-  expectSuccess(16, {text(path("data")), text("reportl"), text(""), number(1)});
+  expectSuccess(kCommandSearchFilenamePattern,
+                {text(path("data")), text("reportl"), text(""), number(1)});
   EXPECT_EQ(reports(), (Reports{{0.05, -1}, {0.05, 1}}));
   // Chosen as a folder (the link is followed), described as the link it is.
   EXPECT_EQ(*m_records.at(0).find("Type")->asString(), "NSFileTypeSymbolicLink");
@@ -212,7 +219,7 @@ TEST_F(SearchCommandsTest, PatternSearchRefusesMalformedPatternLists) {
   for (const Array& patterns : malformed) {
     CommandResult result =
         m_client.executor().searchForFileSystemObjectsWithNamePatterns(m_base, false, patterns);
-    expectResult(result, kCommandErrorDomain, 3);
+    expectResult(result, kCommandErrorDomain, kResultBadArgument);
   }
   EXPECT_TRUE(reports().empty());
 
@@ -234,7 +241,7 @@ TEST_F(SearchCommandsTest, PatternSearchTakesTheFirstMatchingPairOncePerObject) 
       {{text("2"), text("LOG")}, {"x.LOG"}},
   };
   for (const auto& [patterns, paths] : cases) {
-    expectResult(patternSearch(m_base, patterns), kCommandErrorDomain, 0);
+    expectResult(patternSearch(m_base, patterns), kCommandErrorDomain, kResultSuccess);
     EXPECT_EQ(found(m_base), paths) << Value(patterns).description();
   }
 }
@@ -243,7 +250,7 @@ TEST_F(SearchCommandsTest, PatternSearchSendsEveryHundredObjectsWithTheShareDone
   for (int i = 0; i < 250; ++i) m_tree.makeFile("base/f" + std::to_string(i));
   m_tree.makeFile("base/other");
   // 251 objects, of which 250 match: a chunk goes out every 100 objects walked.
-  expectResult(patternSearch(m_base, {text("1"), text("f")}), kCommandErrorDomain, 0);
+  expectResult(patternSearch(m_base, {text("1"), text("f")}), kCommandErrorDomain, kResultSuccess);
   std::vector<double> progress;
   for (const auto& report : reports()) progress.push_back(report.first);
   EXPECT_EQ(progress, (std::vector<double>{0.01, 100.0 / 251.0, 200.0 / 251.0, 1.0}));
@@ -257,17 +264,17 @@ TEST_F(SearchCommandsTest, InspectAnswersWhatIsThereAfterFollowingLinks) {
       {"dangling", 0}, {"missing", 0},        {"missing/deeper", 0},
   };
   for (const auto& [name, expected] : cases) {
-    CommandResult result = run(15, {text(path(name))});
-    expectResult(result, kCommandErrorDomain, 0);
+    CommandResult result = run(kCommandInspectFileObject, {text(path(name))});
+    expectResult(result, kCommandErrorDomain, kResultSuccess);
     const Number* existence = result->userInfo().find("ExistenceInfo")->asNumber();
     EXPECT_EQ(existence->unsignedIntegerValue(), expected) << name;
     EXPECT_FALSE(existence->isNegative());
   }
-  expectResult(run(15, {text("")}), kCommandErrorDomain, 3);
+  expectResult(run(kCommandInspectFileObject, {text("")}), kCommandErrorDomain, kResultBadArgument);
 }
 
 TEST_F(SearchCommandsTest, StorageSizeAddsLogicalLengthsOfEveryLinkAndName) {
-  EXPECT_EQ(sizeOf(run(17, {text(m_base)})), 0u);
+  EXPECT_EQ(sizeOf(run(kCommandGetStorageSize, {text(m_base)})), 0u);
 
   m_tree.makeFile("base/a", std::string(1000, 'a'));
   ASSERT_EQ(::link(path("base/a").c_str(), path("base/hard").c_str()), 0);
@@ -278,8 +285,8 @@ TEST_F(SearchCommandsTest, StorageSizeAddsLogicalLengthsOfEveryLinkAndName) {
   struct stat folder {};
   ASSERT_EQ(::lstat(path("base/sub").c_str(), &folder), 0);
 
-  CommandResult result = run(17, {text(m_base)});
-  expectResult(result, kCommandErrorDomain, 0);
+  CommandResult result = run(kCommandGetStorageSize, {text(m_base)});
+  expectResult(result, kCommandErrorDomain, kResultSuccess);
   EXPECT_EQ(sizeOf(result),
             1000u + 1000u + 1u + 5u + (1u << 30) + static_cast<std::uint64_t>(folder.st_size));
   EXPECT_TRUE(reports().empty());
@@ -289,41 +296,45 @@ TEST_F(SearchCommandsTest, SearchesStopWhenTheClientIsGoneButTheCountGoesOn) {
   for (int i = 0; i < 600; ++i) m_tree.makeFile("base/f" + std::to_string(i));
   m_client.closeReader();
   EXPECT_FALSE(ageSearch(0));
-  EXPECT_FALSE(run(16, {text(m_base), text("f"), text(""), number(0)}));
+  EXPECT_FALSE(run(kCommandSearchFilenamePattern, {text(m_base), text("f"), text(""), number(0)}));
   EXPECT_FALSE(patternSearch(m_base, {text("1"), text("f")}));
-  EXPECT_EQ(sizeOf(run(51, {text(m_base), text(path("marker"))})), 601u);
+  EXPECT_EQ(sizeOf(run(kCommandCountFileObjects, {text(m_base), text(path("marker"))})), 601u);
 }
 
 // With the spill folders nearly full, the records of a large result have nowhere to go: the
 // search ends with ENOSPC after its first progress report and sends no records at all.
 TEST_F(SearchCommandsTest, SearchesWhoseRecordsFindNoRoomEndWithoutAnyRecord) {
-  const std::string answer = test::inPrivateMount("/var/tmp", "tmpfs", [] {
+  test::Facts facts = test::inPrivateMount("/var/tmp", "tmpfs", [](test::Facts& seen) {
     if (::mount("tmpfs", "/var/tmp", "tmpfs", 0, "size=4m") != 0 ||
         ::mount("tmpfs", "/tmp", "tmpfs", 0, "size=8m") != 0 || ::mkdir("/tmp/base", 0755) != 0) {
-      return std::string("child: mount");
+      seen["child"] = "mount";
+      return;
     }
     // More than the spool keeps in memory: about 1.5 MiB of records.
     const std::string prefix = "/tmp/base/" + std::string(100, 'f');
     for (int i = 0; i < 12000; ++i) {
-      if (::close(::creat((prefix + std::to_string(i)).c_str(), 0644)) != 0) return std::string();
+      if (::close(::creat((prefix + std::to_string(i)).c_str(), 0644)) != 0) return;
     }
-    std::string outcome;
-    for (std::uint32_t code : {14u, 16u}) {
+    for (const std::string search : {"age search", "prefix search"}) {
       test::ExecutorWithPipe client;
       const CommandResult result =
-          code == 14 ? client.run(14, {text("/tmp/base"), number(0), number(0)})
-                     : client.run(16, {text("/tmp/base"), text("f"), text(""), number(0)});
-      outcome += result ? result->domain() + " " + std::to_string(result->code()) : "none";
+          search == "age search"
+              ? client.run(kCommandSearchAgedFiles, {text("/tmp/base"), number(0), number(0)})
+              : client.run(kCommandSearchFilenamePattern,
+                           {text("/tmp/base"), text("f"), text(""), number(0)});
+      seen[search] = result ? result->domain() + " " + std::to_string(result->code()) : "none";
       for (const Error& message : client.messages()) {
-        outcome += message.userInfo().find("FileSystemObjects") ? " records" : " progress";
+        seen[search + " messages"] +=
+            message.userInfo().find("FileSystemObjects") ? "records " : "progress ";
       }
-      outcome += "; ";
     }
-    return outcome;
   });
-  if (answer.starts_with("child:")) GTEST_SKIP() << answer;
+  if (facts.contains("child")) GTEST_SKIP() << facts["child"];
   const std::string refused = std::string(kPosixErrorDomain) + " " + std::to_string(ENOSPC);
-  EXPECT_EQ(answer, refused + " progress; " + refused + " progress; ");
+  EXPECT_EQ(facts["age search"], refused);
+  EXPECT_EQ(facts["age search messages"], "progress ");
+  EXPECT_EQ(facts["prefix search"], refused);
+  EXPECT_EQ(facts["prefix search messages"], "progress ");
 }
 
 }  // namespace

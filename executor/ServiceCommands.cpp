@@ -13,15 +13,11 @@
 #include "platform/SafePathResolver.h"
 #include "platform/SettingValues.h"
 #include "platform/SystemPrograms.h"
+#include "protocol/CommandCodes.h"
 
 namespace krv {
 
 namespace {
-
-constexpr std::int64_t kBadArgument = 3;
-constexpr std::int64_t kUnsafeProgram = 5;
-constexpr std::int64_t kNoProcessInRunFile = 18;
-constexpr std::int64_t kSignalNotSent = 19;
 
 constexpr const char* kNFSServerRunFile = "/var/run/nfsd.pid";
 constexpr const char* kStartupSoundMarker = "/tmp/.KnobwerkStartupSound.txt";
@@ -64,15 +60,15 @@ Error signalProcessOfRunFile(const std::string& path, int signal, SystemLog* log
   // Only the low 32 bits of the number are a process id.
   const auto processIdentifier =
       static_cast<pid_t>(static_cast<std::uint32_t>(runFile ? runFile->number : 0));
-  if (processIdentifier == 0) return commandError(kNoProcessInRunFile);
-  if (processIdentifier < 1) return commandError(kSignalNotSent);
+  if (processIdentifier == 0) return commandError(kResultNoProcessInRunFile);
+  if (processIdentifier < 1) return commandError(kResultSignalNotSent);
   Result<UniqueFd> process = sys::pidfdOpen(processIdentifier);
-  if (!process) return commandError(kSignalNotSent);
+  if (!process) return commandError(kResultSignalNotSent);
   if (runFile->owner != 0) {
     Result<struct stat> status = sys::stat("/proc/" + std::to_string(processIdentifier));
-    if (!status || status->st_uid != runFile->owner) return commandError(kSignalNotSent);
+    if (!status || status->st_uid != runFile->owner) return commandError(kResultSignalNotSent);
   }
-  if (!sys::pidfdSendSignal(process->get(), signal)) return commandError(kSignalNotSent);
+  if (!sys::pidfdSendSignal(process->get(), signal)) return commandError(kResultSignalNotSent);
   return commandSuccess();
 }
 
@@ -92,14 +88,15 @@ std::int64_t KRVCommandExecutor::processIdentifierForRunFileAtPath(const std::st
 Error KRVCommandExecutor::refreshAutomounts() {
   std::optional<ProgramInvocation> program =
       SystemPrograms(m_settingsHost.root).automounterRefresh();
-  if (!program) return commandErrorWithFailingPath(kUnsafeProgram, SystemPrograms::kAutomounter);
+  if (!program)
+    return commandErrorWithFailingPath(kResultUnsafeProgram, SystemPrograms::kAutomounter);
   return executeSystemProgramAtPath(program->path, argumentArray(program->arguments));
 }
 
 Error KRVCommandExecutor::flushLookupCache() {
   std::optional<ProgramInvocation> program = SystemPrograms(m_settingsHost.root).lookupCacheFlush();
   if (!program) {
-    return commandErrorWithFailingPath(kUnsafeProgram, SystemPrograms::kLookupCacheTool);
+    return commandErrorWithFailingPath(kResultUnsafeProgram, SystemPrograms::kLookupCacheTool);
   }
   return executeSystemProgramAtPath(program->path, argumentArray(program->arguments));
 }
@@ -114,8 +111,9 @@ Error KRVCommandExecutor::shutdownKWSAudioControlTool() {
 }
 
 Error KRVCommandExecutor::terminateProcessWithID(std::int32_t processIdentifier) {
-  if (processIdentifier < 1) return commandError(kBadArgument);
-  return sendSignal(SIGTERM, processIdentifier) ? commandSuccess() : commandError(kSignalNotSent);
+  if (processIdentifier < 1) return commandError(kResultBadArgument);
+  return sendSignal(SIGTERM, processIdentifier) ? commandSuccess()
+                                                : commandError(kResultSignalNotSent);
 }
 
 }  // namespace krv

@@ -6,7 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "executor/SettingsTestSupport.h"
+#include "tests/support/SettingsTestSupport.h"
 
 namespace krv {
 namespace {

@@ -12,14 +12,11 @@
 #include "platform/NetworkInterfaces.h"
 #include "platform/PowerManagement.h"
 #include "platform/SettingValues.h"
+#include "protocol/CommandCodes.h"
 
 namespace krv {
 
 namespace {
-
-constexpr std::int64_t kBadArgument = 3;
-constexpr std::int64_t kPowerManagementFailed = 12;
-constexpr std::int64_t kFirmwareVariableFailed = 13;
 
 Error posixResult(const Error& failure) {
   return Error(std::string(kPosixErrorDomain), failure.isPosix() ? failure.code() : EIO);
@@ -65,7 +62,7 @@ bool KRVCommandExecutor::setPowerManagementValue(const std::optional<Value>& val
 
 Error KRVCommandExecutor::setPowerManagementOptionNamed(const std::string& key,
                                                         std::int64_t value) {
-  if (key.empty()) return commandError(kBadArgument);
+  if (key.empty()) return commandError(kResultBadArgument);
   const PowerManagement power(m_settingsHost.root);
   std::optional<Dictionary> profiles = power.copyActivePowerProfiles();
   std::optional<Dictionary> preferences = power.copyPreferences();
@@ -77,12 +74,12 @@ Error KRVCommandExecutor::setPowerManagementOptionNamed(const std::string& key,
                                std::string(PowerManagement::kBatteryPower), profilesCopy) ||
       !setPowerManagementValue(number, key, preferencesCopy, std::string(PowerManagement::kACPower),
                                profilesCopy)) {
-    return commandError(kPowerManagementFailed);
+    return commandError(kResultPowerManagementFailed);
   }
   const int stored = power.setPreferences(*preferences);
   Dictionary userInfo;
   userInfo.set(key::kUnderlyingErrorCode, Value::integer(stored));
-  return commandError(stored != 0 ? kPowerManagementFailed : 0, std::move(userInfo));
+  return commandError(stored != 0 ? kResultPowerManagementFailed : kResultSuccess, std::move(userInfo));
 }
 
 Error KRVCommandExecutor::setDiskSpindownTime(std::uint64_t minutes) {
@@ -92,23 +89,24 @@ Error KRVCommandExecutor::setDiskSpindownTime(std::uint64_t minutes) {
       power.providingPowerSourceType().value_or(std::string(PowerManagement::kACPower));
   std::optional<Dictionary> profiles = power.copyActivePowerProfiles();
   std::optional<Dictionary> preferences = power.copyPreferences();
-  if (!profiles || !preferences) return commandError(kPowerManagementFailed);
+  if (!profiles || !preferences) return commandError(kResultPowerManagementFailed);
   profiles->set(source, Value::integer(PowerManagement::kCustomProfile));
-  if (power.setActivePowerProfiles(*profiles) != 0) return commandError(kPowerManagementFailed);
+  if (power.setActivePowerProfiles(*profiles) != 0)
+    return commandError(kResultPowerManagementFailed);
 
   const Value* settings = preferences->find(source);
   if (settings == nullptr || settings->asDictionary() == nullptr) {
-    return commandError(kPowerManagementFailed);
+    return commandError(kResultPowerManagementFailed);
   }
   Dictionary changed = *settings->asDictionary();
   changed.set(PowerManagement::kDiskSleepTimer, Value::unsignedInteger(minutes));
   preferences->set(source, Value(std::move(changed)));
-  if (power.setPreferences(*preferences) != 0) return commandError(kPowerManagementFailed);
+  if (power.setPreferences(*preferences) != 0) return commandError(kResultPowerManagementFailed);
   return commandSuccess();
 }
 
 Error KRVCommandExecutor::setKernelSettingNamed(const std::string& name, std::int64_t value) {
-  if (name.empty()) return commandError(kBadArgument);
+  if (name.empty()) return commandError(kResultBadArgument);
   Status set = KernelValues(m_settingsHost.root).set(name, value);
   if (!set) return posixResult(set.error());
   return commandSuccess();
@@ -116,14 +114,14 @@ Error KRVCommandExecutor::setKernelSettingNamed(const std::string& name, std::in
 
 Error KRVCommandExecutor::setNVRAMVariableNamed(const std::string& name, const std::string& value) {
   // The wire has no "no value": an empty text stands for it.
-  if (name.empty() || value.empty()) return commandError(kBadArgument);
+  if (name.empty() || value.empty()) return commandError(kResultBadArgument);
   const FirmwareVariables variables(m_settingsHost.root);
   // No firmware variables on this machine: nothing is done, as where the platform has no
   // options entry.
   if (!variables.isAvailable()) return commandSuccess();
 
   Result<std::optional<SettingValueType>> existing = variables.typeOfVariable(name);
-  if (!existing) return commandError(kFirmwareVariableFailed);
+  if (!existing) return commandError(kResultFirmwareVariableFailed);
   std::optional<Value> converted;
   if (*existing) {
     converted = convertSettingValue(**existing, value);
@@ -136,16 +134,16 @@ Error KRVCommandExecutor::setNVRAMVariableNamed(const std::string& name, const s
       if (converted) break;
     }
   }
-  if (!converted) return commandError(kBadArgument);
+  if (!converted) return commandError(kResultBadArgument);
   // A variable cannot hold nothing (the kernel would take an empty write as its deletion).
   Result<std::pair<Data, SettingValueType>> encoded = FirmwareVariables::encode(*converted);
-  if (!encoded || encoded->first.empty()) return commandError(kBadArgument);
-  if (!variables.setVariable(name, *converted)) return commandError(kFirmwareVariableFailed);
+  if (!encoded || encoded->first.empty()) return commandError(kResultBadArgument);
+  if (!variables.setVariable(name, *converted)) return commandError(kResultFirmwareVariableFailed);
   return commandSuccess();
 }
 
 Error KRVCommandExecutor::setNetworkInterface(const std::string& name, std::int32_t mtu) {
-  if (name.empty() || mtu == 0) return commandError(kBadArgument);
+  if (name.empty() || mtu == 0) return commandError(kResultBadArgument);
   Result<UniqueFd> socket = openInterfaceRequestSocket();
   // Without a socket no request is made, and the answer is success all the same: that lapse is
   // part of the command's behaviour, kept for the clients that rely on it.

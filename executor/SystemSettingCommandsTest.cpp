@@ -6,7 +6,7 @@
 
 #include <climits>
 
-#include "executor/SettingsTestSupport.h"
+#include "tests/support/SettingsTestSupport.h"
 #include "foundation/Sha256.h"
 #include "platform/FirmwareVariables.h"
 

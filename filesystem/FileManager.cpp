@@ -6,15 +6,15 @@
 
 #include <cerrno>
 
+#include "filesystem/DirectoryReader.h"
 #include "filesystem/FileTrees.h"
-#include "filesystem/FolderReader.h"
 #include "filesystem/PathNames.h"
 #include "foundation/NameValue.h"
 #include "foundation/System.h"
+#include "foundation/UserInformationKeys.h"
 #include "platform/FileFlags.h"
 #include "platform/FileSystemCalls.h"
 #include "platform/SafePathResolver.h"
-#include "protocol/CommandTable.h"
 
 namespace krv {
 namespace {
@@ -186,9 +186,10 @@ bool FileManager::fileExists(const std::string& path) {
 
 bool FileManager::fileExists(const std::string& path, bool& isDirectory) {
   isDirectory = false;
-  struct stat status {};
-  if (hasNul(path) || ::stat(path.c_str(), &status) != 0) return false;
-  isDirectory = S_ISDIR(status.st_mode);
+  if (hasNul(path)) return false;
+  Result<struct stat> status = sys::stat(path);
+  if (!status) return false;
+  isDirectory = S_ISDIR(status->st_mode);
   return true;
 }
 
@@ -346,12 +347,13 @@ Status FileManager::linkItem(const PinnedEntry& existing, const std::string& exi
 
 Result<std::vector<std::string>> FileManager::contentsOfDirectory(const std::string& path) {
   if (hasNul(path)) return error(EINVAL, path);
-  Result<UniqueFd> folder = sys::open(path, O_RDONLY | O_DIRECTORY | O_NOCTTY | O_NONBLOCK);
-  if (!folder) return error(folder.error(), path);
-  FolderReader reader(std::move(*folder), FolderReader::kLargeBuffer);
+  Result<DirectoryReader> reader = DirectoryReader::listing(path);
+  if (!reader) return error(reader.error(), path);
   std::vector<std::string> names;
-  while (std::optional<FolderReader::Entry> entry = reader.next()) names.emplace_back(entry->name);
-  if (reader.error()) return error(*reader.error(), path);
+  while (std::optional<DirectoryReader::Entry> entry = reader->next()) {
+    names.emplace_back(entry->name);
+  }
+  if (std::optional<Error> failure = reader->readError()) return error(*failure, path);
   return names;
 }
 

@@ -18,9 +18,11 @@ Result<FileManagerEnumerator> FileManagerEnumerator::open(const std::string& pat
   if (path.find('\0') != std::string::npos) return FileManager::error(EINVAL, path);
   Result<UniqueFd> folder = sys::open(path, kFolderOpenFlags);
   if (!folder) return FileManager::error(folder.error(), path);
-  FileManagerEnumerator enumerator;
+  KRV_TRY(DirectoryReader reader, DirectoryReader::create(kMaximumDepth));
+  FileManagerEnumerator enumerator(std::move(reader));
   enumerator.m_guard.beginAt(folder->get());
-  enumerator.m_levels.push_back(Level{FolderReader(std::move(*folder)), 0});
+  enumerator.m_reader.push(std::move(*folder));
+  enumerator.m_prefixLengths.push_back(0);
   return enumerator;
 }
 
@@ -31,34 +33,35 @@ std::optional<std::string> FileManagerEnumerator::nextObject() {
 }
 
 std::string_view FileManagerEnumerator::currentName() const {
-  if (m_levels.empty() || m_nameStart > m_path.size()) return {};
+  if (m_reader.depth() == 0 || m_nameStart > m_path.size()) return {};
   return std::string_view(m_path).substr(m_nameStart);
 }
 
 int FileManagerEnumerator::currentDirectoryFd() const {
-  return m_levels.empty() ? -1 : m_levels.back().reader.fd();
+  return m_reader.depth() == 0 ? -1 : m_reader.fd(m_reader.depth() - 1);
 }
 
 std::optional<std::string_view> FileManagerEnumerator::nextRelativePath() {
   if (m_descendPending) descend();
-  while (!m_levels.empty()) {
-    Level& level = m_levels.back();
-    std::optional<FolderReader::Entry> entry = level.reader.next();
+  while (m_reader.depth() != 0) {
+    const std::size_t prefixLength = m_prefixLengths.back();
+    std::optional<DirectoryReader::Entry> entry = m_reader.next();
     if (!entry) {
-      if (level.reader.error()) {
-        m_path.resize(level.prefixLength > 0 ? level.prefixLength - 1 : 0);
-        noteError(*level.reader.error());
+      if (std::optional<Error> failure = m_reader.readError()) {
+        m_path.resize(prefixLength > 0 ? prefixLength - 1 : 0);
+        noteError(*failure);
       }
-      m_levels.pop_back();
+      m_reader.pop();
+      m_prefixLengths.pop_back();
       continue;
     }
-    m_path.resize(level.prefixLength);
+    m_path.resize(prefixLength);
     m_nameStart = m_path.size();
     m_path.append(entry->name);
     bool isDirectory = entry->type == DT_DIR;
     if (entry->type == DT_UNKNOWN) {
-      Result<struct stat> status =
-          sys::statAt(level.reader.fd(), m_path.c_str() + m_nameStart, AT_SYMLINK_NOFOLLOW);
+      Result<struct stat> status = sys::statAt(m_reader.fd(m_reader.depth() - 1),
+                                               m_path.c_str() + m_nameStart, AT_SYMLINK_NOFOLLOW);
       isDirectory = status && S_ISDIR(status->st_mode);
     }
     m_lastIsDirectory = isDirectory;
@@ -71,20 +74,21 @@ std::optional<std::string_view> FileManagerEnumerator::nextRelativePath() {
 
 void FileManagerEnumerator::descend() {
   m_descendPending = false;
-  if (m_levels.empty()) return;
+  const std::size_t depth = m_reader.depth();
+  if (depth == 0) return;
   // O_NOFOLLOW: a folder replaced by a link since it was listed is not entered. The guard keeps
   // out a folder already open further up (one mounted into its own subtree) and, since each open
-  // level costs a descriptor and a buffer, one deeper than kMaximumDepth: a tree built deeper than
-  // any real one is reported, not followed to the end of the daemon's memory.
-  Result<UniqueFd> folder =
-      m_guard.enter(m_levels.size(), m_levels.back().reader.fd(), m_path.c_str() + m_nameStart,
-                    kFolderOpenFlags | O_NOFOLLOW);
+  // level costs a descriptor, one deeper than kMaximumDepth: a tree built deeper than any real one
+  // is reported, not followed to the end of the daemon's descriptors.
+  Result<UniqueFd> folder = m_guard.enter(
+      depth, m_reader.fd(depth - 1), m_path.c_str() + m_nameStart, kFolderOpenFlags | O_NOFOLLOW);
   if (!folder) {
     noteError(folder.error());
     return;
   }
   m_path += '/';
-  m_levels.push_back(Level{FolderReader(std::move(*folder)), m_path.size()});
+  m_reader.push(std::move(*folder));
+  m_prefixLengths.push_back(m_path.size());
 }
 
 void FileManagerEnumerator::noteError(const Error& error) {

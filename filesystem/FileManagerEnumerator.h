@@ -7,14 +7,20 @@
 // handed out last.
 //
 // Every level is opened relative to its parent's descriptor with O_NOFOLLOW, so the walk is
-// immune to links swapped into the tree and knows no path length limit. Each open level costs one
-// descriptor and one small buffer, so the walk enters at most kMaximumDepth levels (far beyond any
-// real tree; a deeper folder counts as one that cannot be entered, with ELOOP). Nor does it enter
-// a folder that is already open on its stack, such as a folder bind-mounted into its own subtree
-// (filesystem/WalkGuard.h; also ELOOP). A folder that cannot be entered or read is handed out but
-// its contents are passed over; the first such failure is kept in firstError().
+// immune to links swapped into the tree and knows no path length limit. A folder that cannot be
+// entered or read is handed out but its contents are passed over; the first such failure is kept
+// in firstError().
 //
-// Owns its descriptors; movable, not copyable; one thread at a time.
+// Depth: every open level costs a descriptor, so the walk keeps at most kMaximumDepth levels open
+// (the base and 4,095 below it, far beyond any real tree): a deeper folder counts as one that
+// cannot be entered, with ELOOP. This is the depth of all the file manager's walks (the removal
+// and copy of trees too, filesystem/FileTrees.h). Nor does the walk enter a folder that is already
+// open on its stack, such as a folder bind-mounted into its own subtree (filesystem/WalkGuard.h;
+// also ELOOP).
+//
+// Resources: the descriptors of the open levels and a directory reader for kMaximumDepth levels
+// (filesystem/DirectoryReader.h). Owns its descriptors; movable, not copyable; one thread at a
+// time.
 
 #include <cstddef>
 #include <optional>
@@ -22,7 +28,7 @@
 #include <string_view>
 #include <vector>
 
-#include "filesystem/FolderReader.h"
+#include "filesystem/DirectoryReader.h"
 #include "filesystem/WalkGuard.h"
 #include "foundation/Result.h"
 
@@ -30,9 +36,10 @@ namespace krv {
 
 class FileManagerEnumerator {
  public:
-  static constexpr std::size_t kMaximumDepth = kMaximumTreeDepth;
+  static constexpr std::size_t kMaximumDepth = 4096;
 
-  // Errors: the POSIX error of opening the base folder, with FailingPath.
+  // Errors: the POSIX error of opening the base folder, with FailingPath; the mapping's error when
+  // no memory can be had for the reader.
   static Result<FileManagerEnumerator> open(const std::string& path);
 
   FileManagerEnumerator(FileManagerEnumerator&&) noexcept = default;
@@ -57,16 +64,13 @@ class FileManagerEnumerator {
   const std::optional<Error>& firstError() const { return m_firstError; }
 
  private:
-  struct Level {
-    FolderReader reader;
-    std::size_t prefixLength;  // length of this folder's relative path plus "/" (0 at the base)
-  };
-
-  FileManagerEnumerator() = default;
+  explicit FileManagerEnumerator(DirectoryReader reader) : m_reader(std::move(reader)) {}
   void descend();
   void noteError(const Error& error);
 
-  std::vector<Level> m_levels;
+  DirectoryReader m_reader;  // the open levels, the base first
+  // Per open level: the length of its folder's relative path plus "/" (0 at the base).
+  std::vector<std::size_t> m_prefixLengths;
   WalkGuard m_guard{kMaximumDepth};
   std::string m_path;  // relative path of the object handed out last
   std::size_t m_nameStart = 0;

@@ -10,8 +10,8 @@
 #include <span>
 #include <vector>
 
+#include "filesystem/DirectoryReader.h"
 #include "filesystem/FileManager.h"
-#include "filesystem/FolderReader.h"
 #include "filesystem/PathNames.h"
 #include "filesystem/WalkGuard.h"
 #include "foundation/System.h"
@@ -105,8 +105,8 @@ class TreeCopy {
              const std::string& toName);
 
  private:
+  // One per source folder open in m_sources, at the same level.
   struct Frame {
-    FolderReader source;
     struct statx status;
     UniqueFd destination;
     std::size_t fromLength;  // lengths of m_from and m_to for this folder
@@ -116,7 +116,7 @@ class TreeCopy {
   Status copyTop(int fromParentFd, const std::string& fromName, int toParentFd,
                  const std::string& toName);
   Status enterFolder(int fromFd, const char* name, int toFd, const char* toName);
-  Status finishFolder(Frame& frame);
+  Status finishFolder(Frame& frame, int sourceFd);
   Status copyLeaf(int fromFd, const char* name, int toFd, const char* toName);
   Error atSource(const Error& cause) const { return FileManager::error(cause, m_from); }
   Error atDestination(const Error& cause) const { return FileManager::error(cause, m_to); }
@@ -125,7 +125,8 @@ class TreeCopy {
   std::string m_from;  // path of the object at hand on either side, for errors
   std::string m_to;
   std::vector<Frame> m_frames;
-  WalkGuard m_guard{kMaximumTreeDepth};  // the source folders open in m_frames
+  std::optional<DirectoryReader> m_sources;                 // the source folders of m_frames
+  WalkGuard m_guard{FileManagerEnumerator::kMaximumDepth};  // their identities
   bool m_topMade = false;
   dev_t m_topDevice = 0;
   ino_t m_topInode = 0;
@@ -137,6 +138,7 @@ Status TreeCopy::run(int fromParentFd, const std::string& fromName, int toParent
   Status copied = copyTop(fromParentFd, fromName, toParentFd, toName);
   if (!copied && m_topMade) {
     m_frames.clear();
+    m_sources.reset();
     (void)removeTree(toParentFd, toName, topPath);
   }
   return copied;
@@ -158,17 +160,18 @@ Status TreeCopy::copyTop(int fromParentFd, const std::string& fromName, int toPa
     Frame& frame = m_frames.back();
     m_from.resize(frame.fromLength);
     m_to.resize(frame.toLength);
-    std::optional<FolderReader::Entry> entry = frame.source.next();
+    std::optional<DirectoryReader::Entry> entry = m_sources->next();
     if (!entry) {
-      if (frame.source.error()) return atSource(*frame.source.error());
-      KRV_TRY_VOID(finishFolder(frame));
+      if (std::optional<Error> failure = m_sources->readError()) return atSource(*failure);
+      KRV_TRY_VOID(finishFolder(frame, m_sources->fd(m_frames.size() - 1)));
       m_frames.pop_back();
+      m_sources->pop();
       continue;
     }
     std::string name(entry->name);
     appendPathComponent(m_from, name);
     appendPathComponent(m_to, name);
-    int fromFd = frame.source.fd();
+    int fromFd = m_sources->fd(m_frames.size() - 1);
     int toFd = frame.destination.get();
     Result<struct stat> entryStatus = sys::statAt(fromFd, name.c_str(), AT_SYMLINK_NOFOLLOW);
     if (!entryStatus) {
@@ -187,6 +190,11 @@ Status TreeCopy::copyTop(int fromParentFd, const std::string& fromName, int toPa
 }
 
 Status TreeCopy::enterFolder(int fromFd, const char* name, int toFd, const char* toName) {
+  if (!m_sources) {
+    Result<DirectoryReader> reader = DirectoryReader::create(FileManagerEnumerator::kMaximumDepth);
+    if (!reader) return atSource(reader.error());
+    m_sources.emplace(std::move(*reader));
+  }
   // A folder already open further up (mounted into its own subtree) would be copied without end.
   Result<UniqueFd> source = m_guard.enter(m_frames.size(), fromFd, name, kFolderFlags);
   if (!source) return atSource(source.error());
@@ -198,13 +206,13 @@ Status TreeCopy::enterFolder(int fromFd, const char* name, int toFd, const char*
   if (m_frames.empty()) m_topMade = true;
   Result<UniqueFd> destination = sys::openAt(toFd, toName, kFolderFlags);
   if (!destination) return atDestination(destination.error());
-  m_frames.push_back(Frame{FolderReader(std::move(*source)), *status, std::move(*destination),
-                           m_from.size(), m_to.size()});
+  m_frames.push_back(Frame{*status, std::move(*destination), m_from.size(), m_to.size()});
+  m_sources->push(std::move(*source));
   return {};
 }
 
-Status TreeCopy::finishFolder(Frame& frame) {
-  ProcPath source(frame.source.fd());
+Status TreeCopy::finishFolder(Frame& frame, int sourceFd) {
+  ProcPath source(sourceFd);
   Result<std::uint32_t> flags = readFileFlags(source.text, LinkHandling::Follow);
   if (!flags) return atSource(flags.error());
   Result<PathHandle> destination = PathHandle::adopt(std::move(frame.destination));
@@ -261,8 +269,8 @@ Status TreeCopy::copyLeaf(int fromFd, const char* name, int toFd, const char* to
   return {};
 }
 
+// One per folder open in the removal's reader, at the same level.
 struct RemovalFrame {
-  FolderReader reader;
   std::string name;
   std::size_t pathLength;
   int passes;
@@ -275,37 +283,43 @@ Status removeTree(int parentFd, const std::string& name, const std::string& path
   if (removed) return {};
   if (removed.error().code() != EISDIR) return FileManager::error(removed.error(), path);
 
-  WalkGuard guard(kMaximumTreeDepth);
+  WalkGuard guard(FileManagerEnumerator::kMaximumDepth);
   Result<UniqueFd> top = guard.enter(0, parentFd, name.c_str(), kFolderFlags);
   if (!top) return FileManager::error(top.error(), path);
+  Result<DirectoryReader> reader = DirectoryReader::create(FileManagerEnumerator::kMaximumDepth);
+  if (!reader) return FileManager::error(reader.error(), path);
   std::string current = path;
   std::vector<RemovalFrame> frames;
-  frames.push_back(RemovalFrame{FolderReader(std::move(*top)), name, current.size(), 0});
+  frames.push_back(RemovalFrame{name, current.size(), 0});
+  reader->push(std::move(*top));
   while (!frames.empty()) {
     RemovalFrame& frame = frames.back();
     current.resize(frame.pathLength);
-    std::optional<FolderReader::Entry> entry = frame.reader.next();
+    std::optional<DirectoryReader::Entry> entry = reader->next();
     if (!entry) {
-      if (frame.reader.error()) return FileManager::error(*frame.reader.error(), current);
-      int parent = frames.size() > 1 ? frames[frames.size() - 2].reader.fd() : parentFd;
+      if (std::optional<Error> failure = reader->readError()) {
+        return FileManager::error(*failure, current);
+      }
+      int parent = frames.size() > 1 ? reader->fd(frames.size() - 2) : parentFd;
       Status gone = sys::unlinkAt(parent, frame.name.c_str(), AT_REMOVEDIR);
       if (!gone) {
         // Entries added (or missed by the listing) while it was read: list it again.
         if (gone.error().code() == ENOTEMPTY && frame.passes < kMaximumPasses) {
           ++frame.passes;
-          Status rewound = frame.reader.rewind();
+          Status rewound = reader->rewind();
           if (!rewound) return FileManager::error(rewound.error(), current);
           continue;
         }
         return FileManager::error(gone.error(), current);
       }
       frames.pop_back();
+      reader->pop();
       continue;
     }
 
     std::string entryName(entry->name);
     appendPathComponent(current, entryName);
-    int folderFd = frame.reader.fd();
+    int folderFd = reader->fd(frames.size() - 1);
     if (entry->type != DT_DIR) {
       Status unlinked = sys::unlinkAt(folderFd, entryName.c_str(), 0);
       if (unlinked || unlinked.error().code() == ENOENT) continue;
@@ -331,8 +345,8 @@ Status removeTree(int parentFd, const std::string& name, const std::string& path
       }
       return FileManager::error(folder.error(), current);
     }
-    frames.push_back(
-        RemovalFrame{FolderReader(std::move(*folder)), std::move(entryName), current.size(), 0});
+    frames.push_back(RemovalFrame{std::move(entryName), current.size(), 0});
+    reader->push(std::move(*folder));
   }
   return {};
 }

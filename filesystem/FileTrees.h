@@ -2,10 +2,13 @@
 // The file manager's whole-tree operations, done relative to open folders with *at() calls: the
 // removal of a tree, and its copy (or hard-link copy) to a new place. No symbolic link is ever
 // followed inside a tree; a folder is entered with O_NOFOLLOW, so a link swapped in for a folder
-// is never entered. Depth is bounded by kMaximumTreeDepth and by the descriptor limit (one
-// descriptor per open level); memory is one small buffer per level. A folder already open further
-// up the walk (one bind-mounted into its own subtree) is never entered again
-// (filesystem/WalkGuard.h): the operation stops there with ELOOP, as at a folder it cannot open.
+// is never entered.
+//
+// Depth: the file manager's, FileManagerEnumerator::kMaximumDepth (4,096) open levels, each one
+// descriptor; a folder deeper than that stops the operation with ELOOP, and so does a folder
+// already open further up the walk (one bind-mounted into its own subtree, filesystem/WalkGuard.h),
+// as at a folder it cannot open. The entries are read with one directory reader per operation
+// (filesystem/DirectoryReader.h).
 //
 // Errors are POSIX errors with FailingPath: `path` for the top object, `path` joined with the
 // relative path (appendingPathComponent) for one inside. Thread-safe (no shared state).

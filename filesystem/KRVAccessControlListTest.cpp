@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "platform/AccessControlListStorage.h"
-#include "platform/TestFileTree.h"
+#include "tests/support/TestFileTree.h"
 
 namespace krv {
 namespace {

@@ -50,18 +50,16 @@ std::unique_ptr<KRVDirectoryEnumerator> KRVDirectoryEnumerator::enumeratorAtPath
     return nullptr;
   }
 
-  Result<std::unique_ptr<DirectoryReader>> reader = DirectoryReader::create();
+  Result<DirectoryReader> reader = DirectoryReader::create(kMaximumOpenLevels);
   if (!reader) return nullptr;
   std::unique_ptr<KRVDirectoryEnumerator> enumerator(
       new KRVDirectoryEnumerator(std::move(*reader), path));
 
   // Level 0 is open even when the base cannot be read; the walk then yields nothing.
+  Result<UniqueFd> base = sys::open(path, O_RDONLY | O_DIRECTORY | O_NOCTTY);
+  if (base) enumerator->m_guard.beginAt(base->get());
+  enumerator->m_reader.push(base ? std::move(*base) : UniqueFd());
   enumerator->m_topIndex = 0;
-  enumerator->m_reader->beginLevel(0);
-  if (Result<UniqueFd> fd = sys::open(path, O_RDONLY | O_DIRECTORY | O_NOCTTY)) {
-    enumerator->m_guard.beginAt(fd->get());
-    enumerator->m_levelFds[0] = std::move(*fd);
-  }
 
   if (stayOnFileSystem) {
     if (Result<struct stat> status = sys::lstat(path)) {
@@ -72,8 +70,7 @@ std::unique_ptr<KRVDirectoryEnumerator> KRVDirectoryEnumerator::enumeratorAtPath
   return enumerator;
 }
 
-KRVDirectoryEnumerator::KRVDirectoryEnumerator(std::unique_ptr<DirectoryReader> reader,
-                                               const std::string& basePath)
+KRVDirectoryEnumerator::KRVDirectoryEnumerator(DirectoryReader reader, const std::string& basePath)
     : m_reader(std::move(reader)), m_guard(kMaximumOpenLevels) {
   // The base and its separator, as every path below a base is joined.
   const std::string prefix = pathPrefixBelow(basePath);
@@ -91,9 +88,9 @@ KRVDirectoryEnumerator::~KRVDirectoryEnumerator() = default;
 
 std::optional<std::string_view> KRVDirectoryEnumerator::nextObject() {
   for (;;) {
-    if (m_topIndex < 0 || !m_levelFds[m_topIndex].valid()) return std::nullopt;
-    int level = m_topIndex;
-    std::optional<DirectoryReader::Entry> entry = m_reader->next(level, m_levelFds[level].get());
+    if (m_topIndex < 0) return std::nullopt;
+    const int level = m_topIndex;
+    std::optional<DirectoryReader::Entry> entry = m_reader.next();
     if (!entry) {
       popDirectory();
       continue;
@@ -122,7 +119,7 @@ std::optional<std::string_view> KRVDirectoryEnumerator::nextObject() {
 bool KRVDirectoryEnumerator::shouldEnter(int level, std::size_t nameOffset, std::size_t nameLength,
                                          unsigned char directoryType) {
   const char* name = m_pathBuffer.get() + m_relativeStart + nameOffset;
-  int directoryFd = m_levelFds[level].get();
+  const int directoryFd = m_reader.fd(static_cast<std::size_t>(level));
   bool haveStatus = false;
   struct stat status {};
   auto readStatus = [&] {
@@ -175,22 +172,21 @@ bool KRVDirectoryEnumerator::pushDirectory(std::size_t nameOffset, std::size_t n
   // A block device, socket or the like cannot be opened as a folder.
   if (added != 0 && fileType != S_IFDIR) return false;
   const char* name = added == 0 ? "." : m_pathBuffer.get() + m_relativeStart + nameOffset;
-  Result<UniqueFd> fd =
-      m_guard.enter(static_cast<std::size_t>(m_topIndex) + 1, m_levelFds[m_topIndex].get(), name,
-                    O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NOCTTY);
+  const auto level = static_cast<std::size_t>(m_topIndex) + 1;
+  Result<UniqueFd> fd = m_guard.enter(level, m_reader.fd(level - 1), name,
+                                      O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NOCTTY);
   if (!fd) return false;
 
   ++m_topIndex;
-  m_levelFds[m_topIndex] = std::move(*fd);
+  m_reader.push(std::move(*fd));
   m_addedLengths[m_topIndex] = added;
   m_relativePathLength += added;
-  m_reader->beginLevel(m_topIndex);
   return true;
 }
 
 void KRVDirectoryEnumerator::popDirectory() {
   if (m_topIndex < 0) return;
-  m_levelFds[m_topIndex].reset();
+  m_reader.pop();
   m_relativePathLength -= m_addedLengths[m_topIndex];
   --m_topIndex;
 }
@@ -210,7 +206,7 @@ std::string_view KRVDirectoryEnumerator::currentEntryName() const {
 
 int KRVDirectoryEnumerator::currentEntryDirectoryFd() const {
   if (m_entryLevel < 0 || m_entryLevel > m_topIndex) return -1;
-  return m_levelFds[m_entryLevel].get();
+  return m_reader.fd(static_cast<std::size_t>(m_entryLevel));
 }
 
 std::string_view KRVDirectoryEnumerator::currentAbsolutePath() const {

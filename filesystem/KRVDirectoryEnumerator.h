@@ -1,8 +1,7 @@
 #pragma once
 // KRVDirectoryEnumerator: walks a folder tree depth first and returns, one call at a time, the
-// path of every object below its base folder, relative to that folder. It is the engine of the
-// age search, the name-pattern searches, the object count, the storage size, the permission
-// propagation and the folder comparison.
+// path of every object below its base folder, relative to that folder. The age search, the
+// multi-pattern search and the object count walk with it (executor/SearchCommands.cpp).
 //
 // Order: pre-order; the entries of one folder in the order the kernel delivers them (no sorting);
 // a folder's subtree is finished before its next sibling is read.
@@ -14,7 +13,8 @@
 // "/.vol" is entered. Every entry is returned whether it was entered or not. Limits:
 //   - a candidate is entered only if the current relative folder path, a "/" and its name make at
 //     most 1,024 bytes (the base path does not count; absolute paths may be longer than PATH_MAX);
-//   - at most 500 folders are open at once (the base and 499 below it).
+//   - depth: at most 500 folders are open at once (the base and 499 below it); a folder that
+//     would be the 501st is returned, not entered, and its message logged.
 // Each level remembers the bytes it added to the relative path in 8 bits, so a 255-byte name
 // below the first level adds nothing: such a "folder" reopens its parent. This is a deliberate
 // part of the walk's behaviour, and it meets the walk guard (filesystem/WalkGuard.h): a folder
@@ -40,8 +40,9 @@
 // Resources: the walk keeps one open descriptor per open level, so up to 500 descriptors per
 // walk; several concurrent walks need RLIMIT_NOFILE raised accordingly (the daemon's job). When
 // descriptors run out, folders cannot be opened and are returned without being walked. Memory is
-// one buffer mapping of about 1.25 MiB (only touched pages become resident), the path buffer and
-// the guard's 12 KiB of level records; nothing is allocated per level or per entry.
+// the directory reader's mapping for 500 levels, about 1.25 MiB (filesystem/DirectoryReader.h;
+// only touched pages become resident), the path buffer and the guard's 12 KiB of level records;
+// nothing is allocated per level or per entry.
 //
 // Threads: an enumerator belongs to one thread; it has no locks. Separate enumerators on separate
 // threads share nothing.
@@ -60,7 +61,6 @@
 
 #include "filesystem/DirectoryReader.h"
 #include "filesystem/WalkGuard.h"
-#include "foundation/UniqueFd.h"
 
 namespace krv {
 
@@ -69,7 +69,7 @@ class KRVDirectoryEnumeratorTestPeer;
 class KRVDirectoryEnumerator {
  public:
   static constexpr std::size_t kMaximumRelativePathLength = 1024;
-  static constexpr int kMaximumOpenLevels = DirectoryReader::kMaximumLevels;
+  static constexpr int kMaximumOpenLevels = 500;
   static constexpr std::string_view kClassName = "KRVDirectoryEnumerator";
 
   // A walk of the folder at `path` (a symbolic link to a folder is followed for the base only).
@@ -118,20 +118,19 @@ class KRVDirectoryEnumerator {
  private:
   friend class KRVDirectoryEnumeratorTestPeer;
 
-  KRVDirectoryEnumerator(std::unique_ptr<DirectoryReader> reader, const std::string& basePath);
+  KRVDirectoryEnumerator(DirectoryReader reader, const std::string& basePath);
   bool shouldEnter(int level, std::size_t nameOffset, std::size_t nameLength,
                    unsigned char directoryType);
   bool pushDirectory(std::size_t nameOffset, std::size_t nameLength, mode_t fileType);
   void popDirectory();
 
-  std::unique_ptr<DirectoryReader> m_reader;
-  WalkGuard m_guard;  // the identities of the open levels
+  DirectoryReader m_reader;  // the open levels: level 0 the base, the innermost last
+  WalkGuard m_guard;         // the identities of the open levels
   // Base, separator, relative path; sized for the longest relative path plus one name.
   std::unique_ptr<char[]> m_pathBuffer;
   std::size_t m_relativeStart = 0;       // where the relative part begins
   std::size_t m_relativePathLength = 0;  // of the current (innermost open) folder
-  int m_topIndex = -1;
-  std::array<UniqueFd, kMaximumOpenLevels> m_levelFds;
+  int m_topIndex = -1;                   // the innermost open level; -1 when none is open
   std::array<std::uint8_t, kMaximumOpenLevels> m_addedLengths{};
   bool m_stayOnFileSystem = false;
   dev_t m_baseFileSystemId = 0;

@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "platform/TestFileTree.h"
+#include "tests/support/TestFileTree.h"
 
 namespace krv {
 namespace {

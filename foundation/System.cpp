@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <linux/openat2.h>
+#include <sys/mman.h>
 #include <sys/random.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -129,6 +130,21 @@ Result<std::size_t> readDirectoryEntries(int directoryFd, std::span<char> buffer
     if (errno != EINTR) return Error::fromErrno("getdents64");
   }
 }
+
+Result<off_t> seek(int fd, off_t offset, int whence) {
+  const off_t position = ::lseek(fd, offset, whence);
+  if (position < 0) return Error::fromErrno("lseek");
+  return position;
+}
+
+Result<char*> mapPrivateMemory(std::size_t size) {
+  void* mapping = ::mmap(nullptr, size, PROT_READ | PROT_WRITE,
+                         MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+  if (mapping == MAP_FAILED) return Error::fromErrno("mmap");
+  return static_cast<char*>(mapping);
+}
+
+void unmapMemory(char* address, std::size_t size) { ::munmap(address, size); }
 
 Status unlink(const std::string& path) {
   if (::unlink(path.c_str()) != 0) return Error::fromErrno("unlink");

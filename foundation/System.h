@@ -48,6 +48,12 @@ Result<struct stat> statAt(int directoryFd, const char* path, int flags);
 // One getdents64 batch of raw directory records into `buffer`, retried on EINTR; returns the
 // number of bytes filled, 0 at the end of the folder.
 Result<std::size_t> readDirectoryEntries(int directoryFd, std::span<char> buffer);
+// lseek: moves the file position; returns the new offset.
+Result<off_t> seek(int fd, off_t offset, int whence);
+// A private anonymous mapping of `size` bytes for reading and writing, without a reservation of
+// swap (MAP_NORESERVE): only the pages touched take memory. unmapMemory gives it back.
+Result<char*> mapPrivateMemory(std::size_t size);
+void unmapMemory(char* address, std::size_t size);
 
 Status unlink(const std::string& path);
 Status rmdir(const std::string& path);

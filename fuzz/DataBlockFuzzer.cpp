@@ -34,7 +34,7 @@ void readFromPeer(std::span<const std::uint8_t> bytes) {
   if (capacity < 0 || bytes.size() > static_cast<std::size_t>(capacity)) return;
   if (!krv::sys::writeAll(pipe->writeEnd.get(), bytes)) return;
   pipe->writeEnd.reset();  // the peer closes after its bytes
-  krv::Result<krv::Value> object = krv::KRVSecurityAgent::readObjectFromPipe(pipe->readEnd.get());
+  krv::Result<krv::Value> object = krv::KRVSecurityAgent::readObject(pipe->readEnd.get());
   if (object) {
     // Whatever decodes must be a complete, valid object of a known class.
     const krv::ObjectRef* reference = object->asObject();

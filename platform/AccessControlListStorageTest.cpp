@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "platform/TestFileTree.h"
 #include "tests/support/ChildProcess.h"
+#include "tests/support/TestFileTree.h"
 
 namespace krv {
 namespace {
@@ -206,19 +206,19 @@ TEST_F(AccessControlListStorageTest, RecordsThatAreNotListsAndListsWithoutAByteF
 TEST_F(AccessControlListStorageTest, FileSystemsWithoutAttributesHaveNoListsAndTakeNone) {
   const std::string mountPoint = m_tree.makeFolder("mnt");
   const ExtendedAcl list = listOf({allowUser(kReader.uid, kAclReadData)});
-  auto attempt = [&] {
+  auto attempt = [&](test::Facts& facts) {
     const std::string file = m_tree.makeFile("mnt/file", "data", 0600);
     Status written = writeAccessControlList(pin(file), list);
     std::string answer = written ? "written" : "refused " + std::to_string(written.error().code());
     Result<std::optional<ExtendedAcl>> read = readAccessControlList(pin(file));
     answer += !read ? " unreadable" : *read == list ? " read" : *read ? " wrong" : " none";
     answer += removeAccessControlList(pin(file)) ? " removed" : " stuck";
-    return answer;
+    facts["list"] = answer;
   };
-  EXPECT_EQ(test::inPrivateMount(mountPoint, "ramfs", attempt),
+  EXPECT_EQ(test::inPrivateMount(mountPoint, "ramfs", attempt)["list"],
             "refused " + std::to_string(EOPNOTSUPP) + " none removed");
   // The daemon's /tmp is a tmpfs: lists work there.
-  EXPECT_EQ(test::inPrivateMount(mountPoint, "tmpfs", attempt), "written read removed");
+  EXPECT_EQ(test::inPrivateMount(mountPoint, "tmpfs", attempt)["list"], "written read removed");
 }
 
 }  // namespace

@@ -8,7 +8,7 @@
 #include <cstring>
 #include <optional>
 
-#include "platform/TestFileTree.h"
+#include "tests/support/TestFileTree.h"
 
 namespace krv {
 namespace {
@@ -153,14 +153,19 @@ TEST_F(FileFlagsFileTest, WriteFollowsALinkAndObjectsWithoutKernelFlagsTakeOnlyT
 // tested on the executor).
 TEST_F(FileFlagsFileTest, TmpfsKeepsProtectionAndRecord) {
   std::string mountPoint = m_tree.makeFolder("mnt");
-  std::string tmpfs = test::inPrivateMount(mountPoint, "tmpfs", [&] {
+  auto outcome = [](const Status& status) {
+    return status ? std::string("ok") : status.error().description();
+  };
+  test::Facts facts = test::inPrivateMount(mountPoint, "tmpfs", [&](test::Facts& seen) {
     std::string file = m_tree.makeFile("mnt/file");
-    std::string answer = writeFileFlags(file, kUserImmutableFlag | kHiddenFlag).ok() ? "set" : "no";
-    answer += flagsOf(file) == (kUserImmutableFlag | kHiddenFlag) ? " read" : " wrong";
-    answer += writeFileFlags(file, 0).ok() ? " cleared" : " stuck";
-    return answer;
+    seen["set"] = outcome(writeFileFlags(file, kUserImmutableFlag | kHiddenFlag));
+    seen["read"] = std::to_string(flagsOf(file));
+    seen["cleared"] = outcome(writeFileFlags(file, 0));
   });
-  EXPECT_EQ(tmpfs, "set read cleared");
+  ASSERT_FALSE(facts.contains("child")) << facts["child"];
+  EXPECT_EQ(facts["set"], "ok");
+  EXPECT_EQ(facts["read"], std::to_string(kUserImmutableFlag | kHiddenFlag));
+  EXPECT_EQ(facts["cleared"], "ok");
 }
 
 TEST_F(FileFlagsFileTest, FinderInfoCodesAreBigEndianAndKeepTheRest) {

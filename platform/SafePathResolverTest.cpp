@@ -15,7 +15,7 @@
 #include <tuple>
 #include <variant>
 
-#include "platform/TestFileTree.h"
+#include "tests/support/TestFileTree.h"
 
 namespace krv {
 namespace {

@@ -1,10 +1,10 @@
 #pragma once
 // The command table: for every command code a client may send, the right that guards it, whether
 // it needs authorization, which intermediate reports it sends, how many arguments it takes and of
-// which kinds, and the comment stored with its right. It is also the one table of the user
-// information keys. Constant data; the consistency checks run once, before the first use, and a
-// table that fails them ends the process with status 1. Thread-safe after that first use (which
-// the daemon and the client make on their main thread).
+// which kinds, and the comment stored with its right. It also numbers the user information keys
+// (foundation/UserInformationKeys.h). Constant data; the consistency checks run once, before the
+// first use, and a table that fails them ends the process with status 1. Thread-safe after that
+// first use (which the daemon and the client make on their main thread).
 
 #include <cstddef>
 #include <cstdint>
@@ -14,13 +14,14 @@
 #include <string>
 #include <string_view>
 
+#include "foundation/UserInformationKeys.h"
 #include "foundation/Value.h"
+#include "protocol/CommandCodes.h"
 
 namespace krv {
 
 // "Any number of arguments, zero included".
 inline constexpr std::int64_t kAnyNumberOfArguments = std::numeric_limits<std::int64_t>::max();
-inline constexpr std::uint32_t kNumberOfCommandCodes = 55;
 
 struct CommandRecord {
   std::uint32_t code;
@@ -31,16 +32,6 @@ struct CommandRecord {
   std::int64_t numberOfArguments;
   const char* signature;  // type letters S, N, D; null exactly when there are no arguments
   const char* comment;    // null for codes 0 and 1 and the reserved code
-};
-
-// Well-known command codes.
-enum CommandCode : std::uint32_t {
-  kCommandNone = 0,
-  kCommandGetVersion = 1,
-  kCommandShutdown = 2,
-  kCommandWhoAmI = 3,
-  kCommandReserved = 23,
-  kCommandPrepareUninstallation = 53,
 };
 
 // The checked table (55 records, code equals index). Runs the checks on first use.
@@ -60,30 +51,5 @@ std::optional<ValueType> classForArgumentType(char letter);
 
 // User information keys by index (0..17); nothing for any other index.
 std::optional<std::string_view> stringForUserInformationKey(std::size_t index);
-
-namespace key {
-inline constexpr std::string_view kCommandImplementationVersion = "CommandImplementationVersion";
-inline constexpr std::string_view kAgentVersionMajor = "AgentVersionMajor";
-inline constexpr std::string_view kAgentVersionMinor = "AgentVersionMinor";
-inline constexpr std::string_view kAgentVersionBuild = "AgentVersionBuild";
-inline constexpr std::string_view kOutputChannel = "OutputChannel";
-inline constexpr std::string_view kErrorChannel = "ErrorChannel";
-inline constexpr std::string_view kFailingPath = "FailingPath";
-inline constexpr std::string_view kUnderlyingErrorCode = "UnderlyingErrorCode";
-inline constexpr std::string_view kCurrentProgress = "CurrentProgress";
-inline constexpr std::string_view kFileSystemObjects = "FileSystemObjects";
-inline constexpr std::string_view kPath = "Path";
-inline constexpr std::string_view kType = "Type";
-inline constexpr std::string_view kSize = "Size";
-inline constexpr std::string_view kModificationDate = "ModificationDate";
-inline constexpr std::string_view kPOSIXMode = "POSIXMode";
-inline constexpr std::string_view kExistenceInfo = "ExistenceInfo";
-inline constexpr std::string_view kUnderlyingErrorMessage = "UnderlyingErrorMessage";
-inline constexpr std::string_view kMismatchList = "MismatchList";
-// Folder comparison records; not reachable through the index.
-inline constexpr std::string_view kMismatches = "Mismatches";
-inline constexpr std::string_view kDescription1 = "Description1";
-inline constexpr std::string_view kDescription2 = "Description2";
-}  // namespace key
 
 }  // namespace krv

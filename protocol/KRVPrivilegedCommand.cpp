@@ -118,7 +118,7 @@ std::string KRVPrivilegedCommand::description() const {
 Error KRVPrivilegedCommand::authorizationError(std::int32_t status) const {
   Dictionary userInfo;
   userInfo.set(key::kUnderlyingErrorCode, Value::integer(status));
-  return Error(std::string(kCommandErrorDomain), kAuthorizationFailedCode, std::move(userInfo));
+  return Error(std::string(kCommandErrorDomain), kResultAuthorizationFailed, std::move(userInfo));
 }
 
 Status KRVPrivilegedCommand::preAuthorizeOnClient() {

@@ -34,8 +34,6 @@ class KRVPrivilegedCommand final : public Archivable {
  public:
   static constexpr std::string_view kClassName = "KRVPrivilegedCommand";
   static constexpr std::int32_t kVersion = 310;
-  // Code of authorization failures in the command error domain.
-  static constexpr std::int64_t kAuthorizationFailedCode = 2;
 
   static std::int32_t version() { return kVersion; }
   static std::string_view errorDomain() { return kCommandErrorDomain; }

@@ -18,49 +18,54 @@ Result<Value> decode(const Data& payload) {
 }
 
 TEST(KRVPrivilegedCommandTest, ValidatesArgumentsAgainstTheTable) {
-  EXPECT_TRUE(make(54, {})->isValid());
-  EXPECT_TRUE(make(7, {})->isValid());
-  EXPECT_FALSE(make(7, {Value("1"), Value::integer(2)})->isValid());
-  EXPECT_TRUE(make(34, {Value("/x"), Value(Data{1, 2})})->isValid());
-  EXPECT_FALSE(make(34, {Value("/x"), Value("acl")})->isValid());
-  EXPECT_FALSE(make(14, {Value("/x"), Value::integer(1)})->isValid());
-  EXPECT_EQ(make(55, {}), nullptr);
-  EXPECT_EQ(make(3, {})->requiredClassForArgumentAtIndex(0), ValueType::Number);
-  EXPECT_FALSE(make(3, {})->requiredClassForArgumentAtIndex(1));
-  EXPECT_EQ(make(8, {})->requiredClassForArgumentAtIndex(40), ValueType::String);
-  EXPECT_FALSE(make(1, {})->requiredClassForArgumentAtIndex(0));
+  EXPECT_TRUE(make(kCommandExecuteTmutil, {})->isValid());
+  EXPECT_TRUE(make(kCommandDeleteFileObjects, {})->isValid());
+  EXPECT_FALSE(make(kCommandDeleteFileObjects, {Value("1"), Value::integer(2)})->isValid());
+  EXPECT_TRUE(make(kCommandModifyAclPermissions, {Value("/x"), Value(Data{1, 2})})->isValid());
+  EXPECT_FALSE(make(kCommandModifyAclPermissions, {Value("/x"), Value("acl")})->isValid());
+  EXPECT_FALSE(make(kCommandSearchAgedFiles, {Value("/x"), Value::integer(1)})->isValid());
+  EXPECT_EQ(make(kNumberOfCommandCodes, {}), nullptr);
+  EXPECT_EQ(make(kCommandWhoAmI, {})->requiredClassForArgumentAtIndex(0), ValueType::Number);
+  EXPECT_FALSE(make(kCommandWhoAmI, {})->requiredClassForArgumentAtIndex(1));
+  EXPECT_EQ(make(kCommandDeleteFileSubtree, {})->requiredClassForArgumentAtIndex(40),
+            ValueType::String);
+  EXPECT_FALSE(make(kCommandGetVersion, {})->requiredClassForArgumentAtIndex(0));
 }
 
 TEST(KRVPrivilegedCommandTest, AStringArgumentHasOneEncoding) {
   const Value notUtf8(Data{'/', 't', 0xFF});
   const Value utf8Bytes(Data{'/', 't'});
-  EXPECT_TRUE(make(15, {notUtf8})->isValid());
-  EXPECT_FALSE(make(15, {utf8Bytes})->isValid());
-  EXPECT_FALSE(make(15, {Value(std::string("/t\xff"))})->isValid());  // could not be sent
-  EXPECT_TRUE(make(7, {Value("1"), Value("/a"), notUtf8})->isValid());
-  EXPECT_FALSE(make(7, {Value("1"), utf8Bytes})->isValid());
+  EXPECT_TRUE(make(kCommandInspectFileObject, {notUtf8})->isValid());
+  EXPECT_FALSE(make(kCommandInspectFileObject, {utf8Bytes})->isValid());
+  EXPECT_FALSE(make(kCommandInspectFileObject, {Value(std::string("/t\xff"))})
+                   ->isValid());  // could not be sent
+  EXPECT_TRUE(make(kCommandDeleteFileObjects, {Value("1"), Value("/a"), notUtf8})->isValid());
+  EXPECT_FALSE(make(kCommandDeleteFileObjects, {Value("1"), utf8Bytes})->isValid());
   // A data argument takes any bytes, UTF-8 or not.
-  EXPECT_TRUE(make(34, {notUtf8, Value(Data{'a'})})->isValid());
-  EXPECT_FALSE(make(34, {utf8Bytes, Value(Data{0xFF})})->isValid());
+  EXPECT_TRUE(make(kCommandModifyAclPermissions, {notUtf8, Value(Data{'a'})})->isValid());
+  EXPECT_FALSE(make(kCommandModifyAclPermissions, {utf8Bytes, Value(Data{0xFF})})->isValid());
 }
 
 TEST(KRVPrivilegedCommandTest, ListsEveryRightFromCodeTwoOn) {
   auto commands = KRVPrivilegedCommand::allImplementedCommandsNeedingAuthorization();
   ASSERT_EQ(commands.size(), 52u);  // codes 2..54 without the reserved code
-  EXPECT_EQ(commands.front()->commandCode(), 2u);
-  EXPECT_EQ(commands.back()->commandCode(), 54u);
+  EXPECT_EQ(commands.front()->commandCode(), kCommandShutdown);
+  EXPECT_EQ(commands.back()->commandCode(), kCommandExecuteTmutil);
   for (const auto& command : commands) {
-    EXPECT_NE(command->commandCode(), 23u);
+    EXPECT_NE(command->commandCode(), kCommandReserved);
     EXPECT_TRUE(command->commentForAuthorizationRight().has_value());
   }
 }
 
 TEST(KRVPrivilegedCommandTest, StartsWithTheCallersUserAndRoundTripsInBothArchiveForms) {
-  auto command = make(4, {Value("/etc/hosts"), Value(Data{'x'}), Value::boolean(true)});
+  auto command = make(kCommandModifyFileContent,
+                      {Value("/etc/hosts"), Value(Data{'x'}), Value::boolean(true)});
   EXPECT_EQ(command->userIdentification(), ::getuid());
   EXPECT_FALSE(command->hasAuthorizationToken());
-  EXPECT_EQ(make(14, {Value("/var/tmp"), Value::integer(30), Value::integer(1)})->description(),
-            "KRVPrivilegedCommand<com.tavorin.search.aged-files>: (\"/var/tmp\", 30, 1)\n");
+  EXPECT_EQ(
+      make(kCommandSearchAgedFiles, {Value("/var/tmp"), Value::integer(30), Value::integer(1)})
+          ->description(),
+      "KRVPrivilegedCommand<com.tavorin.search.aged-files>: (\"/var/tmp\", 30, 1)\n");
   auth::ExternalForm token;
   for (std::size_t i = 0; i < token.size(); ++i) token[i] = static_cast<std::uint8_t>(i + 1);
   command->setAuthorizationToken(token);
@@ -73,7 +78,7 @@ TEST(KRVPrivilegedCommandTest, StartsWithTheCallersUserAndRoundTripsInBothArchiv
     ASSERT_TRUE(decoded) << decoded.error().description();
     const auto* copy = decoded->objectAs<KRVPrivilegedCommand>();
     ASSERT_NE(copy, nullptr);
-    EXPECT_EQ(copy->commandCode(), 4u);
+    EXPECT_EQ(copy->commandCode(), kCommandModifyFileContent);
     EXPECT_EQ(copy->arguments(), command->arguments());
     EXPECT_EQ(copy->authorizationToken(), token);
     EXPECT_EQ(copy->userIdentification(), 501u);
@@ -86,7 +91,7 @@ TEST(KRVPrivilegedCommandTest, DecodesRequestsWrittenByAnIndependentEncoder) {
   ASSERT_TRUE(search) << search.error().description();
   const auto* command = search->objectAs<KRVPrivilegedCommand>();
   ASSERT_NE(command, nullptr);
-  EXPECT_EQ(command->commandCode(), 14u);
+  EXPECT_EQ(command->commandCode(), kCommandSearchAgedFiles);
   EXPECT_EQ(command->userIdentification(), 501u);
   EXPECT_FALSE(command->hasAuthorizationToken());
   ASSERT_TRUE(command->isValid());
@@ -96,7 +101,7 @@ TEST(KRVPrivilegedCommandTest, DecodesRequestsWrittenByAnIndependentEncoder) {
   ASSERT_TRUE(deletion) << deletion.error().description();
   const auto* second = deletion->objectAs<KRVPrivilegedCommand>();
   ASSERT_NE(second, nullptr);
-  EXPECT_EQ(second->commandCode(), 7u);
+  EXPECT_EQ(second->commandCode(), kCommandDeleteFileObjects);
   EXPECT_TRUE(second->hasAuthorizationToken());
   EXPECT_EQ(second->arguments().size(), 3u);
 }

@@ -1,22 +1,34 @@
 #include "protocol/KRVSecurityAgent.h"
 
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/time.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 
 #include "foundation/Archiver.h"
+#include "foundation/Assert.h"
 #include "foundation/DataBlock.h"
 #include "foundation/Format.h"
+#include "foundation/NameValue.h"
+#include "foundation/System.h"
 
 namespace krv {
 
 namespace {
 
 constexpr const char* kComputerLibrary = "/etc/systemd";
+constexpr const char* kUnit = "KRVSecurityAgent";
+// The request socket's path must fit the address structure the clients were written for.
+constexpr std::size_t kMaximumSocketPathLength = 104;
 
 }  // namespace
+
+// ---- Endpoints and paths ----
 
 std::string KRVSecurityAgent::pathOfBundledExecutable(std::string_view applicationPrefix) {
   std::string path(applicationPrefix);
@@ -66,12 +78,14 @@ Error KRVSecurityAgent::transportError(std::int64_t code, Dictionary userInfo) {
   return Error(std::string(kTransportErrorDomain), code, std::move(userInfo));
 }
 
+// ---- Data blocks and object transfer ----
+
 int KRVSecurityAgent::writeData(const Data* data, int fd) {
   if (data == nullptr || fd < 0) return EINVAL;
   return writeDataBlock(fd, *data);
 }
 
-Result<Data> KRVSecurityAgent::readDataFromPipe(int fd) { return readDataBlock(fd); }
+Result<Data> KRVSecurityAgent::readData(int fd) { return readDataBlock(fd); }
 
 int KRVSecurityAgent::writeObject(const Archivable* object, int fd) {
   if (object == nullptr || fd < 0) {
@@ -82,8 +96,8 @@ int KRVSecurityAgent::writeObject(const Archivable* object, int fd) {
   return writeData(&payload, fd);
 }
 
-Result<Value> KRVSecurityAgent::readObjectFromPipe(int fd, const ClassRegistry& classes) {
-  KRV_TRY(Data payload, readDataFromPipe(fd));
+Result<Value> KRVSecurityAgent::readObject(int fd, const ClassRegistry& classes) {
+  KRV_TRY(Data payload, readData(fd));
   Result<Value> object = unarchiveSequential(payload, classes);
   if (!object) {
     errno = EIO;
@@ -95,6 +109,121 @@ Result<Value> KRVSecurityAgent::readObjectFromPipe(int fd, const ClassRegistry& 
 bool KRVSecurityAgent::isObjectAcceptableForResponse(const Archivable* object) {
   if (object == nullptr) return true;
   return sequentialArchiveSize(*object) + kDataBlockHeaderSize <= kDataBlockMaximumSize;
+}
+
+// ---- Client session ----
+
+namespace {
+
+bool isInteractionNeeded(const Error& reply) {
+  if (!reply.is(kCommandErrorDomain, kResultAuthorizationFailed)) return false;
+  const Value* status = reply.userInfo().find(key::kUnderlyingErrorCode);
+  return status != nullptr && status->asNumber() != nullptr && status->asNumber()->isInteger() &&
+         status->asNumber()->integerValue() == auth::kStatusInteractionNotAllowed;
+}
+
+}  // namespace
+
+std::optional<KRVSecurityAgent> KRVSecurityAgent::init(std::string socketPath) {
+  struct stat status {};
+  if (::stat(socketPath.c_str(), &status) != 0) return std::nullopt;
+  return KRVSecurityAgent(std::move(socketPath));
+}
+
+Result<UniqueFd> KRVSecurityAgent::openRequestSocketAtPath(const std::string& path) {
+  if (path.empty()) return Error::posix(EINVAL, "socket path");
+  int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (fd < 0) return Error::fromErrno("socket");
+  UniqueFd socket(fd);
+  if (path.size() >= kMaximumSocketPathLength) return Error::posix(EINVAL, "socket path");
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::memcpy(address.sun_path, path.data(), path.size());
+  const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + path.size() + 1);
+  for (;;) {
+    if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), length) == 0) break;
+    if (errno != EINTR) return Error::fromErrno("connect");
+  }
+  return socket;
+}
+
+Result<UniqueFd> KRVSecurityAgent::openResponsePipeAtPath(const std::string& path) {
+  if (path.empty()) return Error::posix(EINVAL, "pipe path");
+  // Blocks until the command's thread opens the write end.
+  return sys::open(path, O_RDONLY | O_NOCTTY);
+}
+
+std::optional<std::string> KRVSecurityAgent::pathForResponsePipeFromExecutionAcknowledgeError(
+    const Error& acknowledgement) {
+  if (!acknowledgement.is(kTransportErrorDomain, kTransportAccepted)) return std::nullopt;
+  const Value* path = acknowledgement.userInfo().find(keyForClientSocket());
+  if (path == nullptr) return std::nullopt;
+  return nameBytes(*path);
+}
+
+Error KRVSecurityAgent::startExecutionOfPrivilegedCommand(KRVPrivilegedCommand& command,
+                                                          bool deauthorizeAfterCompletion) {
+  command.setDeauthorizesAfterExecution(deauthorizeAfterCompletion);
+  if (!command.isValid()) return transportError(kTransportCommandInvalid);
+  if (command.isNeedingAuthorization() && !command.hasAuthorizationToken()) {
+    if (Status status = command.preAuthorizeOnClient(); !status) return status.error();
+  }
+
+  for (int attempts = 0;;) {
+    Result<UniqueFd> socket = openRequestSocketAtPath(m_socketPath);
+    if (!socket) return socket.error();
+    // Sent with MSG_NOSIGNAL: a daemon that closes the connection must not kill the client.
+    Data payload = archiveSequential(command);
+    int result = writeDataBlock(socket->get(), payload, BlockSink::Socket);
+    if (result != 0) return Error::posix(result, "write request");
+    Result<Value> reply = readObject(socket->get(), *m_responseClasses);
+    socket->reset();
+    if (!reply) return Error::posix(static_cast<int>(reply.error().code()), "read acknowledgement");
+    const Error* acknowledgement = reply->objectAs<Error>();
+    if (acknowledgement == nullptr) return transportError(kTransportReplyNotAnError);
+    if (!isInteractionNeeded(*acknowledgement)) return *acknowledgement;
+
+    // The daemon could not obtain the right without the user: ask again, then resend once.
+    if (Status status = command.preAuthorizeOnClient(); !status) return status.error();
+    if (++attempts >= 2) return *acknowledgement;
+  }
+}
+
+bool KRVSecurityAgent::isContinuingCommandExecutionViaPipe(int fd, Error* status) const {
+  KRV_ASSERT(status != nullptr, kUnit);
+  if (fd < 0) {
+    *status = Error::posix(EINVAL, "pipe");
+    return false;
+  }
+  Result<Value> message = readObject(fd, *m_responseClasses);
+  const Error* error = message ? message->objectAs<Error>() : nullptr;
+  if (error == nullptr) {
+    *status = transportError(kTransportPipeMessageInvalid);
+    return false;
+  }
+  *status = *error;
+  return error->is(kTransportErrorDomain, kTransportIntermediateReport);
+}
+
+void KRVSecurityAgent::closePipe(UniqueFd fd, const std::string& path) {
+  KRV_ASSERT(fd.valid() && !path.empty(), kUnit);
+  fd.reset();
+  ::unlink(path.c_str());
+}
+
+Error KRVSecurityAgent::executeAtomicPrivilegedCommand(KRVPrivilegedCommand& command,
+                                                       bool deauthorizeAfterCompletion) {
+  Error status = startExecutionOfPrivilegedCommand(command, deauthorizeAfterCompletion);
+  std::optional<std::string> path = pathForResponsePipeFromExecutionAcknowledgeError(status);
+  if (!path) return status;
+  Result<UniqueFd> pipe = openResponsePipeAtPath(*path);
+  if (!pipe) return pipe.error();
+  while (isContinuingCommandExecutionViaPipe(pipe->get(), &status)) {
+    if (m_reportHandler) m_reportHandler(status);
+  }
+  closePipe(std::move(*pipe), *path);
+  command.discardAuthorization();
+  return status;
 }
 
 }  // namespace krv

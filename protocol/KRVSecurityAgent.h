@@ -64,11 +64,12 @@ class KRVSecurityAgent {
   static Error transportError(std::int64_t code, Dictionary userInfo = {});
 
   // ---- Data blocks and object transfer ----
+  // On any descriptor: the request socket and the response pipe carry the same blocks.
   static int writeData(const Data* data, int fd);
-  static Result<Data> readDataFromPipe(int fd);
+  static Result<Data> readData(int fd);
   static int writeObject(const Archivable* object, int fd);
   // Reads one object of a class the registry knows; any framing or archive fault is EIO.
-  static Result<Value> readObjectFromPipe(
+  static Result<Value> readObject(
       int fd, const ClassRegistry& classes = KRVPrivilegedCommand::transportClasses());
   // Whether an object fits into one data block (no object is acceptable too).
   static bool isObjectAcceptableForResponse(const Archivable* object);

@@ -44,7 +44,7 @@ TEST(DataBlockTest, EnforcesTheWriterLimitAndSendsNothingForEmptyData) {
   SocketPair pair;
   Data largest(1048540, 0xAB);
   EXPECT_EQ(KRVSecurityAgent::writeData(&largest, pair.writer.get()), 0);
-  Result<Data> read = KRVSecurityAgent::readDataFromPipe(pair.reader.get());
+  Result<Data> read = KRVSecurityAgent::readData(pair.reader.get());
   ASSERT_TRUE(read);
   EXPECT_EQ(*read, largest);
 
@@ -104,7 +104,7 @@ TEST(ObjectTransferTest, TransfersAnErrorObjectAndRefusesBrokenOnes) {
   info.set("ClientSocket", Value("/tmp/x.pipe"));
   Error acknowledgement = KRVSecurityAgent::transportError(kTransportAccepted, info);
   ASSERT_EQ(KRVSecurityAgent::writeObject(&acknowledgement, pair.writer.get()), 0);
-  Result<Value> read = KRVSecurityAgent::readObjectFromPipe(pair.reader.get());
+  Result<Value> read = KRVSecurityAgent::readObject(pair.reader.get());
   ASSERT_TRUE(read);
   ASSERT_NE(read->objectAs<Error>(), nullptr);
   EXPECT_EQ(*read->objectAs<Error>(), acknowledgement);
@@ -119,7 +119,7 @@ TEST(ObjectTransferTest, TransfersAnErrorObjectAndRefusesBrokenOnes) {
   };
   for (const Data& payload : payloads) {
     ASSERT_EQ(writeDataBlock(pair.writer.get(), payload), 0);
-    Result<Value> object = KRVSecurityAgent::readObjectFromPipe(pair.reader.get());
+    Result<Value> object = KRVSecurityAgent::readObject(pair.reader.get());
     ASSERT_FALSE(object);
     EXPECT_EQ(object.error().code(), EIO);
   }

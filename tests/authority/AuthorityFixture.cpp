@@ -133,12 +133,9 @@ void AuthorityFixture::defineRight(const std::string& right, const std::string& 
 }
 
 bool AuthorityFixture::waitForLog(std::string_view text, std::chrono::milliseconds timeout) {
-  const auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (serviceLog().find(text) == std::string::npos) {
-    if (std::chrono::steady_clock::now() >= deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
-  return true;
+  if (!m_service) return false;
+  return m_service->waitForStandardError(
+      [text](const std::string& log) { return log.find(text) != std::string::npos; }, timeout);
 }
 
 std::string AuthorityFixture::rightFile(const std::string& right) const {

@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "authorization/TestTerminal.h"
 #include "tests/authority/AuthorityFixture.h"
+#include "tests/support/PseudoTerminal.h"
 
 namespace krv::test {
 namespace {

@@ -43,8 +43,9 @@ class ByteNamesTest : public DaemonTest {
   void TearDown() override {
     if (!IsSkipped()) {
       // A test that failed half-way may leave the tree immutable.
-      (void)runCommand(10, {nameValue(path("dir\xfe")), Value::integer(0), Value::integer(1),
-                            Value::integer(0)});
+      (void)runCommand(
+          kCommandModifyProtectAttribute,
+          {nameValue(path("dir\xfe")), Value::integer(0), Value::integer(1), Value::integer(0)});
       (void)runProgram("/bin/rm", {"-rf", kBase});
     }
     DaemonTest::TearDown();
@@ -69,8 +70,9 @@ class ByteNamesTest : public DaemonTest {
 
 TEST_F(ByteNamesTest, SearchesAndCountsCarryTheExactBytes) {
   std::vector<Error> reports;
-  Error found = runCommand(14, {Value(kBase), Value::integer(0), Value::integer(0)}, &reports);
-  ASSERT_TRUE(found.is(kCommandErrorDomain, 0)) << found.description() << daemonLog();
+  Error found = runCommand(kCommandSearchAgedFiles,
+                           {Value(kBase), Value::integer(0), Value::integer(0)}, &reports);
+  ASSERT_TRUE(found.is(kCommandErrorDomain, kResultSuccess)) << found.description() << daemonLog();
   std::vector<std::string> expected = {
       path("a\n"),     path("a\n/etc"),        path("a\n/etc/shadow"),   path("bad\xffname"),
       path("dir\xfe"), path("dir\xfe/in\xff"), path("tab\there\x1b[31m")};
@@ -80,32 +82,39 @@ TEST_F(ByteNamesTest, SearchesAndCountsCarryTheExactBytes) {
   // Patterns are bytes too.
   reports.clear();
   Error matched = runCommand(
-      46, {Value(kBase), Value("0"), Value("1"), nameValue("bad\xff"), Value("1"), Value("tab")},
+      kCommandSearchNamePatterns,
+      {Value(kBase), Value("0"), Value("1"), nameValue("bad\xff"), Value("1"), Value("tab")},
       &reports);
-  ASSERT_TRUE(matched.is(kCommandErrorDomain, 0)) << matched.description();
+  ASSERT_TRUE(matched.is(kCommandErrorDomain, kResultSuccess)) << matched.description();
   EXPECT_EQ(pathsIn(reports),
             (std::vector<std::string>{path("bad\xffname"), path("tab\there\x1b[31m")}));
 
   // A base that is not UTF-8 travels as a byte string.
-  Error counted = runCommand(51, {nameValue(path("dir\xfe")), Value("/tmp/marker")});
-  ASSERT_TRUE(counted.is(kCommandErrorDomain, 0)) << counted.description() << daemonLog();
+  Error counted =
+      runCommand(kCommandCountFileObjects, {nameValue(path("dir\xfe")), Value("/tmp/marker")});
+  ASSERT_TRUE(counted.is(kCommandErrorDomain, kResultSuccess))
+      << counted.description() << daemonLog();
   EXPECT_EQ(counted.userInfo().find("Size")->asNumber()->unsignedIntegerValue(), 2u);
 }
 
 TEST_F(ByteNamesTest, DeletionAndProtectionActOnTheExactBytes) {
   Error protectedTree = runCommand(
-      10, {nameValue(path("dir\xfe")), Value::integer(1), Value::integer(1), Value::integer(0)});
-  ASSERT_TRUE(protectedTree.is(kCommandErrorDomain, 0)) << protectedTree.description();
+      kCommandModifyProtectAttribute,
+      {nameValue(path("dir\xfe")), Value::integer(1), Value::integer(1), Value::integer(0)});
+  ASSERT_TRUE(protectedTree.is(kCommandErrorDomain, kResultSuccess)) << protectedTree.description();
   EXPECT_NE(::unlink(path("dir\xfe/in\xff").c_str()), 0) << "the file inside is immutable";
   Error unprotected = runCommand(
-      10, {nameValue(path("dir\xfe")), Value::integer(0), Value::integer(1), Value::integer(0)});
-  ASSERT_TRUE(unprotected.is(kCommandErrorDomain, 0)) << unprotected.description();
+      kCommandModifyProtectAttribute,
+      {nameValue(path("dir\xfe")), Value::integer(0), Value::integer(1), Value::integer(0)});
+  ASSERT_TRUE(unprotected.is(kCommandErrorDomain, kResultSuccess)) << unprotected.description();
 
-  Error deleted = runCommand(7, {Value("1"), nameValue(path("bad\xffname"))});
-  ASSERT_TRUE(deleted.is(kCommandErrorDomain, 0)) << deleted.description() << daemonLog();
+  Error deleted =
+      runCommand(kCommandDeleteFileObjects, {Value("1"), nameValue(path("bad\xffname"))});
+  ASSERT_TRUE(deleted.is(kCommandErrorDomain, kResultSuccess))
+      << deleted.description() << daemonLog();
   EXPECT_NE(::access(path("bad\xffname").c_str(), F_OK), 0);
 
-  Error missing = runCommand(7, {Value("1"), nameValue(path("gone\xff"))});
+  Error missing = runCommand(kCommandDeleteFileObjects, {Value("1"), nameValue(path("gone\xff"))});
   EXPECT_TRUE(missing.is(kPosixErrorDomain, ENOENT)) << missing.description();
   const Value* failing = missing.userInfo().find("FailingPath");
   ASSERT_NE(failing, nullptr);
@@ -115,12 +124,12 @@ TEST_F(ByteNamesTest, DeletionAndProtectionActOnTheExactBytes) {
 
 TEST_F(ByteNamesTest, AByteStringArgumentThatIsTextIsRefused) {
   // Every path has one encoding: bytes that are valid UTF-8 must come as text.
-  auto inspect =
-      KRVPrivilegedCommand::privilegedCommandWithCode(15, {Value(Data{'/', 't', 'm', 'p'})});
+  auto inspect = KRVPrivilegedCommand::privilegedCommandWithCode(kCommandInspectFileObject,
+                                                                 {Value(Data{'/', 't', 'm', 'p'})});
   Result<Value> reply = exchange(*inspect);
   ASSERT_FALSE(reply);
   EXPECT_EQ(reply.error().code(), EPIPE);
-  EXPECT_TRUE(runCommand(1, {}).is(kCommandErrorDomain, 0));
+  EXPECT_TRUE(runCommand(kCommandGetVersion, {}).is(kCommandErrorDomain, kResultSuccess));
 }
 
 TEST_F(ByteNamesTest, TheClientTakesBytesAndShowsNamesEscaped) {

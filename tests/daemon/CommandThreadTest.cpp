@@ -33,7 +33,7 @@ std::vector<std::string> responsePipesInTmp() {
 TEST_F(DaemonTest, ACommandWhoseThreadCannotStartIsRefusedAndLeavesNoPipe) {
   startDaemon(ThreadCreation::Refused);
 
-  auto version = KRVPrivilegedCommand::privilegedCommandWithCode(1, {});
+  auto version = KRVPrivilegedCommand::privilegedCommandWithCode(kCommandGetVersion, {});
   Result<Value> reply = exchange(*version);
   ASSERT_TRUE(reply) << reply.error().description() << daemonLog();
   const Error* answer = reply->objectAs<Error>();

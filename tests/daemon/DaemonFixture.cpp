@@ -54,8 +54,9 @@ void DaemonTest::startDaemon(ThreadCreation threads) {
   m_daemon.emplace(std::move(*daemon));
   if (threads == ThreadCreation::Refused) return;
   // The daemon serves its first request only after its start-up (the right definitions among it).
-  Error version = runCommand(1, {});
-  ASSERT_TRUE(version.is(kCommandErrorDomain, 0)) << version.description() << daemonLog();
+  Error version = runCommand(kCommandGetVersion, {});
+  ASSERT_TRUE(version.is(kCommandErrorDomain, kResultSuccess))
+      << version.description() << daemonLog();
 }
 
 void DaemonTest::TearDown() {
@@ -69,13 +70,19 @@ void DaemonTest::TearDown() {
   }
 }
 
-bool DaemonTest::waitForLog(const std::string& text, std::chrono::milliseconds timeout) {
-  auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (std::chrono::steady_clock::now() < deadline) {
-    if (daemonLog().find(text) != std::string::npos) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
-  return daemonLog().find(text) != std::string::npos;
+bool DaemonTest::waitForLog(const std::string& text, std::chrono::milliseconds timeout,
+                            std::size_t times) {
+  if (!m_daemon) return false;
+  return m_daemon->waitForStandardError(
+      [&](const std::string& log) {
+        std::size_t found = 0;
+        for (std::size_t at = log.find(text); at != std::string::npos && found < times;
+             at = log.find(text, at + text.size())) {
+          ++found;
+        }
+        return found >= times;
+      },
+      timeout);
 }
 
 ProgramRun runProgram(const std::string& path, const std::vector<std::string>& arguments, uid_t uid,
@@ -152,7 +159,7 @@ Result<Value> DaemonTest::exchange(const Data& payload) {
   if (int error = writeDataBlock(socket.get(), payload, BlockSink::Socket); error != 0) {
     return Error::posix(error, "write request");
   }
-  return KRVSecurityAgent::readObjectFromPipe(socket.get());
+  return KRVSecurityAgent::readObject(socket.get());
 }
 
 Result<Value> DaemonTest::exchange(const KRVPrivilegedCommand& command) {

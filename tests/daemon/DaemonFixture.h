@@ -47,8 +47,9 @@ class DaemonTest : public testing::Test {
   void startDaemon(ThreadCreation threads = ThreadCreation::Allowed);
   ServiceProcess& daemon() { return *m_daemon; }
   std::string daemonLog() const { return m_daemon ? m_daemon->standardError() : std::string(); }
-  // Waits until the daemon's log contains `text`.
-  bool waitForLog(const std::string& text, std::chrono::milliseconds timeout);
+  // Waits until the daemon's log contains `text` (at least `times` times).
+  bool waitForLog(const std::string& text, std::chrono::milliseconds timeout,
+                  std::size_t times = 1);
 
   // The command-line client.
   ProgramRun runClient(const std::vector<std::string>& arguments, uid_t uid = 0, gid_t gid = 0);

@@ -74,9 +74,9 @@ TEST_F(DaemonTest, AnswersVersionAndNoneThroughTheClient) {
 TEST_F(DaemonTest, WhoAmIReportsItsProgressThenTheProgramsOutput) {
   std::vector<Error> reports;
   auto started = std::chrono::steady_clock::now();
-  Error result = runCommand(3, {Value::integer(3)}, &reports);
+  Error result = runCommand(kCommandWhoAmI, {Value::integer(3)}, &reports);
   EXPECT_GE(std::chrono::steady_clock::now() - started, 3s);
-  ASSERT_TRUE(result.is("com.tavorin.privilegedCommand", 0)) << result.description();
+  ASSERT_TRUE(result.is(kCommandErrorDomain, kResultSuccess)) << result.description();
   EXPECT_EQ(*result.userInfo().find("OutputChannel")->asData(), (Data{'r', 'o', 'o', 't', '\n'}));
   EXPECT_EQ(result.userInfo().find("UnderlyingErrorCode")->asNumber()->integerValue(), 0);
   ASSERT_EQ(reports.size(), 3u);
@@ -91,36 +91,36 @@ TEST_F(DaemonTest, BadRequestsAreAnsweredByAClosedConnection) {
   ASSERT_FALSE(reply);
   EXPECT_EQ(reply.error().code(), EPIPE);
 
-  // Code 14 with two arguments where its signature has three.
-  RawRequest mismatched(14, {Value("/"), Value::integer(1)});
+  // The age search with two arguments where its signature has three.
+  RawRequest mismatched(kCommandSearchAgedFiles, {Value("/"), Value::integer(1)});
   Result<Value> second = exchange(archiveSequential(mismatched));
   ASSERT_FALSE(second);
   EXPECT_EQ(second.error().code(), EPIPE);
 
   // The daemon goes on serving.
-  EXPECT_TRUE(runCommand(1, {}).is("com.tavorin.privilegedCommand", 0));
+  EXPECT_TRUE(runCommand(kCommandGetVersion, {}).is(kCommandErrorDomain, kResultSuccess));
   EXPECT_TRUE(waitForLog("Request failure (Input/output error)", 1s)) << daemonLog();
 }
 
 TEST_F(DaemonTest, RefusesAuthorizationThatTheServiceDoesNotConfirm) {
-  auto shutdown = command(2);
+  auto shutdown = command(kCommandShutdown);
   auth::ExternalForm guessed;
   guessed.fill(0x5A);
   shutdown->setAuthorizationToken(guessed);
   Result<Value> reply = exchange(*shutdown);
   const Error* error = asError(reply);
   ASSERT_NE(error, nullptr);
-  EXPECT_TRUE(error->is("com.tavorin.privilegedCommand", 2));
+  EXPECT_TRUE(error->is(kCommandErrorDomain, kResultAuthorizationFailed));
   EXPECT_EQ(error->userInfo().find("UnderlyingErrorCode")->asNumber()->integerValue(), -60007);
   EXPECT_TRUE(waitForLog("Could not get required authorization.", 1s));
 
   // A refused shutdown leaves the daemon serving.
-  EXPECT_TRUE(runCommand(0, {}).is("com.tavorin.privilegedCommand", 0));
+  EXPECT_TRUE(runCommand(kCommandNone, {}).is(kCommandErrorDomain, kResultSuccess));
   EXPECT_TRUE(daemon().running());
 }
 
 TEST_F(DaemonTest, CreatesTheResponsePipeForTheRequestingUser) {
-  auto version = command(1);
+  auto version = command(kCommandGetVersion);
   version->setUserIdentification(4242);
   Result<Value> reply = exchange(*version);
   const Error* acknowledgement = asError(reply);
@@ -138,22 +138,22 @@ TEST_F(DaemonTest, CreatesTheResponsePipeForTheRequestingUser) {
 
   Result<UniqueFd> pipe = KRVSecurityAgent::openResponsePipeAtPath(*path);
   ASSERT_TRUE(pipe);
-  Result<Value> final = KRVSecurityAgent::readObjectFromPipe(pipe->get());
+  Result<Value> final = KRVSecurityAgent::readObject(pipe->get());
   ASSERT_TRUE(final);
-  EXPECT_TRUE(final->objectAs<Error>()->is("com.tavorin.privilegedCommand", 0));
+  EXPECT_TRUE(final->objectAs<Error>()->is(kCommandErrorDomain, kResultSuccess));
   ::unlink(path->c_str());
 }
 
 TEST_F(DaemonTest, ShutdownLetsARunningCommandFinishThenExits) {
-  auto whoami =
-      std::async(std::launch::async, [this] { return runCommand(3, {Value::integer(2)}); });
+  auto whoami = std::async(std::launch::async,
+                           [this] { return runCommand(kCommandWhoAmI, {Value::integer(2)}); });
   ASSERT_TRUE(waitForLog("running for request type 3.", 5s));
-  Error acknowledgement = runCommand(2, {});
+  Error acknowledgement = runCommand(kCommandShutdown, {});
   EXPECT_TRUE(acknowledgement.is("com.tavorin.securityagent", 0)) << acknowledgement.description();
   EXPECT_TRUE(acknowledgement.userInfo().empty());
 
   Error result = whoami.get();
-  EXPECT_TRUE(result.is("com.tavorin.privilegedCommand", 0)) << result.description();
+  EXPECT_TRUE(result.is(kCommandErrorDomain, kResultSuccess)) << result.description();
   std::optional<int> status = daemon().waitForExit(5s);
   ASSERT_TRUE(status);
   EXPECT_TRUE(WIFEXITED(*status) && WEXITSTATUS(*status) == 0) << *status;
@@ -170,7 +170,7 @@ TEST_F(DaemonTest, PreparingUninstallationRemovesEveryRightThenEnds) {
   ASSERT_EQ(auth::rightGet("com.tavorin.get.storage-size", &definition), auth::kStatusSuccess);
   EXPECT_EQ(definition, Value("allow"));
 
-  Error acknowledgement = runCommand(53, {});
+  Error acknowledgement = runCommand(kCommandPrepareUninstallation, {});
   EXPECT_TRUE(acknowledgement.is("com.tavorin.securityagent", 0)) << acknowledgement.description();
   EXPECT_TRUE(acknowledgement.userInfo().empty());
   for (const auto& command : KRVPrivilegedCommand::allImplementedCommandsNeedingAuthorization()) {
@@ -198,7 +198,7 @@ TEST_F(DaemonTest, ASilentClientIsEndedByTheWatchdog) {
 }
 
 TEST_F(DaemonTest, AClientThatDisappearsEndsOnlyItsCommand) {
-  auto whoami = command(3, {Value::integer(4)});
+  auto whoami = command(kCommandWhoAmI, {Value::integer(4)});
   whoami->setUserIdentification(0);
   std::optional<KRVSecurityAgent> agent = KRVSecurityAgent::init(kDaemonSocketPath);
   ASSERT_TRUE(agent);
@@ -217,31 +217,20 @@ TEST_F(DaemonTest, AClientThatDisappearsEndsOnlyItsCommand) {
       << daemonLog();
   EXPECT_TRUE(waitForLog("servicing request type 3 exited.", 2s));
   // The daemon serves on, and a shutdown ends it at once: no command thread is left.
-  EXPECT_TRUE(runCommand(1, {}).is("com.tavorin.privilegedCommand", 0));
-  EXPECT_TRUE(runCommand(2, {}).is("com.tavorin.securityagent", 0));
+  EXPECT_TRUE(runCommand(kCommandGetVersion, {}).is(kCommandErrorDomain, kResultSuccess));
+  EXPECT_TRUE(runCommand(kCommandShutdown, {}).is("com.tavorin.securityagent", 0));
   EXPECT_TRUE(daemon().waitForExit(2s));
 }
 
 TEST_F(DaemonTest, ThrottlesOnceElevenCommandsRun) {
   std::vector<std::future<Error>> commands;
-  for (int i = 0; i < 12; ++i) {
-    commands.push_back(
-        std::async(std::launch::async, [this] { return runCommand(3, {Value::integer(3)}); }));
+  for (std::size_t i = 0; i < 12; ++i) {
+    commands.push_back(std::async(
+        std::launch::async, [this] { return runCommand(kCommandWhoAmI, {Value::integer(3)}); }));
     // Each command must be counted before the next request arrives.
-    std::string started = "running for request type 3.";
-    auto deadline = std::chrono::steady_clock::now() + 3s;
-    while (std::chrono::steady_clock::now() < deadline) {
-      std::string log = daemonLog();
-      std::size_t count = 0;
-      for (std::size_t at = log.find(started); at != std::string::npos;
-           at = log.find(started, at + 1)) {
-        ++count;
-      }
-      if (count >= static_cast<std::size_t>(i + 1)) break;
-      std::this_thread::sleep_for(10ms);
-    }
+    EXPECT_TRUE(waitForLog("running for request type 3.", 3s, i + 1)) << i;
   }
-  for (auto& result : commands) EXPECT_TRUE(result.get().is("com.tavorin.privilegedCommand", 0));
+  for (auto& result : commands) EXPECT_TRUE(result.get().is(kCommandErrorDomain, kResultSuccess));
   std::string log = daemonLog();
   EXPECT_NE(log.find("Number of concurrent threads seems high. Throttling is in effect (100000)."),
             std::string::npos)

@@ -1,14 +1,17 @@
 // File and program commands end to end: the real daemon runs a tool program and deletes files,
 // driven through the client library and the real command-line client.
 
+#include <fcntl.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
 #include <cerrno>
 
 #include <chrono>
 #include <fstream>
 
+#include "foundation/System.h"
 #include "protocol/KRVSecurityAgent.h"
 #include "tests/daemon/DaemonFixture.h"
 #include "tests/support/Sandbox.h"
@@ -17,12 +20,14 @@ namespace krv::test {
 namespace {
 
 using namespace std::chrono_literals;
-using Clock = std::chrono::steady_clock;
 
 constexpr const char* kDiskUtility = "/usr/sbin/diskutil";
+// The pausing tool waits here for a line from the test before it goes on.
+constexpr const char* kToolGate = "/run/krv-diskutil-gate";
 
 // The disk utility's fixed path holds, inside this process's private sandbox only, a safe program
-// that prints, pauses and prints again. /usr/sbin gets an overlay whose writable layer lives in
+// that prints, waits until the test has seen that output (a line through a FIFO, given up after
+// 30 seconds) and prints again. /usr/sbin gets an overlay whose writable layer lives in
 // the sandbox's /run, so the host's folder is never written. Done once per process, before the
 // daemon starts (it inherits the mounts).
 Status installPausingTool() {
@@ -36,8 +41,12 @@ Status installPausingTool() {
       0) {
     return Error::fromErrno("mount overlay /usr/sbin");
   }
-  std::ofstream(kDiskUtility) << "#!/bin/sh\nprintf 'first %s\\n' \"$1\"\n/bin/sleep 1\n"
-                                 "printf 'second\\n'\nprintf oops >&2\n";
+  if (::mkfifo(kToolGate, 0600) != 0) return Error::fromErrno("mkfifo");
+  // Programs run without PATH: every path is absolute.
+  std::ofstream(kDiskUtility)
+      << "#!/bin/sh\nprintf 'first %s\\n' \"$1\"\n"
+      << "if /usr/bin/timeout 30 /bin/sh -c 'read line < " << kToolGate << "'; then\n"
+      << "  printf 'second\\n'\nelse\n  printf 'never released\\n'\nfi\nprintf oops >&2\n";
   if (::chown(kDiskUtility, 0, 0) != 0 || ::chmod(kDiskUtility, 0755) != 0) {
     return Error::fromErrno("chmod");
   }
@@ -65,20 +74,29 @@ std::string bytesOf(const Error& message, const char* key) {
 TEST_F(FileCommandsTest, ToolOutputArrivesWhileTheProgramRuns) {
   std::optional<KRVSecurityAgent> agent = KRVSecurityAgent::init(kDaemonSocketPath);
   ASSERT_TRUE(agent);
-  std::vector<std::pair<Clock::time_point, Error>> reports;
-  agent->setReportHandler([&](const Error& report) { reports.emplace_back(Clock::now(), report); });
-  auto command = KRVPrivilegedCommand::privilegedCommandWithCode(40, {Value("a b")});
+  // The tool goes on only once its first output has reached the client, so that output arrived
+  // while the program ran. Held open for reading and writing, the gate takes the line whether or
+  // not the tool has opened it yet.
+  Result<UniqueFd> gate = sys::open(kToolGate, O_RDWR | O_NONBLOCK);
+  ASSERT_TRUE(gate) << gate.error().description();
+  std::vector<Error> reports;
+  agent->setReportHandler([&](const Error& report) {
+    reports.push_back(report);
+    if (reports.size() != 1) return;
+    EXPECT_TRUE(sys::writeAll(gate->get(), {reinterpret_cast<const std::uint8_t*>("go\n"), 3}));
+  });
+  auto command =
+      KRVPrivilegedCommand::privilegedCommandWithCode(kCommandExecuteDiskutil, {Value("a b")});
   Error result = agent->executeAtomicPrivilegedCommand(*command, false);
-  const Clock::time_point finished = Clock::now();
 
-  ASSERT_TRUE(result.is(kCommandErrorDomain, 0)) << result.description() << daemonLog();
+  ASSERT_TRUE(result.is(kCommandErrorDomain, kResultSuccess))
+      << result.description() << daemonLog();
   EXPECT_EQ(bytesOf(result, "OutputChannel"), "first a b\nsecond\n");
   EXPECT_EQ(bytesOf(result, "ErrorChannel"), "oops");
   ASSERT_FALSE(reports.empty());
-  EXPECT_EQ(bytesOf(reports.front().second, "OutputChannel"), "first a b\n");
-  EXPECT_GE(finished - reports.front().first, 800ms);
+  EXPECT_EQ(bytesOf(reports.front(), "OutputChannel"), "first a b\n");
   std::string relayed, relayedErrors;
-  for (const auto& [when, report] : reports) {
+  for (const Error& report : reports) {
     EXPECT_TRUE(report.is("com.tavorin.securityagent", 1));
     const Value* progress = report.userInfo().find("CurrentProgress");
     EXPECT_TRUE(progress && progress->asNumber() && progress->asNumber()->doubleValue() == 0.0);
@@ -97,9 +115,10 @@ TEST_F(FileCommandsTest, MultiPathDeleteReportsItsProgress) {
   }
   std::vector<Error> reports;
   Error result = runCommand(
-      7, {Value("0"), Value("/tmp/delete/a"), Value("/tmp/delete/b"), Value("/tmp/delete/c")},
+      kCommandDeleteFileObjects,
+      {Value("0"), Value("/tmp/delete/a"), Value("/tmp/delete/b"), Value("/tmp/delete/c")},
       &reports);
-  EXPECT_TRUE(result.is(kCommandErrorDomain, 0)) << result.description();
+  EXPECT_TRUE(result.is(kCommandErrorDomain, kResultSuccess)) << result.description();
   std::vector<double> progress;
   for (const Error& report : reports) {
     const Value* value = report.userInfo().find("CurrentProgress");

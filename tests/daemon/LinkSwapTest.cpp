@@ -61,9 +61,9 @@ class LinkSwapTest : public DaemonTest {
   // What the administrator's cleaner sees: the paths the age search lists below /tmp/att.
   std::vector<std::string> agedPaths() {
     std::vector<Error> reports;
-    Error result =
-        runCommand(14, {Value("/tmp/att"), Value::integer(30), Value::integer(0)}, &reports);
-    EXPECT_TRUE(result.is(kCommandErrorDomain, 0)) << result.description();
+    Error result = runCommand(kCommandSearchAgedFiles,
+                              {Value("/tmp/att"), Value::integer(30), Value::integer(0)}, &reports);
+    EXPECT_TRUE(result.is(kCommandErrorDomain, kResultSuccess)) << result.description();
     std::vector<std::string> paths;
     for (const Error& report : reports) {
       const Value* records = report.userInfo().find("FileSystemObjects");
@@ -97,7 +97,7 @@ class LinkSwapTest : public DaemonTest {
                            5s))
         << daemonLog();
     // The daemon stays up and serves the next request.
-    EXPECT_TRUE(runCommand(1, {}).is(kCommandErrorDomain, 0));
+    EXPECT_TRUE(runCommand(kCommandGetVersion, {}).is(kCommandErrorDomain, kResultSuccess));
   }
 };
 
@@ -127,13 +127,14 @@ TEST_F(LinkSwapTest, DeletingAListedTreeRefusesALinkInTheMiddleOfItsPath) {
 // Root's own links (as the system has them) and a user's links inside her own files lead on.
 TEST_F(LinkSwapTest, RootsLinksAndLinksWithinAUsersOwnFilesStillLead) {
   ASSERT_EQ(::symlink("/run/vault", "/tmp/system-link"), 0);
-  Error deleted = runCommand(7, {Value("1"), Value("/tmp/system-link/secret")});
-  EXPECT_TRUE(deleted.is(kCommandErrorDomain, 0)) << deleted.description();
+  Error deleted =
+      runCommand(kCommandDeleteFileObjects, {Value("1"), Value("/tmp/system-link/secret")});
+  EXPECT_TRUE(deleted.is(kCommandErrorDomain, kResultSuccess)) << deleted.description();
   EXPECT_NE(::access("/run/vault/secret", F_OK), 0);
 
   asUser("mkdir -p /tmp/att/real/tree/deeper && ln -s real /tmp/att/mine");
-  deleted = runCommand(8, {Value("/tmp/att/mine/tree")});
-  EXPECT_TRUE(deleted.is(kCommandErrorDomain, 0)) << deleted.description();
+  deleted = runCommand(kCommandDeleteFileSubtree, {Value("/tmp/att/mine/tree")});
+  EXPECT_TRUE(deleted.is(kCommandErrorDomain, kResultSuccess)) << deleted.description();
   EXPECT_NE(::access("/tmp/att/real/tree", F_OK), 0);
   EXPECT_EQ(daemonLog().find("Refused"), std::string::npos) << daemonLog();
 }

@@ -114,8 +114,9 @@ class SearchCommandsTest : public DaemonTest {
 TEST_F(SearchCommandsTest, CountThroughTheClientStopsAtTheMarker) {
   for (int i = 0; i < 999; ++i) makeFile("f" + std::to_string(i));
   std::vector<Error> reports;
-  Error result = runCommand(51, {Value(kBase), Value("/tmp/marker")}, &reports);
-  ASSERT_TRUE(result.is(kCommandErrorDomain, 0)) << result.description();
+  Error result =
+      runCommand(kCommandCountFileObjects, {Value(kBase), Value("/tmp/marker")}, &reports);
+  ASSERT_TRUE(result.is(kCommandErrorDomain, kResultSuccess)) << result.description();
   EXPECT_EQ(sizeOf(result), 1000u);
   ASSERT_EQ(reports.size(), 2u) << "signs of life at 500 and 1,000";
   EXPECT_EQ(progressOf(reports[0]), 0.0);
@@ -134,8 +135,10 @@ TEST_F(SearchCommandsTest, AgeSearchArrivesInChunksAfterItsFirstProgress) {
   for (int i = 0; i < 250; ++i) makeFile("old" + std::to_string(i), old);
   makeFile("new");
   std::vector<Error> reports;
-  Error result = runCommand(14, {Value(kBase), Value::integer(30), Value::integer(0)}, &reports);
-  ASSERT_TRUE(result.is(kCommandErrorDomain, 0)) << result.description() << daemonLog();
+  Error result = runCommand(kCommandSearchAgedFiles,
+                            {Value(kBase), Value::integer(30), Value::integer(0)}, &reports);
+  ASSERT_TRUE(result.is(kCommandErrorDomain, kResultSuccess))
+      << result.description() << daemonLog();
   ASSERT_EQ(reports.size(), 4u);
   EXPECT_EQ(progressOf(reports[0]), 0.05);
   EXPECT_EQ(recordsOf(reports[0]), nullptr);
@@ -164,7 +167,7 @@ TEST_F(SearchCommandsTest, WalksStayOnTheVolumeWhenAsked) {
   auto found = [&](std::uint32_t code, Array arguments) {
     std::vector<Error> reports;
     Error result = runCommand(code, std::move(arguments), &reports);
-    EXPECT_TRUE(result.is(kCommandErrorDomain, 0)) << result.description();
+    EXPECT_TRUE(result.is(kCommandErrorDomain, kResultSuccess)) << result.description();
     return foundPaths(reports);
   };
   using Paths = std::vector<std::string>;
@@ -178,7 +181,7 @@ TEST_F(SearchCommandsTest, WalksStayOnTheVolumeWhenAsked) {
   EXPECT_EQ(found(14, age(0)), (Paths{"inside-base", "volume", "volume/inside-volume"}));
 
   // The count always stays: the base, its file and the mount point.
-  Error count = runCommand(51, {Value(kBase), Value("/tmp/marker")});
+  Error count = runCommand(kCommandCountFileObjects, {Value(kBase), Value("/tmp/marker")});
   EXPECT_EQ(sizeOf(count), 3u);
 }
 
@@ -196,13 +199,13 @@ TEST_F(SearchCommandsTest, FoldersThatReopenTheirParentEndEveryWalkWithExactlyTh
   constexpr std::chrono::seconds kLimit(30);
 
   Error count = runCommandWithin(kLimit, 51, {Value(kBase), Value("/tmp/marker")});
-  ASSERT_TRUE(count.is(kCommandErrorDomain, 0)) << count.description();
+  ASSERT_TRUE(count.is(kCommandErrorDomain, kResultSuccess)) << count.description();
   EXPECT_EQ(sizeOf(count), 4u) << "the base and the three folders";
 
   std::vector<Error> reports;
   Error age =
       runCommandWithin(kLimit, 14, {Value(kBase), Value::integer(0), Value::integer(1)}, &reports);
-  ASSERT_TRUE(age.is(kCommandErrorDomain, 0)) << age.description();
+  ASSERT_TRUE(age.is(kCommandErrorDomain, kResultSuccess)) << age.description();
   EXPECT_EQ(foundPaths(reports), tree);
 
   reports.clear();
@@ -210,7 +213,7 @@ TEST_F(SearchCommandsTest, FoldersThatReopenTheirParentEndEveryWalkWithExactlyTh
                                     {Value(kBase), Value("0"), Value("0"), Value("x"), Value("1"),
                                      Value("a"), Value("1"), Value("b")},
                                     &reports);
-  ASSERT_TRUE(patterns.is(kCommandErrorDomain, 0)) << patterns.description();
+  ASSERT_TRUE(patterns.is(kCommandErrorDomain, kResultSuccess)) << patterns.description();
   EXPECT_EQ(foundPaths(reports), tree);
 
   EXPECT_EQ(daemonLog().find("maximum number of nested directories"), std::string::npos);

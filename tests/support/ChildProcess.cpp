@@ -8,7 +8,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <thread>
 #include <utility>
 
 #include "foundation/System.h"
@@ -99,18 +98,27 @@ void ChildProcess::kill() {
 
 Result<int> ChildProcess::wait(std::chrono::milliseconds timeout) {
   if (m_pid <= 0) return Error::posix(ECHILD, "wait");
+  KRV_TRY(int status, waitForExit(m_pid, timeout));
+  m_pid = -1;
+  if (WIFEXITED(status)) return WEXITSTATUS(status);
+  return 128 + WTERMSIG(status);
+}
+
+Result<int> waitForExit(pid_t pid, std::chrono::milliseconds timeout) {
   const auto deadline = std::chrono::steady_clock::now() + timeout;
+  KRV_TRY(UniqueFd process, sys::pidfdOpen(pid));
   for (;;) {
     int status = 0;
-    pid_t done = ::waitpid(m_pid, &status, WNOHANG);
-    if (done == m_pid) {
-      m_pid = -1;
-      if (WIFEXITED(status)) return WEXITSTATUS(status);
-      return 128 + WTERMSIG(status);
-    }
+    const pid_t done = ::waitpid(pid, &status, WNOHANG);
+    if (done == pid) return status;
     if (done < 0 && errno != EINTR) return Error::fromErrno("waitpid");
-    if (std::chrono::steady_clock::now() >= deadline) return Error::posix(ETIMEDOUT, "wait");
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    const auto remaining = std::chrono::duration_cast<std::chrono::milliseconds>(
+        deadline - std::chrono::steady_clock::now());
+    if (remaining.count() <= 0) return Error::posix(ETIMEDOUT, "wait");
+    pollfd exited{process.get(), POLLIN, 0};
+    if (::poll(&exited, 1, static_cast<int>(remaining.count())) < 0 && errno != EINTR) {
+      return Error::fromErrno("poll");
+    }
   }
 }
 

@@ -61,6 +61,11 @@ class ChildProcess {
   LineChannel m_channel;
 };
 
+// Waits until the child `pid` of this process ends, without polling: its process descriptor
+// becomes readable at its exit. Reaps it and answers its status as from waitpid; ETIMEDOUT when it
+// still runs at the deadline (it is not reaped then), or the error of the wait.
+Result<int> waitForExit(pid_t pid, std::chrono::milliseconds timeout);
+
 // Runs body as the identity and returns its exit code.
 Result<int> runAs(Identity identity, const std::function<int()>& body,
                   std::chrono::milliseconds timeout = std::chrono::seconds(30));

@@ -14,12 +14,14 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <condition_variable>
 #include <cstddef>
 #include <cstring>
 #include <mutex>
 #include <thread>
 
 #include "foundation/System.h"
+#include "tests/support/ChildProcess.h"
 
 extern char** environ;
 
@@ -31,7 +33,9 @@ struct ServiceProcess::State {
   int status = 0;
   std::thread reader;
   mutable std::mutex mutex;
-  std::string standardError;
+  std::condition_variable grown;  // standardError grew or was closed
+  std::string standardError;      // guarded by mutex
+  bool standardErrorClosed = false;
 };
 
 namespace {
@@ -175,9 +179,14 @@ Result<ServiceProcess> ServiceProcess::start(const ServiceLaunch& launch) {
     std::uint8_t buffer[4096];
     for (;;) {
       Result<std::size_t> count = sys::read(readEnd.get(), buffer);
-      if (!count || *count == 0) return;
       std::lock_guard<std::mutex> lock(shared->mutex);
+      if (!count || *count == 0) {
+        shared->standardErrorClosed = true;
+        shared->grown.notify_all();
+        return;
+      }
       shared->standardError.append(reinterpret_cast<const char*>(buffer), *count);
+      shared->grown.notify_all();
     }
   });
   return ServiceProcess(std::move(state));
@@ -188,20 +197,12 @@ pid_t ServiceProcess::pid() const { return m_state ? m_state->pid : -1; }
 std::optional<int> ServiceProcess::waitForExit(std::chrono::milliseconds timeout) {
   if (!m_state) return std::nullopt;
   if (m_state->reaped) return m_state->status;
-  const auto deadline = std::chrono::steady_clock::now() + timeout;
-  for (;;) {
-    int status = 0;
-    pid_t done = ::waitpid(m_state->pid, &status, WNOHANG);
-    if (done == m_state->pid) {
-      m_state->reaped = true;
-      m_state->status = status;
-      if (m_state->reader.joinable()) m_state->reader.join();
-      return status;
-    }
-    if (done < 0 && errno != EINTR) return std::nullopt;
-    if (std::chrono::steady_clock::now() >= deadline) return std::nullopt;
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
+  Result<int> status = test::waitForExit(m_state->pid, timeout);
+  if (!status) return std::nullopt;
+  m_state->reaped = true;
+  m_state->status = *status;
+  if (m_state->reader.joinable()) m_state->reader.join();
+  return *status;
 }
 
 bool ServiceProcess::running() {
@@ -224,6 +225,15 @@ std::string ServiceProcess::standardError() const {
   if (!m_state) return {};
   std::lock_guard<std::mutex> lock(m_state->mutex);
   return m_state->standardError;
+}
+
+bool ServiceProcess::waitForStandardError(const std::function<bool(const std::string&)>& done,
+                                          std::chrono::milliseconds timeout) const {
+  if (!m_state) return false;
+  std::unique_lock<std::mutex> lock(m_state->mutex);
+  return m_state->grown.wait_for(lock, timeout, [&] {
+    return done(m_state->standardError) || m_state->standardErrorClosed;
+  }) && done(m_state->standardError);
 }
 
 }  // namespace krv::test

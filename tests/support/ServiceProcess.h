@@ -16,6 +16,7 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -58,6 +59,11 @@ class ServiceProcess {
   void terminate();
   // Everything the service wrote to standard error so far.
   std::string standardError() const;
+  // Waits until what the service wrote to standard error satisfies `done`, which is asked again
+  // whenever more arrives; false when it still does not at the deadline or when the service closed
+  // its standard error first.
+  bool waitForStandardError(const std::function<bool(const std::string&)>& done,
+                            std::chrono::milliseconds timeout) const;
 
  private:
   struct State;

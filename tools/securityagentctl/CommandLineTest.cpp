@@ -2,22 +2,23 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/TestFileTree.h"
+#include "protocol/CommandCodes.h"
+#include "tests/support/TestFileTree.h"
 #include "tools/securityagentctl/ResultPrinter.h"
 
 namespace krv::ctl {
 namespace {
 
 TEST(CommandLineTest, NamesAndCodesSelectTheSameCommand) {
-  EXPECT_EQ(codeForName("version"), 1u);  // a short alias
-  EXPECT_EQ(codeForName("51"), 51u);
-  EXPECT_EQ(codeForName("count-file-objects"), 51u);
+  EXPECT_EQ(codeForName("version"), kCommandGetVersion);  // a short alias
+  EXPECT_EQ(codeForName("51"), kCommandCountFileObjects);
+  EXPECT_EQ(codeForName("count-file-objects"), kCommandCountFileObjects);
   EXPECT_FALSE(codeForName("55"));
   EXPECT_FALSE(codeForName(""));
   EXPECT_FALSE(codeForName("com.tavorin.get.version"));
   // Every command but the reserved one has a name that leads back to it.
-  for (std::uint32_t code = 0; code < 55; ++code) {
-    if (code == 23) continue;
+  for (std::uint32_t code = 0; code < kNumberOfCommandCodes; ++code) {
+    if (code == kCommandReserved) continue;
     EXPECT_EQ(codeForName(readableName(code)), code) << readableName(code);
   }
 }
@@ -51,7 +52,7 @@ TEST(CommandLineTest, ConvertsArgumentsByTheSignature) {
       parseCommandLine({"--json", "search-aged-files", "/var/tmp", "30", "yes"});
   ASSERT_TRUE(options);
   EXPECT_TRUE(options->json);
-  EXPECT_EQ(options->commandCode, 14u);
+  EXPECT_EQ(options->commandCode, kCommandSearchAgedFiles);
   ASSERT_EQ(options->arguments.size(), 3u);
   EXPECT_EQ(*options->arguments[0].asString(), "/var/tmp");
   EXPECT_EQ(options->arguments[1].asNumber()->integerValue(), 30);
@@ -81,13 +82,13 @@ TEST(CommandLineTest, RefusesWrongCountsAndBadNumbers) {
 TEST(ResultPrinterTest, RendersResultsAsJson) {
   Dictionary info;
   info.set("AgentVersionBuild", Value("121004"));
-  info.set("OutputChannel", Value(Data{'r', 'o', 'o', 't', '\n'}));
-  info.set("ModificationDate", Value(Date{0.0}));
   Error result("com.tavorin.privilegedCommand", 0, info);
   EXPECT_EQ(resultToJson(result),
             "{\"domain\":\"com.tavorin.privilegedCommand\",\"code\":0,\"userInfo\":{"
-            "\"AgentVersionBuild\":\"121004\",\"OutputChannel\":{\"base64\":\"cm9vdAo=\"},"
-            "\"ModificationDate\":\"1970-01-01T00:00:00Z\"}}");
+            "\"AgentVersionBuild\":\"121004\"}}");
+  // Data as base64, dates as ISO 8601 text in UTC.
+  EXPECT_EQ(toJson(Value(Data{'r', 'o', 'o', 't', '\n'})), "{\"base64\":\"cm9vdAo=\"}");
+  EXPECT_EQ(toJson(Value(Date{0.0})), "\"1970-01-01T00:00:00Z\"");
   // Pure ASCII, whatever the text holds; byte strings stay apart from text.
   EXPECT_EQ(toJson(Value(std::string("a\"\n\x01\x1b\x7f"))), "\"a\\\"\\n\\u0001\\u001b\\u007f\"");
   EXPECT_EQ(toJson(Value("caf\xc3\xa9 \xc2\x9b \xf0\x9f\x93\x81")),

@@ -9,6 +9,7 @@
 #include "foundation/Format.h"
 #include "foundation/NameValue.h"
 #include "foundation/System.h"
+#include "protocol/CommandCodes.h"
 #include "protocol/CommandTable.h"
 #include "protocol/KRVPrivilegedCommand.h"
 #include "protocol/KRVSecurityAgent.h"
@@ -257,31 +258,31 @@ std::string explainResult(const Error& result) {
   }
   if (result.domain() == kCommandErrorDomain) {
     switch (code) {
-      case 0:
+      case kResultSuccess:
         return "";
-      case 1:
+      case kResultUnknownCommand:
         return "unknown command code";
-      case 2: {
+      case kResultAuthorizationFailed: {
         const Value* status = result.userInfo().find(key::kUnderlyingErrorCode);
         std::int64_t value = status && status->asNumber() ? status->asNumber()->integerValue() : 0;
         switch (value) {
-          case -60005:
+          case auth::kStatusDenied:
             return "authorization denied";
-          case -60006:
+          case auth::kStatusCanceled:
             return "authorization canceled";
-          case -60007:
+          case auth::kStatusInteractionNotAllowed:
             return "authorization needs an administrator's password, and none could be asked";
           default:
             return format("authorization failed (%lld)", static_cast<long long>(value));
         }
       }
-      case 3:
+      case kResultBadArgument:
         return "an argument is invalid";
-      case 4:
+      case kResultMalformedArguments:
         return "the argument list is malformed";
-      case 5:
+      case kResultUnsafeProgram:
         return "the program is not safe to run";
-      case 6:
+      case kResultProgramFailed:
         return "the program failed";
       default:
         return "";

@@ -1,4 +1,5 @@
-// Start-up and the event loop of the daemon.
+// SecurityAgentDaemon: start-up and the event loop. The serving of one connection is in
+// ConnectionHandler.cpp, the check-in with the service manager in CheckIn.cpp.
 
 #include <fcntl.h>
 #include <signal.h>

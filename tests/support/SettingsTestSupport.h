@@ -13,8 +13,8 @@
 #include <string>
 
 #include "authorization/UserDirectory.h"
-#include "executor/ExecutorTestSupport.h"
 #include "foundation/PropertyList.h"
+#include "tests/support/ExecutorTestSupport.h"
 
 namespace krv::test {
 

@@ -14,8 +14,8 @@
 #include "executor/KRVCommandExecutor.h"
 #include "foundation/System.h"
 #include "platform/FileFlags.h"
-#include "platform/TestFileTree.h"
 #include "protocol/KRVSecurityAgent.h"
+#include "tests/support/TestFileTree.h"
 
 namespace krv::test {
 
@@ -41,7 +41,7 @@ class ExecutorWithPipe {
     std::vector<Error> result;
     (void)sys::setNonBlocking(m_reader.get(), true);
     for (;;) {
-      Result<Value> object = KRVSecurityAgent::readObjectFromPipe(m_reader.get());
+      Result<Value> object = KRVSecurityAgent::readObject(m_reader.get());
       if (!object || object->objectAs<Error>() == nullptr) break;
       result.push_back(*object->objectAs<Error>());
     }
@@ -87,7 +87,7 @@ class FileCommandTest : public testing::Test {
     return m_client.run(code, std::move(arguments));
   }
   void expectSuccess(std::uint32_t code, Array arguments) {
-    expectResult(run(code, std::move(arguments)), kCommandErrorDomain, 0);
+    expectResult(run(code, std::move(arguments)), kCommandErrorDomain, kResultSuccess);
   }
   std::vector<double> progressValues() {
     std::vector<double> values;

@@ -3,7 +3,7 @@
 // folder tree under /tmp with a small vocabulary to fill it, whose teardown first lifts every
 // immutable and append-only flag so that the tree can always be deleted; and inPrivateMount, which
 // runs a piece of test code in a forked child that has a private mount namespace with a fresh file
-// system.
+// system and reports what it found as named facts.
 
 #include <fcntl.h>
 #include <linux/fs.h>
@@ -17,6 +17,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
+#include <map>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -134,27 +135,34 @@ class TestFileTree {
   std::string m_root;
 };
 
+// What a child reports to its test: named facts, each of which the test compares on its own.
+using Facts = std::map<std::string, std::string>;
+
 // Runs `body` in a forked child with a private mount namespace in which a new file system of
-// `type` ("tmpfs", "ramfs") is mounted on `mountPoint`; answers what body answered, or a text
-// starting with "child:" when the child could not run it. The mount ends with the child.
-inline std::string inPrivateMount(const std::string& mountPoint, const char* type,
-                                  const std::function<std::string()>& body) {
+// `type` ("tmpfs", "ramfs") is mounted on `mountPoint`; answers the facts body recorded. When the
+// child could not run body, the one fact "child" says why (unshare, private, mount, or crashed).
+// The mount ends with the child.
+inline Facts inPrivateMount(const std::string& mountPoint, const char* type,
+                            const std::function<void(Facts&)>& body) {
   int ends[2];
-  if (::pipe2(ends, O_CLOEXEC) != 0) return "child: pipe";
+  if (::pipe2(ends, O_CLOEXEC) != 0) return {{"child", "pipe"}};
   pid_t child = ::fork();
-  if (child < 0) return "child: fork";
+  if (child < 0) return {{"child", "fork"}};
   if (child == 0) {
     ::close(ends[0]);
-    std::string answer;
+    Facts facts;
     if (::unshare(CLONE_NEWNS) != 0) {
-      answer = "child: unshare";
+      facts["child"] = "unshare";
     } else if (::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
-      answer = "child: private";
+      facts["child"] = "private";
     } else if (::mount(type, mountPoint.c_str(), type, 0, nullptr) != 0) {
-      answer = "child: mount";
+      facts["child"] = "mount";
     } else {
-      answer = body();
+      body(facts);
     }
+    // Each name and value followed by a NUL.
+    std::string answer;
+    for (const auto& [name, value] : facts) answer += name + '\0' + value + '\0';
     (void)!::write(ends[1], answer.data(), answer.size());
     ::_exit(0);
   }
@@ -168,8 +176,16 @@ inline std::string inPrivateMount(const std::string& mountPoint, const char* typ
   ::close(ends[0]);
   int status = 0;
   ::waitpid(child, &status, 0);
-  if (!WIFEXITED(status)) return "child: crashed";
-  return answer;
+  if (!WIFEXITED(status)) return {{"child", "crashed"}};
+  Facts facts;
+  for (std::size_t at = 0; at < answer.size();) {
+    const std::size_t nameEnd = answer.find('\0', at);
+    const std::size_t valueEnd = answer.find('\0', nameEnd + 1);
+    if (nameEnd == std::string::npos || valueEnd == std::string::npos) break;
+    facts[answer.substr(at, nameEnd - at)] = answer.substr(nameEnd + 1, valueEnd - nameEnd - 1);
+    at = valueEnd + 1;
+  }
+  return facts;
 }
 
 }  // namespace krv::test
