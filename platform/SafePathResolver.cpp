@@ -132,7 +132,8 @@ Status Resolution::startAt(const PinnedEntry& entry) {
 Status Resolution::restartAtRoot() {
   KRV_TRY(PathHandle root, PathHandle::openAt(AT_FDCWD, "/", LinkHandling::NoFollow));
   m_current.emplace(std::move(root));
-  m_path = "/";
+  // (Assigned as one character: g++ 12 at -O2 mistakes the copy of a literal here for an overlap.)
+  m_path.assign(1, '/');
   return {};
 }
 
