@@ -120,6 +120,11 @@ class Dictionary {
   std::vector<Entry> m_entries;
 };
 
+// The index of the first entry whose key repeats an earlier one (the lowest such index), or
+// nullopt: the check every reader of received dictionaries makes (archives, property lists).
+// O(n log n); small dictionaries, the common case, are compared pairwise.
+std::optional<std::size_t> findDuplicateKey(const std::vector<Dictionary::Entry>& entries);
+
 // The kinds of Value, in the order of the storage alternatives. (g++ 12 wrongly reports scoped
 // enumerators as shadowing the aliases of the same name, hence the local pragma.)
 #pragma GCC diagnostic push
