@@ -317,11 +317,9 @@ Result<ServiceMessage> decodeServiceMessage(std::span<const std::uint8_t> payloa
   return message;
 }
 
-Result<Answer> decodeAnswer(Data& payload) {
-  Result<Value> decoded = unarchiveSequential(payload, noClasses());
-  wipe(std::span<std::uint8_t>(payload));
-  if (!decoded) return std::move(decoded).error();
-  Value& root = decoded.value();
+namespace {
+
+Result<Answer> answerFrom(const Value& root) {
   const Dictionary* dictionary = root.asDictionary();
   if (dictionary == nullptr || dictionary->size() != 1) {
     return archiveFault("answer is not a map of one entry");
@@ -329,11 +327,9 @@ Result<Answer> decodeAnswer(Data& payload) {
   const auto& [key, value] = dictionary->entries().front();
   Answer answer;
   if (key == kResponseKey && value.asString() != nullptr) {
-    // The decoded string is ours; wipe it once copied.
-    auto& text = const_cast<std::string&>(*value.asString());
+    const std::string& text = *value.asString();
     // PAM takes C strings: a NUL would silently cut the response short.
     const bool fits = text.find('\0') == std::string::npos && answer.response.append(text);
-    wipe(text);
     if (!fits) return archiveFault("response too long or holding NUL");
     answer.kind = AnswerKind::Response;
     return answer;
@@ -349,6 +345,17 @@ Result<Answer> decodeAnswer(Data& payload) {
   } else {
     return archiveFault("unknown answer");
   }
+  return answer;
+}
+
+}  // namespace
+
+Result<Answer> decodeAnswer(Data& payload) {
+  Result<Value> decoded = unarchiveSequential(payload, noClasses());
+  wipe(std::span<std::uint8_t>(payload));
+  if (!decoded) return std::move(decoded).error();
+  Result<Answer> answer = answerFrom(*decoded);
+  wipe(*decoded);  // every decoded copy of a response, whatever the answer was
   return answer;
 }
 

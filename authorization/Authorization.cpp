@@ -203,7 +203,7 @@ std::int32_t Authorization::create(std::unique_ptr<Authorization>& out) {
   }
   ExternalForm form{};
   std::copy(token->asData()->begin(), token->asData()->end(), form.begin());
-  wipe(const_cast<Data&>(*token->asData()).data(), form.size());
+  wipe(outcome.results);
   out = std::make_unique<ClientAuthorization>(form);
   wipeToken(form);
   return kStatusSuccess;

@@ -113,6 +113,10 @@ class Dictionary {
   std::vector<Entry>::const_iterator begin() const;
   std::vector<Entry>::const_iterator end() const;
 
+  // Each value in order, for changing values in place; the keys stay as they are.
+  template <class Visit>
+  void forEachValue(Visit&& visit);
+
   // Equal when both hold the same keys with equal values, whatever their order.
   bool operator==(const Dictionary& other) const;
 
@@ -195,6 +199,10 @@ inline std::vector<Dictionary::Entry>::const_iterator Dictionary::begin() const 
 }
 inline std::vector<Dictionary::Entry>::const_iterator Dictionary::end() const {
   return m_entries.end();
+}
+template <class Visit>
+void Dictionary::forEachValue(Visit&& visit) {
+  for (Entry& entry : m_entries) visit(entry.second);
 }
 
 // The name of a value's type as clients see it in diagnostics ("string", "number", ...).
