@@ -10,6 +10,7 @@
 #include "authorization/Secret.h"
 #include "foundation/Crc16.h"
 #include "foundation/DataBlock.h"
+#include "foundation/System.h"
 
 namespace krv::auth {
 
@@ -27,25 +28,41 @@ int millisecondsUntil(Deadline deadline) {
 Status waitFor(int socket, short events, Deadline deadline) {
   for (;;) {
     pollfd entry{socket, events, 0};
-    int ready = ::poll(&entry, 1, millisecondsUntil(deadline));
-    if (ready > 0) return {};
-    if (ready == 0) return Error::posix(ETIMEDOUT, "poll");
-    if (errno != EINTR) return Error::fromErrno("poll");
+    Result<std::size_t> ready = sys::poll({&entry, 1}, millisecondsUntil(deadline));
+    if (ready && *ready > 0) return {};
+    if (ready) return Error::posix(ETIMEDOUT, "poll");
+    if (ready.error().code() != EINTR) return std::move(ready).error();
   }
 }
 
-Status receiveExactly(int socket, std::uint8_t* buffer, std::size_t length, Deadline deadline) {
-  std::size_t done = 0;
-  while (done < length) {
-    ssize_t count = ::recv(socket, buffer + done, length - done, MSG_DONTWAIT);
-    if (count > 0) {
-      done += static_cast<std::size_t>(count);
-    } else if (count == 0) {
-      return Error::posix(EPIPE, "recv");
-    } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
+bool wouldBlock(const Error& error) {
+  return error.code() == EAGAIN || error.code() == EWOULDBLOCK;
+}
+
+Status receiveExactly(int socket, std::span<std::uint8_t> buffer, Deadline deadline) {
+  while (!buffer.empty()) {
+    Result<std::size_t> count = sys::receive(socket, buffer, MSG_DONTWAIT);
+    if (count && *count == 0) return Error::posix(EPIPE, "recv");
+    if (count) {
+      buffer = buffer.subspan(*count);
+    } else if (wouldBlock(count.error())) {
       KRV_TRY_VOID(waitFor(socket, POLLIN, deadline));
-    } else if (errno != EINTR) {
-      return Error::fromErrno("recv");
+    } else {
+      return std::move(count).error();
+    }
+  }
+  return {};
+}
+
+Status sendExactly(int socket, std::span<const std::uint8_t> bytes, Deadline deadline) {
+  while (!bytes.empty()) {
+    Result<std::size_t> count = sys::send(socket, bytes, MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (count) {
+      bytes = bytes.subspan(*count);
+    } else if (wouldBlock(count.error())) {
+      KRV_TRY_VOID(waitFor(socket, POLLOUT, deadline));
+    } else {
+      return std::move(count).error();
     }
   }
   return {};
@@ -72,28 +89,14 @@ Status sendMessage(int socket, std::span<const std::uint8_t> payload, Deadline d
   storeLittleEndian32(frame.data() + 32, crc16(payload));
   std::memcpy(frame.data() + kDataBlockHeaderSize, payload.data(), payload.size());
 
-  Status status;
-  std::size_t done = 0;
-  while (done < frame.size()) {
-    ssize_t count =
-        ::send(socket, frame.data() + done, frame.size() - done, MSG_NOSIGNAL | MSG_DONTWAIT);
-    if (count >= 0) {
-      done += static_cast<std::size_t>(count);
-    } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
-      status = waitFor(socket, POLLOUT, deadline);
-      if (!status) break;
-    } else if (errno != EINTR) {
-      status = Error::fromErrno("send");
-      break;
-    }
-  }
+  Status status = sendExactly(socket, frame, deadline);
   wipe(std::span<std::uint8_t>(frame));
   return status;
 }
 
 Result<Data> receiveMessage(int socket, std::size_t maximumPayload, Deadline deadline) {
   std::uint8_t header[kDataBlockHeaderSize];
-  KRV_TRY_VOID(receiveExactly(socket, header, sizeof header, deadline));
+  KRV_TRY_VOID(receiveExactly(socket, header, deadline));
   if (std::memcmp(header, kDataBlockMarker.data(), kDataBlockMarker.size()) != 0) {
     return Error::posix(EIO, "message marker");
   }
@@ -102,7 +105,7 @@ Result<Data> receiveMessage(int socket, std::size_t maximumPayload, Deadline dea
     return Error::posix(EMSGSIZE, "message length");
   }
   Data payload(length);
-  if (Status received = receiveExactly(socket, payload.data(), length, deadline); !received) {
+  if (Status received = receiveExactly(socket, payload, deadline); !received) {
     wipe(std::span<std::uint8_t>(payload));
     return std::move(received).error();
   }
@@ -116,10 +119,9 @@ Result<Data> receiveMessage(int socket, std::size_t maximumPayload, Deadline dea
 bool waitQuietly(int socket, Deadline deadline) {
   for (;;) {
     pollfd entry{socket, POLLIN, 0};
-    int ready = ::poll(&entry, 1, millisecondsUntil(deadline));
-    if (ready == 0) return true;
-    if (ready > 0) return false;
-    if (errno != EINTR) return false;
+    Result<std::size_t> ready = sys::poll({&entry, 1}, millisecondsUntil(deadline));
+    if (ready) return *ready == 0;
+    if (ready.error().code() != EINTR) return false;
   }
 }
 

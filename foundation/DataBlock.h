@@ -10,9 +10,9 @@
 // accepts a declared payload length of up to 1048576 (intended slack on the reading side). Reads
 // and writes block; the callers bound them (the daemon's watchdog, the client's own patience).
 //
-// Error numbers are errno values (0 is success): EINVAL for bad arguments and oversized data, EIO
-// for any framing or checksum fault, EPIPE when the peer closes early, otherwise the errno of the
-// failing read or write. Stateless and thread-safe.
+// Errors (POSIX): EINVAL for bad arguments and oversized data, EIO for any framing or checksum
+// fault, EPIPE when the peer closes early, otherwise the errno of the failing read or write.
+// Stateless and thread-safe.
 
 #include <cstddef>
 #include <cstdint>
@@ -36,18 +36,17 @@ inline constexpr std::size_t kMaximumTransfer = 1048576;
 // a client's socket, so that a peer that closes early yields EPIPE instead of a signal.
 enum class BlockSink { Pipe, Socket };
 
-// Writes `length` bytes, retrying on EINTR; a write of 0 bytes ends with EPIPE.
-int writeToPipe(int fd, const std::uint8_t* bytes, std::size_t length,
-                BlockSink sink = BlockSink::Pipe);
-// Reads exactly `length` bytes, retrying on EINTR; end of file ends with EPIPE. *count receives
-// the number of bytes read, also on failure.
-int readFromPipe(int fd, std::uint8_t* buffer, std::size_t length, std::size_t* count);
+// Writes all of `bytes` (at most kMaximumTransfer), retrying on EINTR; a write of 0 bytes is EPIPE.
+Status writeToPipe(int fd, std::span<const std::uint8_t> bytes, BlockSink sink = BlockSink::Pipe);
+// Fills all of `buffer` (at most kMaximumTransfer), retrying on EINTR; end of file is EPIPE.
+Status readFromPipe(int fd, std::span<std::uint8_t> buffer);
 
 // Writes one block holding the payload. An empty payload writes nothing and succeeds.
-int writeDataBlock(int fd, std::span<const std::uint8_t> payload, BlockSink sink = BlockSink::Pipe);
-// Reads one block and returns its payload; on failure the POSIX error carries the error number
-// (which is also left in errno for EINVAL and EIO). The payload buffer grows as its bytes arrive,
-// never to more than twice what was read plus 64 KiB.
+Status writeDataBlock(int fd, std::span<const std::uint8_t> payload,
+                      BlockSink sink = BlockSink::Pipe);
+// Reads one block and returns its payload; the error is also left in errno for EINVAL and EIO.
+// The payload buffer grows as its bytes arrive, never to more than twice what was read plus
+// 64 KiB.
 Result<Data> readDataBlock(int fd);
 
 }  // namespace krv

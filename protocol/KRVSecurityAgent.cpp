@@ -1,14 +1,15 @@
 #include "protocol/KRVSecurityAgent.h"
 
 #include <sys/stat.h>
-#include <sys/time.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 
 #include "foundation/Archiver.h"
 #include "foundation/DataBlock.h"
 #include "foundation/Format.h"
+#include "foundation/System.h"
 
 namespace krv {
 
@@ -25,8 +26,8 @@ std::string KRVSecurityAgent::pathOfBundledExecutable(std::string_view applicati
 }
 
 std::optional<std::string> KRVSecurityAgent::pathOfComputerLibrary() {
-  struct stat status {};
-  if (::stat(kComputerLibrary, &status) != 0 || !S_ISDIR(status.st_mode)) return std::nullopt;
+  Result<struct stat> status = sys::stat(kComputerLibrary);
+  if (!status || !S_ISDIR(status->st_mode)) return std::nullopt;
   return std::string(kComputerLibrary);
 }
 
@@ -50,15 +51,16 @@ std::string KRVSecurityAgent::pathForCommunicationSocket() {
 }
 
 std::string KRVSecurityAgent::pathForResponsePipe() {
-  timeval now{};
-  ::gettimeofday(&now, nullptr);
+  // The microseconds within the current second of the time of day.
+  const auto sinceEpoch = std::chrono::system_clock::now().time_since_epoch();
+  const auto microseconds =
+      std::chrono::duration_cast<std::chrono::microseconds>(sinceEpoch).count() % 1000000;
   const std::string identifier = bundleIdentifier();
   for (;;) {
-    ::srandom(static_cast<unsigned>(now.tv_usec));
+    ::srandom(static_cast<unsigned>(microseconds));
     const auto number = static_cast<std::uint32_t>(::random());
     std::string path = format("/tmp/%s-%u.pipe", identifier.c_str(), number);
-    struct stat status {};
-    if (::lstat(path.c_str(), &status) != 0) return path;
+    if (!sys::lstat(path)) return path;
   }
 }
 
@@ -66,17 +68,17 @@ Error KRVSecurityAgent::transportError(std::int64_t code, Dictionary userInfo) {
   return Error(std::string(kTransportErrorDomain), code, std::move(userInfo));
 }
 
-int KRVSecurityAgent::writeData(const Data* data, int fd) {
-  if (data == nullptr || fd < 0) return EINVAL;
+Status KRVSecurityAgent::writeData(const Data* data, int fd) {
+  if (data == nullptr || fd < 0) return Error::posix(EINVAL, "write data");
   return writeDataBlock(fd, *data);
 }
 
 Result<Data> KRVSecurityAgent::readDataFromPipe(int fd) { return readDataBlock(fd); }
 
-int KRVSecurityAgent::writeObject(const Archivable* object, int fd) {
+Status KRVSecurityAgent::writeObject(const Archivable* object, int fd) {
   if (object == nullptr || fd < 0) {
     errno = EINVAL;
-    return EINVAL;
+    return Error::posix(EINVAL, "write object");
   }
   Data payload = archiveSequential(*object);
   return writeData(&payload, fd);

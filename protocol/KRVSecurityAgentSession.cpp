@@ -1,12 +1,8 @@
 // The client side of one exchange with the daemon (the instance half of KRVSecurityAgent).
 
 #include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/un.h>
-#include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
 
 #include "foundation/Archiver.h"
 #include "foundation/Assert.h"
@@ -33,26 +29,15 @@ bool isInteractionNeeded(const Error& reply) {
 }  // namespace
 
 std::optional<KRVSecurityAgent> KRVSecurityAgent::init(std::string socketPath) {
-  struct stat status {};
-  if (::stat(socketPath.c_str(), &status) != 0) return std::nullopt;
+  if (!sys::stat(socketPath)) return std::nullopt;
   return KRVSecurityAgent(std::move(socketPath));
 }
 
 Result<UniqueFd> KRVSecurityAgent::openRequestSocketAtPath(const std::string& path) {
-  if (path.empty()) return Error::posix(EINVAL, "socket path");
-  int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (fd < 0) return Error::fromErrno("socket");
-  UniqueFd socket(fd);
-  if (path.size() >= kMaximumSocketPathLength) return Error::posix(EINVAL, "socket path");
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  std::memcpy(address.sun_path, path.data(), path.size());
-  const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + path.size() + 1);
-  for (;;) {
-    if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), length) == 0) break;
-    if (errno != EINTR) return Error::fromErrno("connect");
+  if (path.empty() || path.size() >= kMaximumSocketPathLength) {
+    return Error::posix(EINVAL, "socket path");
   }
-  return socket;
+  return sys::connectLocalSocket(path, SOCK_STREAM);
 }
 
 Result<UniqueFd> KRVSecurityAgent::openResponsePipeAtPath(const std::string& path) {
@@ -82,8 +67,9 @@ Error KRVSecurityAgent::startExecutionOfPrivilegedCommand(KRVPrivilegedCommand& 
     if (!socket) return socket.error();
     // Sent with MSG_NOSIGNAL: a daemon that closes the connection must not kill the client.
     Data payload = archiveSequential(command);
-    int result = writeDataBlock(socket->get(), payload, BlockSink::Socket);
-    if (result != 0) return Error::posix(result, "write request");
+    if (Status sent = writeDataBlock(socket->get(), payload, BlockSink::Socket); !sent) {
+      return Error::posix(static_cast<int>(sent.error().code()), "write request");
+    }
     Result<Value> reply = readObjectFromPipe(socket->get(), *m_responseClasses);
     socket->reset();
     if (!reply) return Error::posix(static_cast<int>(reply.error().code()), "read acknowledgement");
@@ -116,7 +102,7 @@ bool KRVSecurityAgent::isContinuingCommandExecutionViaPipe(int fd, Error* status
 void KRVSecurityAgent::closePipe(UniqueFd fd, const std::string& path) {
   KRV_ASSERT(fd.valid() && !path.empty(), kUnit);
   fd.reset();
-  ::unlink(path.c_str());
+  (void)sys::unlink(path);
 }
 
 Error KRVSecurityAgent::executeAtomicPrivilegedCommand(KRVPrivilegedCommand& command,

@@ -43,15 +43,17 @@ Data block(const Data& payload, std::uint32_t length) {
 TEST(DataBlockTest, EnforcesTheWriterLimitAndSendsNothingForEmptyData) {
   SocketPair pair;
   Data largest(1048540, 0xAB);
-  EXPECT_EQ(KRVSecurityAgent::writeData(&largest, pair.writer.get()), 0);
+  EXPECT_TRUE(KRVSecurityAgent::writeData(&largest, pair.writer.get()).ok());
   Result<Data> read = KRVSecurityAgent::readDataFromPipe(pair.reader.get());
   ASSERT_TRUE(read);
   EXPECT_EQ(*read, largest);
 
   Data tooLarge(1048541, 0xAB);
-  EXPECT_EQ(KRVSecurityAgent::writeData(&tooLarge, pair.writer.get()), EINVAL);
+  Status refused = KRVSecurityAgent::writeData(&tooLarge, pair.writer.get());
+  ASSERT_FALSE(refused);
+  EXPECT_EQ(refused.error().code(), EINVAL);
   Data empty;
-  EXPECT_EQ(KRVSecurityAgent::writeData(&empty, pair.writer.get()), 0);
+  EXPECT_TRUE(KRVSecurityAgent::writeData(&empty, pair.writer.get()).ok());
   std::uint8_t byte;
   EXPECT_EQ(::recv(pair.reader.get(), &byte, 1, MSG_DONTWAIT | MSG_PEEK), -1);  // nothing sent
 }
@@ -103,7 +105,7 @@ TEST(ObjectTransferTest, TransfersAnErrorObjectAndRefusesBrokenOnes) {
   Dictionary info;
   info.set("ClientSocket", Value("/tmp/x.pipe"));
   Error acknowledgement = KRVSecurityAgent::transportError(kTransportAccepted, info);
-  ASSERT_EQ(KRVSecurityAgent::writeObject(&acknowledgement, pair.writer.get()), 0);
+  ASSERT_TRUE(KRVSecurityAgent::writeObject(&acknowledgement, pair.writer.get()).ok());
   Result<Value> read = KRVSecurityAgent::readObjectFromPipe(pair.reader.get());
   ASSERT_TRUE(read);
   ASSERT_NE(read->objectAs<Error>(), nullptr);
@@ -118,7 +120,7 @@ TEST(ObjectTransferTest, TransfersAnErrorObjectAndRefusesBrokenOnes) {
       {0xA2, 0x61, 'a', 0x01, 0x61, 'a', 0x02},  // duplicate key
   };
   for (const Data& payload : payloads) {
-    ASSERT_EQ(writeDataBlock(pair.writer.get(), payload), 0);
+    ASSERT_TRUE(writeDataBlock(pair.writer.get(), payload).ok());
     Result<Value> object = KRVSecurityAgent::readObjectFromPipe(pair.reader.get());
     ASSERT_FALSE(object);
     EXPECT_EQ(object.error().code(), EIO);

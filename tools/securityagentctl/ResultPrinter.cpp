@@ -275,7 +275,7 @@ std::string explainResult(const Error& result) {
 }
 
 ResultPrinter::ResultPrinter(bool json, bool quiet)
-    : m_json(json), m_showProgress(!quiet && !json && ::isatty(STDERR_FILENO)) {}
+    : m_json(json), m_showProgress(!quiet && !json && sys::isTerminal(STDERR_FILENO)) {}
 
 void ResultPrinter::drawProgress(double progress) {
   if (!m_showProgress) return;
