@@ -5,12 +5,10 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 
-#include "authorization/Secret.h"
-#include "foundation/Crc16.h"
 #include "foundation/DataBlock.h"
 #include "foundation/System.h"
+#include "foundation/Wipe.h"
 
 namespace krv::auth {
 
@@ -68,52 +66,24 @@ Status sendExactly(int socket, std::span<const std::uint8_t> bytes, Deadline dea
   return {};
 }
 
-std::uint32_t loadLittleEndian32(const std::uint8_t* in) {
-  return static_cast<std::uint32_t>(in[0]) | (static_cast<std::uint32_t>(in[1]) << 8) |
-         (static_cast<std::uint32_t>(in[2]) << 16) | (static_cast<std::uint32_t>(in[3]) << 24);
-}
-
-void storeLittleEndian32(std::uint8_t* out, std::uint32_t value) {
-  for (int i = 0; i < 4; ++i) out[i] = static_cast<std::uint8_t>(value >> (8 * i));
-}
-
 }  // namespace
 
 Status sendMessage(int socket, std::span<const std::uint8_t> payload, Deadline deadline) {
   if (payload.empty() || payload.size() > kDataBlockMaximumPayload) {
     return Error::posix(EINVAL, "send message");
   }
-  Data frame(kDataBlockHeaderSize + payload.size());
-  std::memcpy(frame.data(), kDataBlockMarker.data(), kDataBlockMarker.size());
-  storeLittleEndian32(frame.data() + 28, static_cast<std::uint32_t>(payload.size()));
-  storeLittleEndian32(frame.data() + 32, crc16(payload));
-  std::memcpy(frame.data() + kDataBlockHeaderSize, payload.data(), payload.size());
-
+  Data frame = encodeDataBlock(payload);
   Status status = sendExactly(socket, frame, deadline);
   wipe(std::span<std::uint8_t>(frame));
   return status;
 }
 
 Result<Data> receiveMessage(int socket, std::size_t maximumPayload, Deadline deadline) {
-  std::uint8_t header[kDataBlockHeaderSize];
-  KRV_TRY_VOID(receiveExactly(socket, header, deadline));
-  if (std::memcmp(header, kDataBlockMarker.data(), kDataBlockMarker.size()) != 0) {
-    return Error::posix(EIO, "message marker");
-  }
-  const std::uint32_t length = loadLittleEndian32(header + 28);
-  if (length > maximumPayload || length > kDataBlockMaximumSize) {
-    return Error::posix(EMSGSIZE, "message length");
-  }
-  Data payload(length);
-  if (Status received = receiveExactly(socket, payload, deadline); !received) {
-    wipe(std::span<std::uint8_t>(payload));
-    return std::move(received).error();
-  }
-  if (crc16(payload) != loadLittleEndian32(header + 32)) {
-    wipe(std::span<std::uint8_t>(payload));
-    return Error::posix(EIO, "message checksum");
-  }
-  return payload;
+  return readDataBlock(
+      [socket, deadline](std::span<std::uint8_t> buffer) {
+        return receiveExactly(socket, buffer, deadline);
+      },
+      maximumPayload, EMSGSIZE);
 }
 
 bool waitQuietly(int socket, Deadline deadline) {

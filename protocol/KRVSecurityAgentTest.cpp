@@ -8,7 +8,7 @@
 #include <thread>
 
 #include "foundation/Archiver.h"
-#include "foundation/Crc16.h"
+#include "foundation/ByteOrder.h"
 #include "foundation/DataBlock.h"
 
 namespace krv {
@@ -32,12 +32,18 @@ struct SocketPair {
 
 // A block whose header announces `length` bytes, followed by `payload`.
 Data block(const Data& payload, std::uint32_t length) {
-  Data bytes(kDataBlockMarker.begin(), kDataBlockMarker.end());
-  for (int i = 0; i < 4; ++i) bytes.push_back(static_cast<std::uint8_t>(length >> (8 * i)));
-  const std::uint16_t checksum = crc16(payload);
-  for (int i = 0; i < 4; ++i) bytes.push_back(static_cast<std::uint8_t>(checksum >> (8 * i)));
-  bytes.insert(bytes.end(), payload.begin(), payload.end());
+  Data bytes = encodeDataBlock(payload);
+  storeLittleEndian(bytes.data() + kDataBlockLengthOffset, length);
   return bytes;
+}
+
+TEST(DataBlockTest, FramesAPayloadByteForByte) {
+  const Data payload = {'1', '2', '3', '4', '5', '6', '7', '8', '9'};
+  Data expected(kDataBlockMarker.begin(), kDataBlockMarker.end());
+  const Data header = {9, 0, 0, 0, 0x89, 0x21, 0, 0};  // length 9; CRC-16/KERMIT 0x2189
+  expected.insert(expected.end(), header.begin(), header.end());
+  expected.insert(expected.end(), payload.begin(), payload.end());
+  EXPECT_EQ(encodeDataBlock(payload), expected);
 }
 
 TEST(DataBlockTest, EnforcesTheWriterLimitAndSendsNothingForEmptyData) {
@@ -66,7 +72,7 @@ TEST(DataBlockTest, ReaderTakesUpToOneMebibyteAndRejectsDamagedOrShortBlocks) {
   Data badMarker = good;
   badMarker[3] = 'x';
   Data upperChecksum = good;
-  upperChecksum[34] = 1;
+  upperChecksum[kDataBlockChecksumOffset + 2] = 1;
   const struct {
     const char* name;
     Data bytes;
