@@ -5,7 +5,10 @@
 
 #include "authorization/RightsStore.h"
 #include "foundation/Archiver.h"
+#include "foundation/Assert.h"
+#include "foundation/CborWriter.h"
 #include "foundation/Coding.h"
+#include "foundation/Utf8.h"
 
 namespace krv::auth {
 
@@ -80,38 +83,8 @@ bool isValidAccountName(std::string_view name) {
   return true;
 }
 
-// The length of the UTF-8 sequence starting at text[i] when it is valid (shortest form, no
-// surrogates, at most U+10FFFF), else 0.
-std::size_t validSequenceLength(std::string_view text, std::size_t i) {
-  auto byteAt = [&](std::size_t j) { return static_cast<unsigned char>(text[j]); };
-  const unsigned char lead = byteAt(i);
-  std::size_t length = 0;
-  std::uint32_t codePoint = 0;
-  if (lead >= 0xc2 && lead <= 0xdf) {
-    length = 2;
-    codePoint = lead & 0x1f;
-  } else if (lead >= 0xe0 && lead <= 0xef) {
-    length = 3;
-    codePoint = lead & 0x0f;
-  } else if (lead >= 0xf0 && lead <= 0xf4) {
-    length = 4;
-    codePoint = lead & 0x07;
-  } else {
-    return 0;
-  }
-  if (i + length > text.size()) return 0;
-  for (std::size_t j = 1; j < length; ++j) {
-    if ((byteAt(i + j) & 0xc0) != 0x80) return 0;
-    codePoint = (codePoint << 6) | (byteAt(i + j) & 0x3f);
-  }
-  if ((length == 3 && codePoint < 0x800) || (length == 4 && codePoint < 0x10000) ||
-      codePoint > 0x10ffff || (codePoint >= 0xd800 && codePoint <= 0xdfff)) {
-    return 0;
-  }
-  // C1 control characters are as dangerous on a terminal as C0 ones.
-  if (codePoint >= 0x80 && codePoint <= 0x9f) return 0;
-  return length;
-}
+// C1 control characters are as dangerous on a terminal as C0 ones.
+bool isC1Control(char32_t codePoint) { return codePoint >= 0x80 && codePoint <= 0x9F; }
 
 Data archive(Dictionary dictionary) { return archiveSequential(Value(std::move(dictionary))); }
 
@@ -135,25 +108,6 @@ std::optional<PromptStyle> styleNamed(std::string_view name) {
     if (styleName(style) == name) return style;
   }
   return std::nullopt;
-}
-
-void appendHead(Data& out, std::uint8_t major, std::size_t length) {
-  const auto type = static_cast<std::uint8_t>(major << 5);
-  if (length < 24) {
-    out.push_back(static_cast<std::uint8_t>(type | length));
-  } else if (length < 256) {
-    out.push_back(type | 24);
-    out.push_back(static_cast<std::uint8_t>(length));
-  } else {
-    out.push_back(type | 25);
-    out.push_back(static_cast<std::uint8_t>(length >> 8));
-    out.push_back(static_cast<std::uint8_t>(length));
-  }
-}
-
-void appendText(Data& out, std::string_view text) {
-  appendHead(out, 3, text.size());
-  out.insert(out.end(), text.begin(), text.end());
 }
 
 }  // namespace
@@ -293,9 +247,10 @@ std::string sanitizeMessage(std::string_view message) {
     if (byte < 0x80) {
       const bool control = (byte < 0x20 && byte != '\n' && byte != '\t') || byte == 0x7f;
       piece = control ? std::string_view("?") : message.substr(i, 1);
-    } else if (std::size_t length = validSequenceLength(message, i); length > 0) {
-      piece = message.substr(i, length);
-      consumed = length;
+    } else if (const Utf8Character character = utf8CharacterAt(message, i);
+               character.valid && !isC1Control(character.codePoint)) {
+      piece = message.substr(i, character.length);
+      consumed = character.length;
     } else {
       piece = kReplacement;
     }
@@ -362,11 +317,9 @@ Result<ServiceMessage> decodeServiceMessage(std::span<const std::uint8_t> payloa
   return message;
 }
 
-Result<Answer> decodeAnswer(Data& payload) {
-  Result<Value> decoded = unarchiveSequential(payload, noClasses());
-  wipe(std::span<std::uint8_t>(payload));
-  if (!decoded) return std::move(decoded).error();
-  Value& root = decoded.value();
+namespace {
+
+Result<Answer> answerFrom(const Value& root) {
   const Dictionary* dictionary = root.asDictionary();
   if (dictionary == nullptr || dictionary->size() != 1) {
     return archiveFault("answer is not a map of one entry");
@@ -374,11 +327,9 @@ Result<Answer> decodeAnswer(Data& payload) {
   const auto& [key, value] = dictionary->entries().front();
   Answer answer;
   if (key == kResponseKey && value.asString() != nullptr) {
-    // The decoded string is ours; wipe it once copied.
-    auto& text = const_cast<std::string&>(*value.asString());
+    const std::string& text = *value.asString();
     // PAM takes C strings: a NUL would silently cut the response short.
     const bool fits = text.find('\0') == std::string::npos && answer.response.append(text);
-    wipe(text);
     if (!fits) return archiveFault("response too long or holding NUL");
     answer.kind = AnswerKind::Response;
     return answer;
@@ -397,26 +348,43 @@ Result<Answer> decodeAnswer(Data& payload) {
   return answer;
 }
 
+}  // namespace
+
+Result<Answer> decodeAnswer(Data& payload) {
+  Result<Value> decoded = unarchiveSequential(payload, noClasses());
+  wipe(std::span<std::uint8_t>(payload));
+  if (!decoded) return std::move(decoded).error();
+  Result<Answer> answer = answerFrom(*decoded);
+  wipe(*decoded);  // every decoded copy of a response, whatever the answer was
+  return answer;
+}
+
 Data encodeAnswer(AnswerKind kind, std::string_view response) {
-  // Written by hand into a buffer of the exact size: a growing buffer would leave copies of the
-  // response behind in freed memory.
+  // Written into a buffer reserved at its final size: a buffer that grew would leave copies of
+  // the response behind in freed memory.
+  const std::string_view text = response.substr(0, Secret::kCapacity);
   Data out;
-  out.reserve(16 + response.size());
-  out.push_back(0xa1);  // map of one entry
-  switch (kind) {
-    case AnswerKind::Response:
-      appendText(out, kResponseKey);
-      appendText(out, response.substr(0, Secret::kCapacity));
-      break;
-    case AnswerKind::Cancel:
-      appendText(out, kCancelKey);
-      out.push_back(0xf5);  // true
-      break;
-    case AnswerKind::Unavailable:
-      appendText(out, kUnavailableKey);
-      out.push_back(0xf5);
-      break;
+  out.reserve(16 + text.size());
+  const std::uint8_t* const reserved = out.data();
+  {
+    CborWriter writer(out);
+    writer.writeMapHeader(1);
+    switch (kind) {
+      case AnswerKind::Response:
+        writer.writeText(kResponseKey);
+        writer.writeText(text);
+        break;
+      case AnswerKind::Cancel:
+        writer.writeText(kCancelKey);
+        writer.writeNumber(Number::boolean(true));
+        break;
+      case AnswerKind::Unavailable:
+        writer.writeText(kUnavailableKey);
+        writer.writeNumber(Number::boolean(true));
+        break;
+    }
   }
+  KRV_ASSERT(out.data() == reserved, "AuthorityProtocol");
   return out;
 }
 

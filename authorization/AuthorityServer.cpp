@@ -3,11 +3,11 @@
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <charconv>
 #include <chrono>
+#include <cstring>
 #include <string>
 #include <thread>
 
@@ -20,10 +20,6 @@ namespace {
 
 using Level = SystemLog::Level;
 using SteadyClock = std::chrono::steady_clock;
-
-#ifndef SO_PEERPIDFD
-#define SO_PEERPIDFD 77
-#endif
 
 // The audit session of a process; kNoSession when it has none (or the kernel keeps none).
 Result<std::uint32_t> sessionOf(pid_t pid) {
@@ -59,7 +55,7 @@ AuthorityServer::AuthorityServer(AuthorityService& service, TokenStore& tokens, 
       m_tokens(tokens),
       m_log(log),
       m_limits(limits),
-      m_wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+      m_wake(sys::eventFd(EFD_NONBLOCK).valueOr(UniqueFd())) {}
 
 AuthorityServer::~AuthorityServer() {
   std::unique_lock<std::mutex> lock(m_mutex);
@@ -67,24 +63,20 @@ AuthorityServer::~AuthorityServer() {
 }
 
 void AuthorityServer::stop() {
-  const std::uint64_t one = 1;
-  if (m_wake.valid()) (void)::write(m_wake.get(), &one, sizeof one);
+  std::uint8_t one[sizeof(std::uint64_t)];
+  const std::uint64_t value = 1;
+  std::memcpy(one, &value, sizeof one);  // an eventfd counts in the host's byte order
+  if (m_wake.valid()) (void)sys::write(m_wake.get(), one);
 }
 
 Result<Peer> AuthorityServer::identify(int connection) {
-  ucred credentials{};
-  socklen_t length = sizeof credentials;
-  if (::getsockopt(connection, SOL_SOCKET, SO_PEERCRED, &credentials, &length) != 0) {
-    return Error::fromErrno("getsockopt SO_PEERCRED");
-  }
+  KRV_TRY(ucred credentials, sys::peerCredentials(connection));
   Peer peer;
   peer.uid = credentials.uid;
   peer.gid = credentials.gid;
   peer.pid = credentials.pid;
-  int pidfd = -1;
-  length = sizeof pidfd;
-  if (::getsockopt(connection, SOL_SOCKET, SO_PEERPIDFD, &pidfd, &length) == 0 && pidfd >= 0) {
-    peer.process.reset(pidfd);
+  if (Result<UniqueFd> peerProcess = sys::peerProcess(connection)) {
+    peer.process = std::move(peerProcess).value();
   } else if (peer.pid > 0) {
     // Older kernels: the pid could in principle be reused between connect() and here, but the
     // peer is blocked waiting for our answer, so it is alive and still the same process.
@@ -119,16 +111,17 @@ void AuthorityServer::finished(uid_t uid) {
 }
 
 void AuthorityServer::accept(int listeningSocket) {
-  int fd = ::accept4(listeningSocket, nullptr, nullptr, SOCK_CLOEXEC);
-  if (fd < 0) {
+  Result<UniqueFd> accepted = sys::accept(listeningSocket);
+  if (!accepted) {
     // Out of descriptors or memory, the pending connection keeps the socket readable: pause
     // rather than spin a processor until a connection ends and frees what accept needs.
-    if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
+    const auto error = accepted.error().code();
+    if (error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM) {
       std::this_thread::sleep_for(std::chrono::milliseconds(100));
     }
     return;
   }
-  UniqueFd connection(fd);
+  UniqueFd connection = std::move(accepted).value();
   Result<Peer> identified = identify(connection.get());
   if (!identified) return;
   const uid_t uid = identified->uid;
@@ -191,10 +184,11 @@ int AuthorityServer::run(int listeningSocket) {
     const auto wakeAt = std::min(nextSweep, lastActivity + m_limits.idleTimeout);
     const auto wait = std::chrono::duration_cast<std::chrono::milliseconds>(wakeAt - now);
     pollfd entries[2] = {{listeningSocket, POLLIN, 0}, {m_wake.get(), POLLIN, 0}};
-    int ready = ::poll(entries, 2, static_cast<int>(std::max<std::int64_t>(wait.count(), 1)));
-    if (ready < 0) {
-      if (errno == EINTR) continue;
-      m_log.log(Level::Error, "Waiting for connections failed (%m)");
+    Result<std::size_t> ready =
+        sys::poll(entries, static_cast<int>(std::max<std::int64_t>(wait.count(), 1)));
+    if (!ready) {
+      if (ready.error().code() == EINTR) continue;
+      m_log.log(Level::Error, "Waiting for connections failed (%m)", ready.error());
       return 1;
     }
     if (entries[1].revents != 0) return 0;

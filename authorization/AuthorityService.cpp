@@ -62,15 +62,6 @@ class ConnectionChannel final : public PromptChannel {
   bool m_gone = false;
 };
 
-// Results may hold a token: wipe them once sent.
-void wipeResults(Dictionary& results) {
-  for (const auto& entry : results) {
-    if (const Data* data = entry.second.asData()) {
-      wipe(const_cast<Data&>(*data).data(), data->size());
-    }
-  }
-}
-
 }  // namespace
 
 AuthorityService::AuthorityService(const Clock& clock, TokenStore& tokens,
@@ -142,7 +133,7 @@ void AuthorityService::serve(int connection, Peer& peer) {
   Data message = encodeReply(reply.status, reply.results);
   (void)sendMessage(connection, message, deadlineAfter(m_timeouts.send));
   wipe(std::span<std::uint8_t>(message));
-  wipeResults(reply.results);
+  wipe(reply.results);  // results may hold a token
 }
 
 AuthorityService::Reply AuthorityService::create(Peer& peer) {

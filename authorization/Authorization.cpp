@@ -2,7 +2,6 @@
 // service's socket (docs/authorization-protocol.md).
 
 #include <sys/socket.h>
-#include <sys/un.h>
 
 #include <cerrno>
 #include <cstring>
@@ -28,21 +27,7 @@ std::mutex g_pathMutex;
 std::string g_socketPath(kServiceSocketPath);
 
 Result<UniqueFd> connectToService() {
-  const std::string path = serviceSocketPath();
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  if (path.empty() || path.size() >= sizeof address.sun_path) {
-    return Error::posix(EINVAL, "service socket path");
-  }
-  std::memcpy(address.sun_path, path.data(), path.size());
-  int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (fd < 0) return Error::fromErrno("socket");
-  UniqueFd socket(fd);
-  for (;;) {
-    if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) break;
-    if (errno != EINTR) return Error::fromErrno("connect");
-  }
-  return socket;
+  return sys::connectLocalSocket(serviceSocketPath(), SOCK_STREAM);
 }
 
 struct Outcome {
@@ -203,7 +188,7 @@ std::int32_t Authorization::create(std::unique_ptr<Authorization>& out) {
   }
   ExternalForm form{};
   std::copy(token->asData()->begin(), token->asData()->end(), form.begin());
-  wipe(const_cast<Data&>(*token->asData()).data(), form.size());
+  wipe(outcome.results);
   out = std::make_unique<ClientAuthorization>(form);
   wipeToken(form);
   return kStatusSuccess;

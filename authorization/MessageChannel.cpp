@@ -5,11 +5,10 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 
-#include "authorization/Secret.h"
-#include "foundation/Crc16.h"
 #include "foundation/DataBlock.h"
+#include "foundation/System.h"
+#include "foundation/Wipe.h"
 
 namespace krv::auth {
 
@@ -27,37 +26,44 @@ int millisecondsUntil(Deadline deadline) {
 Status waitFor(int socket, short events, Deadline deadline) {
   for (;;) {
     pollfd entry{socket, events, 0};
-    int ready = ::poll(&entry, 1, millisecondsUntil(deadline));
-    if (ready > 0) return {};
-    if (ready == 0) return Error::posix(ETIMEDOUT, "poll");
-    if (errno != EINTR) return Error::fromErrno("poll");
+    Result<std::size_t> ready = sys::poll({&entry, 1}, millisecondsUntil(deadline));
+    if (ready && *ready > 0) return {};
+    if (ready) return Error::posix(ETIMEDOUT, "poll");
+    if (ready.error().code() != EINTR) return std::move(ready).error();
   }
 }
 
-Status receiveExactly(int socket, std::uint8_t* buffer, std::size_t length, Deadline deadline) {
-  std::size_t done = 0;
-  while (done < length) {
-    ssize_t count = ::recv(socket, buffer + done, length - done, MSG_DONTWAIT);
-    if (count > 0) {
-      done += static_cast<std::size_t>(count);
-    } else if (count == 0) {
-      return Error::posix(EPIPE, "recv");
-    } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
+bool wouldBlock(const Error& error) {
+  return error.code() == EAGAIN || error.code() == EWOULDBLOCK;
+}
+
+Status receiveExactly(int socket, std::span<std::uint8_t> buffer, Deadline deadline) {
+  while (!buffer.empty()) {
+    Result<std::size_t> count = sys::receive(socket, buffer, MSG_DONTWAIT);
+    if (count && *count == 0) return Error::posix(EPIPE, "recv");
+    if (count) {
+      buffer = buffer.subspan(*count);
+    } else if (wouldBlock(count.error())) {
       KRV_TRY_VOID(waitFor(socket, POLLIN, deadline));
-    } else if (errno != EINTR) {
-      return Error::fromErrno("recv");
+    } else {
+      return std::move(count).error();
     }
   }
   return {};
 }
 
-std::uint32_t loadLittleEndian32(const std::uint8_t* in) {
-  return static_cast<std::uint32_t>(in[0]) | (static_cast<std::uint32_t>(in[1]) << 8) |
-         (static_cast<std::uint32_t>(in[2]) << 16) | (static_cast<std::uint32_t>(in[3]) << 24);
-}
-
-void storeLittleEndian32(std::uint8_t* out, std::uint32_t value) {
-  for (int i = 0; i < 4; ++i) out[i] = static_cast<std::uint8_t>(value >> (8 * i));
+Status sendExactly(int socket, std::span<const std::uint8_t> bytes, Deadline deadline) {
+  while (!bytes.empty()) {
+    Result<std::size_t> count = sys::send(socket, bytes, MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (count) {
+      bytes = bytes.subspan(*count);
+    } else if (wouldBlock(count.error())) {
+      KRV_TRY_VOID(waitFor(socket, POLLOUT, deadline));
+    } else {
+      return std::move(count).error();
+    }
+  }
+  return {};
 }
 
 }  // namespace
@@ -66,60 +72,26 @@ Status sendMessage(int socket, std::span<const std::uint8_t> payload, Deadline d
   if (payload.empty() || payload.size() > kDataBlockMaximumPayload) {
     return Error::posix(EINVAL, "send message");
   }
-  Data frame(kDataBlockHeaderSize + payload.size());
-  std::memcpy(frame.data(), kDataBlockMarker.data(), kDataBlockMarker.size());
-  storeLittleEndian32(frame.data() + 28, static_cast<std::uint32_t>(payload.size()));
-  storeLittleEndian32(frame.data() + 32, crc16(payload));
-  std::memcpy(frame.data() + kDataBlockHeaderSize, payload.data(), payload.size());
-
-  Status status;
-  std::size_t done = 0;
-  while (done < frame.size()) {
-    ssize_t count =
-        ::send(socket, frame.data() + done, frame.size() - done, MSG_NOSIGNAL | MSG_DONTWAIT);
-    if (count >= 0) {
-      done += static_cast<std::size_t>(count);
-    } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
-      status = waitFor(socket, POLLOUT, deadline);
-      if (!status) break;
-    } else if (errno != EINTR) {
-      status = Error::fromErrno("send");
-      break;
-    }
-  }
+  Data frame = encodeDataBlock(payload);
+  Status status = sendExactly(socket, frame, deadline);
   wipe(std::span<std::uint8_t>(frame));
   return status;
 }
 
 Result<Data> receiveMessage(int socket, std::size_t maximumPayload, Deadline deadline) {
-  std::uint8_t header[kDataBlockHeaderSize];
-  KRV_TRY_VOID(receiveExactly(socket, header, sizeof header, deadline));
-  if (std::memcmp(header, kDataBlockMarker.data(), kDataBlockMarker.size()) != 0) {
-    return Error::posix(EIO, "message marker");
-  }
-  const std::uint32_t length = loadLittleEndian32(header + 28);
-  if (length > maximumPayload || length > kDataBlockMaximumSize) {
-    return Error::posix(EMSGSIZE, "message length");
-  }
-  Data payload(length);
-  if (Status received = receiveExactly(socket, payload.data(), length, deadline); !received) {
-    wipe(std::span<std::uint8_t>(payload));
-    return std::move(received).error();
-  }
-  if (crc16(payload) != loadLittleEndian32(header + 32)) {
-    wipe(std::span<std::uint8_t>(payload));
-    return Error::posix(EIO, "message checksum");
-  }
-  return payload;
+  return readDataBlock(
+      [socket, deadline](std::span<std::uint8_t> buffer) {
+        return receiveExactly(socket, buffer, deadline);
+      },
+      maximumPayload, EMSGSIZE);
 }
 
 bool waitQuietly(int socket, Deadline deadline) {
   for (;;) {
     pollfd entry{socket, POLLIN, 0};
-    int ready = ::poll(&entry, 1, millisecondsUntil(deadline));
-    if (ready == 0) return true;
-    if (ready > 0) return false;
-    if (errno != EINTR) return false;
+    Result<std::size_t> ready = sys::poll({&entry, 1}, millisecondsUntil(deadline));
+    if (ready) return *ready == 0;
+    if (ready.error().code() != EINTR) return false;
   }
 }
 

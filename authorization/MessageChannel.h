@@ -1,10 +1,10 @@
 #pragma once
 // MessageChannel: data blocks on a connected stream socket, with deadlines.
 //
-// The framing is the project's data block (foundation/DataBlock.h: marker, little-endian payload
-// length, CRC-16 of the payload, payload). Unlike the plain block reader, the functions here never
-// wait past a deadline (a peer that stalls or trickles bytes cannot hold a thread), refuse a
-// declared length above the caller's limit before allocating anything, and send with
+// The framing and the block reader are the project's data blocks (foundation/DataBlock.h), whose
+// buffer grows only as bytes arrive. Unlike the reads on a descriptor there, the functions here
+// never wait past a deadline (a peer that stalls or trickles bytes cannot hold a thread), refuse a
+// declared length above the caller's limit before reading the payload, and send with
 // MSG_NOSIGNAL (a peer that went away is EPIPE, never a signal). They work on blocking and
 // non-blocking sockets alike.
 //

@@ -9,6 +9,7 @@
 #include <atomic>
 #include <cerrno>
 #include <mutex>
+#include <optional>
 
 #include "foundation/System.h"
 
@@ -53,17 +54,12 @@ volatile sig_atomic_t g_caught[kSignalCount];
 std::atomic<int> g_wakeFd{-1};
 
 extern "C" void noteSignal(int signal) {
-  const int savedErrno = errno;
   for (int i = 0; i < kSignalCount; ++i) {
     if (kEndingSignals[i] == signal) g_caught[i] = 1;
   }
   // Wakes the reading loop even when the signal went to another thread.
   const int fd = g_wakeFd.load();
-  if (fd >= 0) {
-    const char byte = 0;
-    (void)::write(fd, &byte, 1);
-  }
-  errno = savedErrno;
+  if (fd >= 0) sys::writeFromSignalHandler(fd, 0);
 }
 
 // Catches the ending signals for its lifetime, then restores the old dispositions and delivers
@@ -73,17 +69,19 @@ class SignalGuard {
   explicit SignalGuard(int wakeFd) {
     for (int i = 0; i < kSignalCount; ++i) g_caught[i] = 0;
     g_wakeFd = wakeFd;
-    struct sigaction action {};
-    action.sa_handler = noteSignal;
-    sigemptyset(&action.sa_mask);
-    action.sa_flags = 0;  // no SA_RESTART: a blocked call returns EINTR
-    for (int i = 0; i < kSignalCount; ++i) ::sigaction(kEndingSignals[i], &action, &m_saved[i]);
+    // No SA_RESTART: a blocked call returns EINTR.
+    for (int i = 0; i < kSignalCount; ++i) {
+      Result<struct sigaction> previous = sys::setSignalHandler(kEndingSignals[i], noteSignal);
+      if (previous) m_saved[i] = *previous;
+    }
   }
   ~SignalGuard() {
-    for (int i = 0; i < kSignalCount; ++i) ::sigaction(kEndingSignals[i], &m_saved[i], nullptr);
+    for (int i = 0; i < kSignalCount; ++i) {
+      if (m_saved[i]) (void)sys::restoreSignalAction(kEndingSignals[i], *m_saved[i]);
+    }
     g_wakeFd = -1;
     for (int i = 0; i < kSignalCount; ++i) {
-      if (g_caught[i] != 0) ::kill(::getpid(), kEndingSignals[i]);
+      if (g_caught[i] != 0) (void)sys::kill(::getpid(), kEndingSignals[i]);
     }
   }
   SignalGuard(const SignalGuard&) = delete;
@@ -97,23 +95,16 @@ class SignalGuard {
   }
 
  private:
-  struct sigaction m_saved[kSignalCount];
+  std::optional<struct sigaction> m_saved[kSignalCount];
 };
 
 void writeText(int fd, std::string_view text) {
   (void)sys::writeAll(fd, {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()});
 }
 
-Status setAttributes(int fd, const termios& attributes) {
-  for (;;) {
-    if (::tcsetattr(fd, TCSAFLUSH, &attributes) == 0) return {};
-    if (errno != EINTR) return Error::fromErrno("tcsetattr");
-  }
-}
-
 Result<UniqueFd> openTerminal(const std::string& path) {
   KRV_TRY(UniqueFd terminal, sys::open(path, O_RDWR | O_NOCTTY));
-  if (::isatty(terminal.get()) != 1) return Error::posix(ENOTTY, "isatty");
+  if (!sys::isTerminal(terminal.get())) return Error::posix(ENOTTY, "isatty");
   return terminal;
 }
 
@@ -148,11 +139,13 @@ Answer TerminalPromptHandler::ask(const Prompt& prompt) {
     termios saved{};
     bool echoChanged = false;
     if (prompt.style == PromptStyle::Secret) {
-      if (::tcgetattr(fd, &saved) != 0) return answer;
+      Result<termios> current = sys::terminalAttributes(fd);
+      if (!current) return answer;
+      saved = *current;
       termios quiet = saved;
       quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO | ECHOE | ECHOK | ECHONL);
       quiet.c_lflag |= ICANON;
-      echoChanged = setAttributes(fd, quiet).ok();
+      echoChanged = sys::setTerminalAttributes(fd, quiet).ok();
       if (!echoChanged) {
         // Never read a password that would be shown on the screen.
         return answer;
@@ -167,18 +160,18 @@ Answer TerminalPromptHandler::ask(const Prompt& prompt) {
         break;
       }
       pollfd entries[2] = {{fd, POLLIN, 0}, {wake->readEnd.get(), POLLIN, 0}};
-      if (::poll(entries, 2, -1) < 0) {
-        if (errno == EINTR) continue;
+      if (Result<std::size_t> ready = sys::poll(entries, -1); !ready) {
+        if (ready.error().code() == EINTR) continue;
         break;
       }
       if (entries[1].revents != 0) continue;  // a signal: checked at the top
       char byte = 0;
-      ssize_t count = ::read(fd, &byte, 1);
-      if (count < 0) {
-        if (errno == EINTR || errno == EAGAIN) continue;
+      Result<std::size_t> count = sys::read(fd, {reinterpret_cast<std::uint8_t*>(&byte), 1});
+      if (!count) {
+        if (count.error().code() == EAGAIN) continue;
         break;
       }
-      if (count == 0) {
+      if (*count == 0) {
         end = answer.response.empty() ? End::EndOfFile : End::Line;
         break;
       }
@@ -190,7 +183,7 @@ Answer TerminalPromptHandler::ask(const Prompt& prompt) {
       byte = 0;
     }
     if (echoChanged) {
-      (void)setAttributes(fd, saved);
+      (void)sys::setTerminalAttributes(fd, saved);
       // The user's Return was not echoed.
       writeText(fd, "\n");
     }

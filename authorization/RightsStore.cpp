@@ -10,6 +10,7 @@
 
 #include "foundation/PropertyList.h"
 #include "foundation/System.h"
+#include "platform/FileSystemCalls.h"
 
 namespace krv::auth {
 
@@ -66,12 +67,11 @@ Result<UniqueFd> openStoreFolder(const std::string& path, bool create) {
     const bool isStore = i + 1 == components.size();
     Result<UniqueFd> next = sys::openAt(folder.get(), components[i].c_str(), kFolderFlags);
     if (!next && next.error().code() == ENOENT && create) {
-      if (::mkdirat(folder.get(), components[i].c_str(), 0755) != 0 && errno != EEXIST) {
-        return Error::fromErrno("mkdirat");
-      }
+      Status made = sys::mkdirAt(folder.get(), components[i].c_str(), 0755);
+      if (!made && made.error().code() != EEXIST) return std::move(made).error();
       next = sys::openAt(folder.get(), components[i].c_str(), kFolderFlags);
       // The mode given to mkdirat went through the umask; make it exactly 0755.
-      if (next && ::fchmod(next->get(), 0755) != 0) return Error::fromErrno("fchmod");
+      if (next) KRV_TRY_VOID(sys::chmodDescriptor(next->get(), 0755));
     }
     if (!next) return std::move(next).error();
     KRV_TRY(struct stat status, sys::fstat(next->get()));
@@ -233,17 +233,21 @@ Status RightsStore::set(std::string_view name, const RightDefinition& definition
   KRV_TRY(UniqueFd file, sys::openAt(folder.get(), temporary.c_str(),
                                      O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_NOCTTY, 0644));
   auto discard = [&](Error error) {
-    ::unlinkat(folder.get(), temporary.c_str(), 0);
+    (void)sys::unlinkAt(folder.get(), temporary.c_str(), 0);
     return error;
   };
-  if (::fchmod(file.get(), 0644) != 0) return discard(Error::fromErrno("fchmod"));
+  if (Status mode = sys::chmodDescriptor(file.get(), 0644); !mode) {
+    return discard(std::move(mode).error());
+  }
   if (Status written = sys::writeAll(file.get(), contents); !written) {
     return discard(std::move(written).error());
   }
   if (Status synced = sys::fsync(file.get()); !synced) return discard(std::move(synced).error());
   file.reset();
-  if (::renameat(folder.get(), temporary.c_str(), folder.get(), fileName(name).c_str()) != 0) {
-    return discard(Error::fromErrno("renameat"));
+  if (Status renamed =
+          sys::renameAt(folder.get(), temporary.c_str(), folder.get(), fileName(name).c_str());
+      !renamed) {
+    return discard(std::move(renamed).error());
   }
   // The rename is durable once the folder is.
   return sys::fsync(folder.get());
@@ -252,9 +256,7 @@ Status RightsStore::set(std::string_view name, const RightDefinition& definition
 Status RightsStore::remove(std::string_view name) const {
   if (!isValidRightName(name)) return Error::posix(EINVAL, "right name");
   KRV_TRY(UniqueFd folder, openStoreFolder(m_directory, false));
-  if (::unlinkat(folder.get(), fileName(name).c_str(), 0) != 0) {
-    return Error::fromErrno("unlinkat");
-  }
+  KRV_TRY_VOID(sys::unlinkAt(folder.get(), fileName(name).c_str(), 0));
   return sys::fsync(folder.get());
 }
 

@@ -1,15 +1,9 @@
 #include "authorization/Secret.h"
 
-#include <string.h>
-
 #include <cstring>
 #include <utility>
 
 namespace krv::auth {
-
-void wipe(void* bytes, std::size_t length) {
-  if (bytes != nullptr && length > 0) ::explicit_bzero(bytes, length);
-}
 
 Secret::Secret() = default;
 

@@ -1,10 +1,9 @@
 #pragma once
 // Secret: a small buffer for a password on its way between the user and PAM. Its storage is
 // allocated once, at the first append, with a fixed capacity (it never reallocates, so no stray
-// copies are left behind in freed memory) and wiped with explicit_bzero when the secret is cleared,
-// moved from or destroyed. Movable, not copyable; not synchronised.
-//
-// wipe() is the same erasure for other buffers that held a secret (a message payload, a string).
+// copies are left behind in freed memory) and wiped (foundation/Wipe.h, the erasure every other
+// buffer that held a secret gets too) when the secret is cleared, moved from or destroyed. Movable,
+// not copyable; not synchronised.
 
 #include <cstddef>
 #include <cstdint>
@@ -13,11 +12,9 @@
 #include <string>
 #include <string_view>
 
-namespace krv::auth {
+#include "foundation/Wipe.h"
 
-void wipe(void* bytes, std::size_t length);
-inline void wipe(std::string& text) { wipe(text.data(), text.size()); }
-inline void wipe(std::span<std::uint8_t> bytes) { wipe(bytes.data(), bytes.size()); }
+namespace krv::auth {
 
 class Secret {
  public:

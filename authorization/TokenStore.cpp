@@ -34,12 +34,12 @@ void eraseOldest(std::vector<T>& items, Key obtainedOf) {
 bool processHasExited(int pidfd) {
   pollfd entry{pidfd, POLLIN, 0};
   for (;;) {
-    int ready = ::poll(&entry, 1, 0);
+    Result<std::size_t> ready = sys::poll({&entry, 1}, 0);
     // Readable, or the descriptor is unusable (POLLNVAL): either way the creator is gone for us.
-    if (ready >= 0) return ready > 0;
+    if (ready) return *ready > 0;
     // Out of memory for the poll itself says nothing about the process: the idle limit still ends
     // the token, a shortage must not.
-    if (errno != EINTR) return false;
+    if (ready.error().code() != EINTR) return false;
   }
 }
 
@@ -209,7 +209,7 @@ void TokenStore::sweep() {
     processes.push_back(pollfd{record.process.get(), POLLIN, 0});
     ids.push_back(record.id);
   }
-  if (!processes.empty() && ::poll(processes.data(), processes.size(), 0) > 0) {
+  if (Result<std::size_t> ready = sys::poll(processes, 0); ready && *ready > 0) {
     for (std::size_t i = 0; i < processes.size(); ++i) {
       if (processes[i].revents != 0) eraseLocked(ids[i], false);
     }

@@ -59,10 +59,10 @@ Result<std::optional<gid_t>> groupNamed(const char* name) {
       [name](char* buffer, std::size_t size) {
         group entry{};
         group* found = nullptr;
-        std::pair<int, std::optional<gid_t>> answer{
-            ::getgrnam_r(name, &entry, buffer, size, &found), {}};
-        if (answer.first == 0 && found != nullptr) answer.second = found->gr_gid;
-        return answer;
+        const int error = ::getgrnam_r(name, &entry, buffer, size, &found);
+        std::optional<gid_t> gid;
+        if (error == 0 && found != nullptr) gid = found->gr_gid;
+        return std::make_pair(error, gid);
       },
       "getgrnam_r");
 }

@@ -48,7 +48,7 @@ class FloorServer {
         UniqueFd connection(::accept4(m_listening.get(), nullptr, nullptr, SOCK_CLOEXEC));
         if (!connection || m_stop) return;
         if (!readDataBlock(connection.get())) continue;
-        writeDataBlock(connection.get(), reply);
+        (void)writeDataBlock(connection.get(), reply);
       }
     });
   }
@@ -67,7 +67,7 @@ class FloorServer {
 bool floorRoundTrip(const Data& request) {
   Result<UniqueFd> socket = KRVSecurityAgent::openRequestSocketAtPath(kFloorSocket);
   if (!socket) return false;
-  writeDataBlock(socket->get(), request, BlockSink::Socket);
+  if (!writeDataBlock(socket->get(), request, BlockSink::Socket)) return false;
   return readDataBlock(socket->get()).ok();
 }
 

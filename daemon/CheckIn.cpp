@@ -1,7 +1,5 @@
 // The daemon's check-in with the service manager, with its own failure messages.
 
-#include <cerrno>
-
 #include "daemon/SecurityAgentDaemon.h"
 #include "foundation/Assert.h"
 #include "platform/SocketActivation.h"
@@ -10,14 +8,13 @@ namespace krv {
 
 namespace {
 
-const char* messageFor(CheckInFailure failure) {
+LogTemplate messageFor(CheckInFailure failure) {
   switch (failure) {
     case CheckInFailure::None:
-      return nullptr;
-    case CheckInFailure::NotActivated:
-      return "Could not check in with launchd service (%m)";
     case CheckInFailure::Malformed:
       return "Check-in with launchd failed (%m)";
+    case CheckInFailure::NotActivated:
+      return "Could not check in with launchd service (%m)";
     case CheckInFailure::NoDescriptors:
       return "Could not get socket description (%m)";
     case CheckInFailure::UnexpectedEntryCount:
@@ -37,8 +34,8 @@ const char* messageFor(CheckInFailure failure) {
 int SecurityAgentDaemon::socketFromLaunchDCheckIn() {
   CheckInOutcome outcome = checkInWithServiceManager();
   if (!outcome.ok()) {
-    errno = outcome.errnoValue;
-    m_log.log(SystemLog::Level::Error, messageFor(outcome.failure));
+    m_log.log(SystemLog::Level::Error, messageFor(outcome.failure),
+              Error::posix(outcome.errnoValue, "check-in"));
     return -1;
   }
   int result = outcome.socket.release();

@@ -3,7 +3,6 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -15,7 +14,9 @@
 #include "foundation/Assert.h"
 #include "foundation/Format.h"
 #include "foundation/NameValue.h"
+#include "foundation/System.h"
 #include "foundation/UniqueFd.h"
+#include "platform/FileSystemCalls.h"
 #include "protocol/KRVSecurityAgent.h"
 
 namespace krv {
@@ -57,42 +58,41 @@ std::optional<ResponsePipe> SecurityAgentDaemon::createClientPipeReadableByUID(u
   KRV_ASSERT(!path.empty(), kUnit);
   // mkfifo never follows a link: a file planted under the name makes it fail, and the owner is
   // then changed through a descriptor of the very FIFO that was created.
-  mode_t savedMask = ::umask(0);
-  if (::mkfifo(path.c_str(), S_IRUSR | S_IWUSR) != 0) {
-    m_log.log(SystemLog::Level::Error, "Could not create pipe for client communication (%m)");
-    ::umask(savedMask);
+  const mode_t savedMask = sys::setFileCreationMask(0);
+  Status created = sys::mkfifo(path, S_IRUSR | S_IWUSR);
+  sys::setFileCreationMask(savedMask);
+  if (!created) {
+    m_log.log(SystemLog::Level::Error, "Could not create pipe for client communication (%m)",
+              created.error());
     return std::nullopt;
   }
-  ::umask(savedMask);
 
-  auto discard = [&]() -> std::optional<ResponsePipe> {
-    m_log.log(SystemLog::Level::Error, "Could not change owner of client communication pipe (%m)");
-    const int error = errno;
-    ::unlink(path.c_str());
-    errno = error;
+  auto discard = [&](const Error& error) -> std::optional<ResponsePipe> {
+    m_log.log(SystemLog::Level::Error, "Could not change owner of client communication pipe (%m)",
+              error);
+    (void)sys::unlink(path);
     return std::nullopt;
   };
-  const int fd = ::open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC);
-  if (fd < 0) return discard();
-  UniqueFd pipe(fd);
-  struct stat status {};
-  if (::fstat(pipe.get(), &status) != 0) return discard();
-  if (!S_ISFIFO(status.st_mode) || status.st_uid != 0) {
-    errno = EPERM;
-    return discard();
+  Result<UniqueFd> pipe = sys::open(path, O_PATH | O_NOFOLLOW);
+  if (!pipe) return discard(pipe.error());
+  Result<struct stat> status = sys::fstat(pipe->get());
+  if (!status) return discard(status.error());
+  if (!S_ISFIFO(status->st_mode) || status->st_uid != 0) {
+    return discard(Error::posix(EPERM, "open pipe"));
   }
-  if (::fchownat(pipe.get(), "", uid, kPipeGroup, AT_EMPTY_PATH) != 0) return discard();
-  return ResponsePipe{path, status.st_dev, status.st_ino};
+  if (Status owned = sys::fchownAt(pipe->get(), "", uid, kPipeGroup, AT_EMPTY_PATH); !owned) {
+    return discard(owned.error());
+  }
+  return ResponsePipe{path, status->st_dev, status->st_ino};
 }
 
-int SecurityAgentDaemon::handleConnectionRequest(int socket) {
+Status SecurityAgentDaemon::handleConnectionRequest(int socket) {
   KRV_ASSERT(socket > 0, kUnit);
-  Result<Value> object = KRVSecurityAgent::readObject(socket);
-  if (!object) return static_cast<int>(object.error().code());
-  const ObjectRef* reference = object->asObject();
+  KRV_TRY(Value object, KRVSecurityAgent::readObject(socket));
+  const ObjectRef* reference = object.asObject();
   std::shared_ptr<const KRVPrivilegedCommand> command =
       reference ? std::dynamic_pointer_cast<const KRVPrivilegedCommand>(*reference) : nullptr;
-  if (!command || !command->isValid()) return EIO;
+  if (!command || !command->isValid()) return Error::posix(EIO, "read command");
 
   throttleIfBusy();
 
@@ -109,7 +109,7 @@ int SecurityAgentDaemon::handleConnectionRequest(int socket) {
       case kCommandPrepareUninstallation:
         m_log.log(SystemLog::Level::Info, "Preparing v3 uninstallation procedure.");
         // Removing the definitions may take longer than a request may.
-        ::alarm(0);
+        sys::setAlarm(0);
         if (removeRightDefinitions(m_log)) {
           m_log.log(SystemLog::Level::Info, "Handling right definitions succeeded.");
           m_shutdown = true;
@@ -119,7 +119,7 @@ int SecurityAgentDaemon::handleConnectionRequest(int socket) {
           m_log.log(SystemLog::Level::Info, "Handling right definitions failed.");
           response = KRVSecurityAgent::transportError(kTransportRightRemovalFailed);
         }
-        ::alarm(kWatchdogSeconds);
+        sys::setAlarm(kWatchdogSeconds);
         break;
       case kCommandShutdown:
         m_shutdown = true;

@@ -1,16 +1,13 @@
 // SecurityAgentDaemon: start-up and the event loop. The serving of one connection is in
 // ConnectionHandler.cpp, the check-in with the service manager in CheckIn.cpp.
 
-#include <fcntl.h>
 #include <signal.h>
 #include <sys/epoll.h>
-#include <sys/resource.h>
-#include <sys/socket.h>
-#include <sys/time.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
+#include <cstdint>
+#include <limits>
 #include <thread>
 
 #include "daemon/SecurityAgentDaemon.h"
@@ -26,28 +23,32 @@ namespace {
 constexpr const char* kUnit = "KRVSecurityAgentMain";
 
 // Walks over large trees keep up to 500 directories open each; allow what the hard limit allows.
-void raiseDescriptorLimit() {
-  rlimit limit{};
-  if (::getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < limit.rlim_max) {
-    limit.rlim_cur = limit.rlim_max;
-    ::setrlimit(RLIMIT_NOFILE, &limit);
-  }
+constexpr std::uint64_t kAllDescriptors = std::numeric_limits<std::uint64_t>::max();
+
+bool meansVanished(const Error& error) {
+  const auto code = error.code();
+  return code == EAGAIN || code == EWOULDBLOCK || code == ECONNABORTED || code == EINTR;
 }
 
 }  // namespace
 
-int setSocketMode(int fd, bool nonBlocking) {
-  if (fd < 0) return EINVAL;
-  Status status = sys::setNonBlocking(fd, nonBlocking);
-  return status ? 0 : static_cast<int>(status.error().code());
+Status setSocketMode(int fd, bool nonBlocking) {
+  if (fd < 0) return Error::posix(EINVAL, "fcntl");
+  return sys::setNonBlocking(fd, nonBlocking);
 }
 
 SecurityAgentDaemon::SecurityAgentDaemon(bool debug)
     : m_debug(debug),
       m_log(kDaemonIdentification, kDaemonFacility, debug ? SystemLog::kCopyToStandardError : 0) {}
 
-int SecurityAgentDaemon::setupFailure(const char* message) {
+int SecurityAgentDaemon::setupFailure(std::string_view message) {
   m_log.log(SystemLog::Level::Error, message);
+  m_log.log(SystemLog::Level::Info, "Agent is shutting down.");
+  return kExitSetupFailure;
+}
+
+int SecurityAgentDaemon::setupFailure(LogTemplate message, const Error& error) {
+  m_log.log(SystemLog::Level::Error, message, error);
   m_log.log(SystemLog::Level::Info, "Agent is shutting down.");
   return kExitSetupFailure;
 }
@@ -57,28 +58,24 @@ int SecurityAgentDaemon::run() {
   if (!allRightsDefined() && !setupRightDefinitions()) {
     return setupFailure("Could not setup right definitions");
   }
-  timeval startTime{};
-  ::gettimeofday(&startTime, nullptr);  // kept for diagnostics
+  const auto startTime = std::chrono::system_clock::now();  // kept for diagnostics
   (void)startTime;
-  if (::signal(SIGPIPE, SIG_IGN) == SIG_ERR) return setupFailure("Could not setup signals (%m)");
-  raiseDescriptorLimit();
+  if (Result<struct sigaction> ignored = sys::setSignalHandler(SIGPIPE, SIG_IGN); !ignored) {
+    return setupFailure("Could not setup signals (%m)", ignored.error());
+  }
+  (void)sys::raiseDescriptorLimit(kAllDescriptors);
 
   m_listeningSocket = socketFromLaunchDCheckIn();
   if (m_listeningSocket < 0) return setupFailure("Socket failure.");
   UniqueFd listening(m_listeningSocket);
 
-  int queueFd = ::epoll_create1(EPOLL_CLOEXEC);
-  if (queueFd < 0) return setupFailure("Could not create kernel event queue (%m)");
-  UniqueFd queue(queueFd);
-  epoll_event interest{};
-  interest.events = EPOLLIN;
-  interest.data.fd = m_listeningSocket;
-  if (::epoll_ctl(queueFd, EPOLL_CTL_ADD, m_listeningSocket, &interest) != 0) {
-    return setupFailure("Could not add listening socket to kernel event queue (%m)");
+  Result<UniqueFd> queue = sys::epollCreate();
+  if (!queue) return setupFailure("Could not create kernel event queue (%m)", queue.error());
+  if (Status added = sys::epollAdd(queue->get(), m_listeningSocket, EPOLLIN); !added) {
+    return setupFailure("Could not add listening socket to kernel event queue (%m)", added.error());
   }
-  if (int error = setSocketMode(m_listeningSocket, true); error != 0) {
-    errno = error;
-    return setupFailure("Could not change socket mode (%m)");
+  if (Status mode = setSocketMode(m_listeningSocket, true); !mode) {
+    return setupFailure("Could not change socket mode (%m)", mode.error());
   }
 
   // Serve; after a timeout, an error or a shutdown, serve again for as long as a command runs:
@@ -87,7 +84,7 @@ int SecurityAgentDaemon::run() {
   // After an error the loop would return at once again (a connection the daemon cannot accept
   // stays pending): a longer nap keeps that from spinning a core while commands finish.
   do {
-    runUsingQueue(queueFd);
+    runUsingQueue(queue->get());
     if (KRVCommandExecutor::numberOfRunningExecutorThreads() != 0) {
       std::this_thread::sleep_for(std::chrono::milliseconds(m_shutdown ? 1 : 100));
     }
@@ -102,52 +99,47 @@ void SecurityAgentDaemon::runUsingQueue(int queue) {
   for (;;) {
     if (m_shutdown) return;
     epoll_event event{};
-    int count = ::epoll_wait(queue, &event, 1, kIdleTimeoutSeconds * 1000);
-    if (count == 0) return;
-    if (count < 0) {
-      if (errno == EINTR) continue;
+    Result<std::size_t> count = sys::epollWait(queue, {&event, 1}, kIdleTimeoutSeconds * 1000);
+    if (count && *count == 0) return;
+    if (!count) {
+      if (count.error().code() == EINTR) continue;
       m_log.log(SystemLog::Level::Error,
-                "Unexpected operating system error while waiting for events (%m)");
+                "Unexpected operating system error while waiting for events (%m)", count.error());
       return;
     }
 
     // No handler is installed for SIGALRM: a request that takes longer ends the process.
-    ::alarm(kWatchdogSeconds);
-    std::uint8_t address[16];
-    socklen_t addressLength = sizeof address;
-    int connection = ::accept4(m_listeningSocket, reinterpret_cast<sockaddr*>(address),
-                               &addressLength, SOCK_CLOEXEC);
-    if (connection < 0) {
-      if (errno == EAGAIN || errno == EWOULDBLOCK || errno == ECONNABORTED || errno == EINTR) {
+    sys::setAlarm(kWatchdogSeconds);
+    Result<UniqueFd> client = sys::accept(m_listeningSocket);
+    if (!client) {
+      if (meansVanished(client.error())) {
         m_log.log(SystemLog::Level::Info,
                   "WARNING: A connection disappeared before we could accept it");
-        ::alarm(0);
+        sys::setAlarm(0);
         continue;
       }
       m_log.log(SystemLog::Level::Error,
-                "Unexpected operating system error while accepting a connection request (%m)");
+                "Unexpected operating system error while accepting a connection request (%m)",
+                client.error());
       // The loop is entered again while commands run: an armed watchdog would end them there.
-      ::alarm(0);
+      sys::setAlarm(0);
       return;
     }
 
-    UniqueFd client(connection);
     m_log.log(SystemLog::Level::Debug, "Request started.");
-    if (int error = setSocketMode(connection, false); error != 0) {
-      client.reset();
-      errno = error;
-      m_log.log(SystemLog::Level::Error, "Request failure (%m)");
+    if (Status mode = setSocketMode(client->get(), false); !mode) {
+      client->reset();
+      m_log.log(SystemLog::Level::Error, "Request failure (%m)", mode.error());
     } else {
-      int result = handleConnectionRequest(connection);
-      client.reset();
-      if (result == 0) {
+      Status served = handleConnectionRequest(client->get());
+      client->reset();
+      if (served) {
         m_log.log(SystemLog::Level::Debug, "Request completed.");
       } else {
-        errno = result;
-        m_log.log(SystemLog::Level::Error, "Request failure (%m)");
+        m_log.log(SystemLog::Level::Error, "Request failure (%m)", served.error());
       }
     }
-    ::alarm(0);
+    sys::setAlarm(0);
   }
 }
 

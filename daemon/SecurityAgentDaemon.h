@@ -15,7 +15,9 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 
+#include "foundation/Result.h"
 #include "foundation/SystemLog.h"
 
 namespace krv {
@@ -47,8 +49,9 @@ class SecurityAgentDaemon {
   // Returns the exit status.
   int run();
 
-  // Serves one accepted, blocking connection; 0 when the reply was written, else an errno value.
-  int handleConnectionRequest(int socket);
+  // Serves one accepted, blocking connection: success when the reply was written, else the POSIX
+  // error (EIO for an object that is not a valid command; no reply is written then).
+  Status handleConnectionRequest(int socket);
   // Creates the response FIFO for a request (mode 0600, owner uid, group 1) and notes which FIFO
   // it is; nothing on failure (logged).
   std::optional<ResponsePipe> createClientPipeReadableByUID(uid_t uid);
@@ -57,7 +60,8 @@ class SecurityAgentDaemon {
   bool isShuttingDown() const { return m_shutdown; }
 
  private:
-  int setupFailure(const char* message);
+  int setupFailure(std::string_view message);
+  int setupFailure(LogTemplate message, const Error& error);
   int socketFromLaunchDCheckIn();
   void runUsingQueue(int queue);
   void throttleIfBusy();
@@ -69,8 +73,9 @@ class SecurityAgentDaemon {
   int m_listeningSocket = -1;
 };
 
-// Sets or clears O_NONBLOCK, writing the flags only when they differ; 0 or an errno value.
-int setSocketMode(int fd, bool nonBlocking);
+// Sets or clears O_NONBLOCK, writing the flags only when they differ; EINVAL for a negative
+// descriptor.
+Status setSocketMode(int fd, bool nonBlocking);
 
 // The right definitions of the command table in the rights store.
 bool allRightsDefined();

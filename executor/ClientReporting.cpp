@@ -3,7 +3,6 @@
 
 #include <poll.h>
 
-#include <cerrno>
 #include <cmath>
 
 #include "executor/KRVCommandExecutor.h"
@@ -25,11 +24,12 @@ Error intermediateReport(Dictionary userInfo) {
 
 bool KRVCommandExecutor::sendProgressMessage(const Error& message) {
   if (!m_pipe.valid()) return false;
-  int result = KRVSecurityAgent::writeObject(&message, m_pipe.get());
-  if (result == 0) return true;
-  errno = result;
-  if (m_log)
-    m_log->log(SystemLog::Level::Error, "Could not transfer progress data back to client (%m).");
+  Status sent = KRVSecurityAgent::writeObject(&message, m_pipe.get());
+  if (sent) return true;
+  if (m_log) {
+    m_log->log(SystemLog::Level::Error, "Could not transfer progress data back to client (%m).",
+               sent.error());
+  }
   m_pipe.reset();
   setPathOfClientCommunicationPipe(std::nullopt);
   return false;
@@ -39,7 +39,8 @@ bool KRVCommandExecutor::isClientGone() const {
   if (!m_pipe.valid()) return true;
   pollfd pipe{m_pipe.get(), POLLOUT, 0};
   // The write end of a pipe reports an error once no reader is left.
-  return ::poll(&pipe, 1, 0) == 1 && (pipe.revents & (POLLERR | POLLHUP)) != 0;
+  Result<std::size_t> ready = sys::poll({&pipe, 1}, 0);
+  return ready && *ready == 1 && (pipe.revents & (POLLERR | POLLHUP)) != 0;
 }
 
 bool KRVCommandExecutor::sendProgressMessageToClient(double progress) {
@@ -81,10 +82,9 @@ void KRVCommandExecutor::sendFinalMessageToClientPipeAndClose(const CommandResul
   if (final->code() == 0 && !KRVSecurityAgent::isObjectAcceptableForResponse(final)) {
     final = &replacement;
   }
-  int result = KRVSecurityAgent::writeObject(final, m_pipe.get());
-  if (result != 0) {
-    errno = result;
-    if (m_log) m_log->log(SystemLog::Level::Error, "Could not transfer data back to client (%m).");
+  if (Status sent = KRVSecurityAgent::writeObject(final, m_pipe.get()); !sent && m_log) {
+    m_log->log(SystemLog::Level::Error, "Could not transfer data back to client (%m).",
+               sent.error());
   }
   m_pipe.reset();
   setPathOfClientCommunicationPipe(std::nullopt);

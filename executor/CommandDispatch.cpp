@@ -14,6 +14,7 @@
 
 #include "executor/KRVCommandExecutor.h"
 #include "foundation/NameValue.h"
+#include "foundation/System.h"
 
 namespace krv {
 
@@ -243,11 +244,12 @@ static_assert(isInCodeOrder(), "the record of each code sits at its index and na
 // Restores the file-creation mask and the live-output flag however the command ends.
 class CommandScope {
  public:
-  CommandScope(bool& liveFlag, bool live) : m_liveFlag(liveFlag), m_savedMask(::umask(0)) {
+  CommandScope(bool& liveFlag, bool live)
+      : m_liveFlag(liveFlag), m_savedMask(sys::setFileCreationMask(0)) {
     m_liveFlag = live;
   }
   ~CommandScope() {
-    ::umask(m_savedMask);
+    sys::setFileCreationMask(m_savedMask);
     m_liveFlag = false;
   }
   CommandScope(const CommandScope&) = delete;

@@ -54,49 +54,16 @@ void ignoreWakeUp(int) {}
 
 void installWakeUpHandler() {
   static std::once_flag installed;
-  std::call_once(installed, [] {
-    struct sigaction action {};
-    action.sa_handler = ignoreWakeUp;  // no SA_RESTART: the open must be interrupted
-    sigemptyset(&action.sa_mask);
-    ::sigaction(kPipeWaitSignal, &action, nullptr);
-  });
+  // Without SA_RESTART: the open must be interrupted.
+  std::call_once(installed, [] { (void)sys::setSignalHandler(kPipeWaitSignal, ignoreWakeUp); });
 }
-
-// A timer that signals the calling thread at the deadline and every second after it (a signal
-// that arrives just before the thread blocks is followed by another one).
-class WakeUpTimer {
- public:
-  explicit WakeUpTimer(std::chrono::seconds delay) {
-    installWakeUpHandler();
-    sigevent event{};
-    event.sigev_notify = SIGEV_THREAD_ID;
-    event.sigev_signo = kPipeWaitSignal;
-    event._sigev_un._tid = static_cast<pid_t>(::gettid());
-    if (::timer_create(CLOCK_MONOTONIC, &event, &m_timer) != 0) return;
-    m_armed = true;
-    itimerspec schedule{};
-    schedule.it_value.tv_sec = delay.count();
-    schedule.it_interval.tv_sec = 1;
-    ::timer_settime(m_timer, 0, &schedule, nullptr);
-  }
-  ~WakeUpTimer() {
-    if (m_armed) ::timer_delete(m_timer);
-  }
-  WakeUpTimer(const WakeUpTimer&) = delete;
-  WakeUpTimer& operator=(const WakeUpTimer&) = delete;
-
- private:
-  timer_t m_timer{};
-  bool m_armed = false;
-};
 
 using PipeIdentity = std::optional<std::pair<dev_t, ino_t>>;
 
 // The pipe must still be a FIFO, and the one the daemon created when it knows which: the client
 // owns it and could have replaced it with a link (the open never follows one), a file elsewhere
 // or another FIFO (a hard link to somebody else's, say).
-Result<UniqueFd> checkedPipe(int fd, const PipeIdentity& expected) {
-  UniqueFd pipe(fd);
+Result<UniqueFd> checkedPipe(UniqueFd pipe, const PipeIdentity& expected) {
   KRV_TRY(struct stat status, sys::fstat(pipe.get()));
   if (!S_ISFIFO(status.st_mode)) return Error::posix(EINVAL, "open pipe");
   if (expected && (status.st_dev != expected->first || status.st_ino != expected->second)) {
@@ -108,21 +75,24 @@ Result<UniqueFd> checkedPipe(int fd, const PipeIdentity& expected) {
 // Opens the write end of the response pipe; this waits until the client has opened the read end,
 // but no longer than kPipeOpenTimeout.
 Result<UniqueFd> openResponsePipe(const std::string& path, const PipeIdentity& expected) {
-  constexpr int kFlags = O_WRONLY | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC;
-  int fd = ::open(path.c_str(), kFlags | O_NONBLOCK);
-  if (fd >= 0) {
-    KRV_TRY(UniqueFd pipe, checkedPipe(fd, expected));
+  constexpr int kFlags = O_WRONLY | O_NOFOLLOW | O_NOCTTY;
+  Result<UniqueFd> opened = sys::open(path, kFlags | O_NONBLOCK);
+  if (opened) {
+    KRV_TRY(UniqueFd pipe, checkedPipe(std::move(opened).value(), expected));
     KRV_TRY_VOID(sys::setNonBlocking(pipe.get(), false));
     return pipe;
   }
-  if (errno != ENXIO) return Error::fromErrno("open");
+  if (opened.error().code() != ENXIO) return std::move(opened).error();
 
   auto deadline = std::chrono::steady_clock::now() + kPipeOpenTimeout;
-  WakeUpTimer timer(kPipeOpenTimeout);
+  installWakeUpHandler();
+  // The signal at the deadline and every second after it (one that arrives just before the thread
+  // blocks is followed by another one).
+  sys::ThreadSignalTimer timer(kPipeWaitSignal, kPipeOpenTimeout, std::chrono::seconds(1));
   for (;;) {
-    fd = ::open(path.c_str(), kFlags);
-    if (fd >= 0) return checkedPipe(fd, expected);
-    if (errno != EINTR) return Error::fromErrno("open");
+    opened = sys::openInterruptibly(path, kFlags);
+    if (opened) return checkedPipe(std::move(opened).value(), expected);
+    if (opened.error().code() != EINTR) return std::move(opened).error();
     if (std::chrono::steady_clock::now() >= deadline) return Error::posix(ETIMEDOUT, "open");
   }
 }
@@ -234,9 +204,9 @@ Status KRVCommandExecutor::startThread(std::unique_ptr<KRVCommandExecutor> execu
   }
   work.reset(handedOver);
   KRVCommandExecutor& unstarted = *work->executor;
-  errno = error;
   if (unstarted.log() != nullptr) {
-    unstarted.log()->log(SystemLog::Level::Error, "Could not start a command thread (%m)");
+    unstarted.log()->log(SystemLog::Level::Error, "Could not start a command thread (%m)",
+                         Error::posix(error, "pthread_create"));
   }
   if (work->command) work->command->discardAuthorization();
   if (unstarted.m_pipePath) removeUnusedPipe(*unstarted.m_pipePath, unstarted.m_expectedPipe);
@@ -292,8 +262,8 @@ void KRVCommandExecutor::runThreadBody(std::shared_ptr<const KRVPrivilegedComman
 
   Result<UniqueFd> pipe = openResponsePipe(*m_pipePath, m_expectedPipe);
   if (!pipe) {
-    errno = static_cast<int>(pipe.error().code());
-    m_log->log(SystemLog::Level::Error, "Could not open pipe for client communication (%m)");
+    m_log->log(SystemLog::Level::Error, "Could not open pipe for client communication (%m)",
+               pipe.error());
     removeUnusedPipe(*m_pipePath, m_expectedPipe);
   } else {
     m_pipe = std::move(*pipe);
@@ -310,13 +280,13 @@ void KRVCommandExecutor::runThreadBody(std::shared_ptr<const KRVPrivilegedComman
 
 bool KRVCommandExecutor::sendSignal(int signal, pid_t processIdentifier) {
   if (processIdentifier < 1) return false;
-  return ::kill(processIdentifier, signal) == 0;
+  return sys::kill(processIdentifier, signal).ok();
 }
 
 std::uint32_t KRVCommandExecutor::fileSystemIDForPath(const std::string& path) {
-  struct stat status {};
-  if (::lstat(path.c_str(), &status) != 0) return 0xFFFFFFFFu;
-  return static_cast<std::uint32_t>(status.st_dev);
+  Result<struct stat> status = sys::lstat(path);
+  if (!status) return 0xFFFFFFFFu;
+  return static_cast<std::uint32_t>(status->st_dev);
 }
 
 }  // namespace krv

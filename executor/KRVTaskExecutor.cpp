@@ -1,6 +1,5 @@
 #include "executor/KRVTaskExecutor.h"
 
-#include <fcntl.h>
 #include <poll.h>
 #include <spawn.h>
 #include <sys/stat.h>
@@ -34,9 +33,7 @@ bool isOwnedByRootAndNotWritableByOthers(const struct stat& status) {
 // always makes a fresh, inheritable copy.
 Result<UniqueFd> aboveStandardDescriptors(UniqueFd fd) {
   if (fd.get() > STDERR_FILENO) return fd;
-  int moved = ::fcntl(fd.get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
-  if (moved < 0) return Error::fromErrno("fcntl");
-  return UniqueFd(moved);
+  return sys::duplicate(fd.get(), STDERR_FILENO + 1);
 }
 
 class SpawnActions {
@@ -79,14 +76,9 @@ Data drain(int fd) {
   (void)sys::setNonBlocking(fd, true);
   std::uint8_t buffer[kReadChunkSize];
   while (chunk.size() < kMaximumDrain) {
-    ssize_t count = ::read(fd, buffer, sizeof buffer);
-    if (count > 0) {
-      chunk.insert(chunk.end(), buffer, buffer + count);
-    } else if (count < 0 && errno == EINTR) {
-      continue;
-    } else {
-      break;
-    }
+    Result<std::size_t> count = sys::read(fd, buffer);
+    if (!count || *count == 0) break;
+    chunk.insert(chunk.end(), buffer, buffer + *count);
   }
   return chunk;
 }
@@ -110,14 +102,14 @@ bool KRVTaskExecutor::hasExecutableSafePermissionsAtPath(const std::string& path
   char resolved[PATH_MAX];
   if (::realpath(path.c_str(), resolved) == nullptr) return false;
   std::string program(resolved);
-  struct stat status {};
-  if (::lstat(program.c_str(), &status) != 0 || S_ISDIR(status.st_mode)) return false;
-  if (!isOwnedByRootAndNotWritableByOthers(status)) return false;
+  Result<struct stat> status = sys::lstat(program);
+  if (!status || S_ISDIR(status->st_mode)) return false;
+  if (!isOwnedByRootAndNotWritableByOthers(*status)) return false;
   std::string::size_type slash = program.rfind('/');
   std::string parent = slash == 0 ? std::string("/") : program.substr(0, slash);
-  struct stat parentStatus {};
-  if (::lstat(parent.c_str(), &parentStatus) != 0 || !S_ISDIR(parentStatus.st_mode)) return false;
-  return isOwnedByRootAndNotWritableByOthers(parentStatus);
+  Result<struct stat> parentStatus = sys::lstat(parent);
+  if (!parentStatus || !S_ISDIR(parentStatus->st_mode)) return false;
+  return isOwnedByRootAndNotWritableByOthers(*parentStatus);
 }
 
 void KRVTaskExecutor::deliver(const Data& chunk, bool isError) {
@@ -190,26 +182,24 @@ Result<int> KRVTaskExecutor::executeProgramAtPath(const std::string& path,
   for (;;) {
     // Without a process descriptor (old kernels) the end of both streams stands for the exit.
     if (!exitNotice.valid() && watched[0].fd < 0 && watched[1].fd < 0) break;
-    int ready = ::poll(watched, 3, -1);
-    if (ready < 0) {
-      if (errno == EINTR) continue;
+    if (Result<std::size_t> ready = sys::poll(watched, -1); !ready) {
+      if (ready.error().code() == EINTR) continue;
       break;
     }
     if (watched[2].revents != 0) break;
     for (int stream = 0; stream < 2; ++stream) {
       if (watched[stream].fd < 0 || watched[stream].revents == 0) continue;
-      ssize_t count = ::read(watched[stream].fd, buffer, sizeof buffer);
-      if (count > 0) {
-        deliver(Data(buffer, buffer + count), stream == 1);
-      } else if (count == 0 || (errno != EINTR && errno != EAGAIN)) {
+      Result<std::size_t> count = sys::read(watched[stream].fd, buffer);
+      if (count && *count > 0) {
+        deliver(Data(buffer, buffer + *count), stream == 1);
+      } else if (count || count.error().code() != EAGAIN) {
         watched[stream].fd = -1;  // end of this stream; the final drain reports it
       }
     }
   }
 
-  int waitStatus = 0;
-  while (::waitpid(pid, &waitStatus, 0) < 0 && errno == EINTR) {
-  }
+  // An unknown child (it cannot be: we started it) leaves a status of 0.
+  const int waitStatus = sys::waitForProcess(pid).valueOr(0);
   deliver(drain(output.readEnd.get()), false);
   deliver(drain(error.readEnd.get()), true);
   return exitStatusOf(waitStatus);

@@ -11,25 +11,25 @@ namespace {
 // buffer geometrically.
 constexpr std::size_t kInitialArchiveCapacity = 512;
 
-Data archiveValue(const Value& root, ArchiveForm form) {
+// An archive written by `write` into a fresh buffer.
+template <class Write>
+Data archiveWith(Write write) {
   Data output;
   output.reserve(kInitialArchiveCapacity);
   {
     // The writer settles the size of the output when it goes.
     CborWriter writer(output);
-    writer.writeValue(root, form);
+    write(writer);
   }
   return output;
 }
 
+Data archiveValue(const Value& root, ArchiveForm form) {
+  return archiveWith([&](CborWriter& writer) { writer.writeValue(root, form); });
+}
+
 Data archiveObject(const Archivable& root, ArchiveForm form) {
-  Data output;
-  output.reserve(kInitialArchiveCapacity);
-  {
-    CborWriter writer(output);
-    writer.writeObject(root, form);
-  }
-  return output;
+  return archiveWith([&](CborWriter& writer) { writer.writeObject(root, form); });
 }
 
 }  // namespace

@@ -1,13 +1,14 @@
 #pragma once
-// Loading and storing fixed-width unsigned integers in a stated byte order, independent of the
-// host's. The one home for byte-order conversions of wire and file formats: every codec that reads
-// or writes a multi-byte field in a given order uses these rather than shifting by hand.
+// Unsigned integers stored in bytes in a fixed byte order, whatever the host's: the data blocks'
+// header is little-endian; CBOR, binary property lists, the digests' words and the access control
+// lists' byte form are big-endian.
 //
-// The load and store functions work on raw pointers for speed in decoders; the caller guarantees
-// that sizeof(T) bytes are readable (load) or writable (store) there - check the bounds first, as
-// with any access to a buffer. The append functions grow a byte vector and need no such check.
-// T is one of std::uint16_t, std::uint32_t and std::uint64_t (std::uint8_t works trivially).
-// Everything is constexpr, allocation-free (except append) and thread-safe.
+//   const std::uint32_t length = loadLittleEndian<std::uint32_t>(header + kDataBlockLengthOffset);
+//   storeBigEndian<std::uint64_t>(out, bits);
+//
+// T is one of the fixed-width unsigned types; `bytes` needs no alignment and must hold sizeof(T)
+// bytes (the caller checks the bounds). The append forms grow a byte vector and need no such
+// check. Pure (append aside), constexpr and thread-safe.
 
 #include <cstddef>
 #include <cstdint>
@@ -15,6 +16,14 @@
 #include <vector>
 
 namespace krv {
+
+template <class T>
+constexpr T loadLittleEndian(const std::uint8_t* bytes) {
+  static_assert(std::is_unsigned_v<T>);
+  T value = 0;
+  for (std::size_t i = sizeof(T); i-- > 0;) value = static_cast<T>((value << 8) | bytes[i]);
+  return value;
+}
 
 template <class T>
 constexpr T loadBigEndian(const std::uint8_t* bytes) {
@@ -25,28 +34,17 @@ constexpr T loadBigEndian(const std::uint8_t* bytes) {
 }
 
 template <class T>
-constexpr T loadLittleEndian(const std::uint8_t* bytes) {
+constexpr void storeLittleEndian(std::uint8_t* bytes, T value) {
   static_assert(std::is_unsigned_v<T>);
-  T value = 0;
-  for (std::size_t i = sizeof(T); i > 0; --i) value = static_cast<T>((value << 8) | bytes[i - 1]);
-  return value;
+  for (std::size_t i = 0; i < sizeof(T); ++i)
+    bytes[i] = static_cast<std::uint8_t>(value >> (8 * i));
 }
 
 template <class T>
-constexpr void storeBigEndian(std::uint8_t* out, T value) {
-  static_assert(std::is_unsigned_v<T>);
-  for (std::size_t i = sizeof(T); i > 0; --i) {
-    out[i - 1] = static_cast<std::uint8_t>(value);
-    value = static_cast<T>(value >> 8);
-  }
-}
-
-template <class T>
-constexpr void storeLittleEndian(std::uint8_t* out, T value) {
+constexpr void storeBigEndian(std::uint8_t* bytes, T value) {
   static_assert(std::is_unsigned_v<T>);
   for (std::size_t i = 0; i < sizeof(T); ++i) {
-    out[i] = static_cast<std::uint8_t>(value);
-    value = static_cast<T>(value >> 8);
+    bytes[i] = static_cast<std::uint8_t>(value >> (8 * (sizeof(T) - 1 - i)));
   }
 }
 

@@ -11,26 +11,15 @@
 #include <utility>
 
 #include "foundation/Archiver.h"
+#include "foundation/ByteOrder.h"
+#include "foundation/CborFormat.h"
+#include "foundation/Utf8.h"
 
 namespace krv {
 
 namespace {
 
-constexpr std::uint8_t kMajorUnsigned = 0;
-constexpr std::uint8_t kMajorNegative = 1;
-constexpr std::uint8_t kMajorBytes = 2;
-constexpr std::uint8_t kMajorText = 3;
-constexpr std::uint8_t kMajorArray = 4;
-constexpr std::uint8_t kMajorMap = 5;
-constexpr std::uint8_t kMajorTag = 6;
-constexpr std::uint8_t kMajorSimple = 7;
-
-constexpr std::uint8_t kInfoFalse = 20;
-constexpr std::uint8_t kInfoTrue = 21;
-constexpr std::uint8_t kInfoHalf = 25;
-constexpr std::uint8_t kInfoSingle = 26;
-constexpr std::uint8_t kInfoDouble = 27;
-constexpr std::uint8_t kInfoIndefinite = 31;
+using namespace cbor;
 
 // The largest argument of a negative integer whose value (-1 - argument) is at least -2^63.
 constexpr std::uint64_t kLargestNegativeArgument =
@@ -39,58 +28,6 @@ constexpr std::uint64_t kLargestNegativeArgument =
 // A container reserves at most this many elements before they are read: a length is only a claim
 // until its elements are there, and nested claims would otherwise add up level by level.
 constexpr std::uint64_t kMaximumReservation = 1024;
-
-// RFC 3629: no overlong forms, no surrogates, nothing above U+10FFFF.
-bool isValidUtf8(const std::uint8_t* bytes, std::size_t length) {
-  std::size_t i = 0;
-  while (i < length) {
-    if (length - i >= 8) {
-      std::uint64_t chunk;
-      std::memcpy(&chunk, bytes + i, sizeof chunk);
-      if ((chunk & 0x8080808080808080ull) == 0) {
-        i += 8;
-        continue;
-      }
-    }
-    const std::uint8_t lead = bytes[i];
-    if (lead < 0x80) {
-      ++i;
-      continue;
-    }
-    std::size_t size;
-    std::uint8_t low = 0x80;
-    std::uint8_t high = 0xBF;
-    if (lead >= 0xC2 && lead <= 0xDF) {
-      size = 2;
-    } else if (lead >= 0xE0 && lead <= 0xEF) {
-      size = 3;
-      if (lead == 0xE0) low = 0xA0;   // overlong below U+0800
-      if (lead == 0xED) high = 0x9F;  // surrogates U+D800..U+DFFF
-    } else if (lead >= 0xF0 && lead <= 0xF4) {
-      size = 4;
-      if (lead == 0xF0) low = 0x90;   // overlong below U+10000
-      if (lead == 0xF4) high = 0x8F;  // above U+10FFFF
-    } else {
-      return false;
-    }
-    if (length - i < size) return false;
-    if (bytes[i + 1] < low || bytes[i + 1] > high) return false;
-    for (std::size_t k = 2; k < size; ++k) {
-      if ((bytes[i + k] & 0xC0) != 0x80) return false;
-    }
-    i += size;
-  }
-  return true;
-}
-
-template <class T>
-T fromBigEndian(T value) {
-  if constexpr (std::endian::native == std::endian::little) {
-    if constexpr (sizeof(T) == 4) return __builtin_bswap32(value);
-    if constexpr (sizeof(T) == 8) return __builtin_bswap64(value);
-  }
-  return value;
-}
 
 double halfToDouble(std::uint16_t half) {
   const int exponent = (half >> 10) & 0x1F;
@@ -117,24 +54,6 @@ double doubleFromBits(std::uint64_t bits) {
   double value;
   std::memcpy(&value, &bits, sizeof value);
   return value;
-}
-
-// Small maps (the common case: records of a handful of keys) compare pairwise; larger ones sort.
-bool hasDuplicateKey(const std::vector<Dictionary::Entry>& entries) {
-  const std::size_t count = entries.size();
-  if (count <= 16) {
-    for (std::size_t i = 0; i < count; ++i) {
-      for (std::size_t j = i + 1; j < count; ++j) {
-        if (entries[i].first == entries[j].first) return true;
-      }
-    }
-    return false;
-  }
-  std::vector<std::string_view> keys;
-  keys.reserve(count);
-  for (const Dictionary::Entry& entry : entries) keys.emplace_back(entry.first);
-  std::sort(keys.begin(), keys.end());
-  return std::adjacent_find(keys.begin(), keys.end()) != keys.end();
 }
 
 bool holdsNaNDate(const Value& value);
@@ -290,43 +209,32 @@ bool CborReader::fail(Error error) {
   return false;
 }
 
+template <class Argument>
+bool CborReader::takeArgument(Head& head) {
+  if (remaining() < sizeof(Argument)) return fail("truncated item");
+  head.argument = loadBigEndian<Argument>(m_payload.data() + m_position);
+  m_position += sizeof(Argument);
+  return true;
+}
+
 bool CborReader::readHead(Head& head) {
   if (remaining() == 0) return fail("truncated item");
   const std::uint8_t initial = m_payload[m_position++];
   head.major = static_cast<std::uint8_t>(initial >> 5);
   head.info = initial & 0x1F;
-  if (head.info < 24) {
+  if (head.info < kInfoOneByte) {
     head.argument = head.info;
     return true;
   }
-  const std::uint8_t* at = m_payload.data() + m_position;
   switch (head.info) {
-    case 24:
-      if (remaining() < 1) return fail("truncated item");
-      head.argument = at[0];
-      m_position += 1;
-      return true;
-    case 25:
-      if (remaining() < 2) return fail("truncated item");
-      head.argument = static_cast<std::uint64_t>(at[0]) << 8 | at[1];
-      m_position += 2;
-      return true;
-    case 26: {
-      if (remaining() < 4) return fail("truncated item");
-      std::uint32_t bits;
-      std::memcpy(&bits, at, sizeof bits);
-      head.argument = fromBigEndian(bits);
-      m_position += 4;
-      return true;
-    }
-    case 27: {
-      if (remaining() < 8) return fail("truncated item");
-      std::uint64_t bits;
-      std::memcpy(&bits, at, sizeof bits);
-      head.argument = fromBigEndian(bits);
-      m_position += 8;
-      return true;
-    }
+    case kInfoOneByte:
+      return takeArgument<std::uint8_t>(head);
+    case kInfoTwoBytes:
+      return takeArgument<std::uint16_t>(head);
+    case kInfoFourBytes:
+      return takeArgument<std::uint32_t>(head);
+    case kInfoEightBytes:
+      return takeArgument<std::uint64_t>(head);
     case kInfoIndefinite:
       return fail("indefinite length");
     default:
@@ -345,7 +253,9 @@ bool CborReader::takeText(std::uint64_t length, std::string_view& text) {
   const std::uint8_t* bytes = nullptr;
   if (!takeBytes(length, bytes)) return false;
   const auto size = static_cast<std::size_t>(length);
-  if (!isValidUtf8(bytes, size)) return fail("invalid UTF-8");
+  if (findInvalidUtf8({reinterpret_cast<const char*>(bytes), size}) != std::string_view::npos) {
+    return fail("invalid UTF-8");
+  }
   text = std::string_view(reinterpret_cast<const char*>(bytes), size);
   return true;
 }
@@ -401,13 +311,13 @@ bool CborReader::readValue(int depth, Value& out) {
         case kInfoTrue:
           out = Value::boolean(true);
           return true;
-        case kInfoHalf:
+        case kInfoTwoBytes:
           out = Value::real(halfToDouble(static_cast<std::uint16_t>(head.argument)));
           return true;
-        case kInfoSingle:
+        case kInfoFourBytes:
           out = Value::real(singleToDouble(static_cast<std::uint32_t>(head.argument)));
           return true;
-        case kInfoDouble:
+        case kInfoEightBytes:
           out = Value::real(doubleFromBits(head.argument));
           return true;
         default:
@@ -446,17 +356,17 @@ bool CborReader::readMap(std::uint64_t count, int depth, Entries& out) {
     if (!readValue(depth + 1, value)) return false;
     out.append(std::string(key), std::move(value));
   }
-  if (hasDuplicateKey(out.entries())) return fail("duplicate map key");
+  if (findDuplicateKey(out.entries())) return fail("duplicate map key");
   return true;
 }
 
 bool CborReader::readTagged(std::uint64_t tag, int depth, Value& out) {
   switch (tag) {
-    case kCborDateTag:
+    case kDateTag:
       return readDate(out);
-    case kCborSetTag:
+    case kSetTag:
       return readSet(depth, out);
-    case kCborObjectTag:
+    case kObjectTag:
       return readObject(depth, out);
     default:
       return fail("tag other than 1, 27 and 258");
@@ -472,11 +382,11 @@ bool CborReader::readDate(Value& out) {
   } else if (head.major == kMajorNegative) {
     if (head.argument > kLargestNegativeArgument) return fail("integer below -2^63");
     seconds = static_cast<double>(static_cast<std::int64_t>(~head.argument));
-  } else if (head.major == kMajorSimple && head.info == kInfoHalf) {
+  } else if (head.major == kMajorSimple && head.info == kInfoTwoBytes) {
     seconds = halfToDouble(static_cast<std::uint16_t>(head.argument));
-  } else if (head.major == kMajorSimple && head.info == kInfoSingle) {
+  } else if (head.major == kMajorSimple && head.info == kInfoFourBytes) {
     seconds = singleToDouble(static_cast<std::uint32_t>(head.argument));
-  } else if (head.major == kMajorSimple && head.info == kInfoDouble) {
+  } else if (head.major == kMajorSimple && head.info == kInfoEightBytes) {
     seconds = doubleFromBits(head.argument);
   } else {
     return fail("date is not a number");

@@ -54,6 +54,9 @@ class CborReader {
   // The reading functions return false after recording the failure in m_failure. `depth` is the
   // number of arrays, maps and tags enclosing the item.
   bool readHead(Head& head);
+  // The argument that follows an initial byte, big-endian, as wide as Argument.
+  template <class Argument>
+  bool takeArgument(Head& head);
   bool readValue(int depth, Value& out);
   bool takeBytes(std::uint64_t length, const std::uint8_t*& bytes);
   // Takes a text string of `length` bytes and checks that it is UTF-8; `text` views the payload.

@@ -8,22 +8,14 @@
 #include <vector>
 
 #include "foundation/Assert.h"
+#include "foundation/ByteOrder.h"
+#include "foundation/CborFormat.h"
 
 namespace krv {
 
 namespace {
 
-constexpr std::uint8_t kMajorUnsigned = 0;
-constexpr std::uint8_t kMajorNegative = 1;
-constexpr std::uint8_t kMajorBytes = 2;
-constexpr std::uint8_t kMajorText = 3;
-constexpr std::uint8_t kMajorArray = 4;
-constexpr std::uint8_t kMajorMap = 5;
-constexpr std::uint8_t kMajorTag = 6;
-
-constexpr std::uint8_t kFalse = 0xF4;
-constexpr std::uint8_t kTrue = 0xF5;
-constexpr std::uint8_t kFloat64 = 0xFB;
+using namespace cbor;
 
 // Counts the items an object encodes, without looking at them.
 class ItemCounter final : public Encoder {
@@ -154,7 +146,7 @@ void writeCanonicalSet(CborWriter& writer, const Set& set) {
     auto right = bytesOf(b);
     return std::lexicographical_compare(left.begin(), left.end(), right.begin(), right.end());
   });
-  writer.writeTag(kCborSetTag);
+  writer.writeTag(kSetTag);
   writer.writeArrayHeader(spans.size());
   for (const auto& span : spans) writer.writeEncoded(bytesOf(span));
 }
@@ -214,7 +206,7 @@ void writeCanonicalValue(CborWriter& writer, const Value& value) {
       break;
     }
     case ValueType::Date:
-      writer.writeTag(kCborDateTag);
+      writer.writeTag(kDateTag);
       writer.writeDouble(withoutNegativeZero(value.asDate()->secondsSince1970));
       break;
     case ValueType::Array:
@@ -231,7 +223,7 @@ void writeCanonicalValue(CborWriter& writer, const Value& value) {
       KRV_ASSERT(object != nullptr, "Archiver");
       CanonicalItems items;
       object->encode(items);
-      writer.writeTag(kCborObjectTag);
+      writer.writeTag(kObjectTag);
       writer.writeArrayHeader(2);
       writer.writeText(object->className());
       items.write(writer);
@@ -272,25 +264,25 @@ void CborWriter::writeEncoded(std::span<const std::uint8_t> items) {
 void CborWriter::writeHead(std::uint8_t major, std::uint64_t argument) {
   std::uint8_t buffer[9];
   std::size_t width;
-  const auto initial = static_cast<std::uint8_t>(major << 5);
-  if (argument < 24) {
-    buffer[0] = static_cast<std::uint8_t>(initial | argument);
+  if (argument < kInfoOneByte) {
+    buffer[0] = initialByte(major, static_cast<std::uint8_t>(argument));
     width = 0;
   } else if (argument <= 0xFF) {
-    buffer[0] = initial | 24;
+    buffer[0] = initialByte(major, kInfoOneByte);
+    buffer[1] = static_cast<std::uint8_t>(argument);
     width = 1;
   } else if (argument <= 0xFFFF) {
-    buffer[0] = initial | 25;
+    buffer[0] = initialByte(major, kInfoTwoBytes);
+    storeBigEndian(buffer + 1, static_cast<std::uint16_t>(argument));
     width = 2;
   } else if (argument <= 0xFFFFFFFF) {
-    buffer[0] = initial | 26;
+    buffer[0] = initialByte(major, kInfoFourBytes);
+    storeBigEndian(buffer + 1, static_cast<std::uint32_t>(argument));
     width = 4;
   } else {
-    buffer[0] = initial | 27;
+    buffer[0] = initialByte(major, kInfoEightBytes);
+    storeBigEndian(buffer + 1, argument);
     width = 8;
-  }
-  for (std::size_t i = 0; i < width; ++i) {
-    buffer[1 + i] = static_cast<std::uint8_t>(argument >> (8 * (width - 1 - i)));
   }
   append(buffer, 1 + width);
 }
@@ -325,7 +317,7 @@ void CborWriter::writeDouble(double value) {
   std::memcpy(&bits, &value, sizeof bits);
   std::uint8_t buffer[9];
   buffer[0] = kFloat64;
-  for (int i = 0; i < 8; ++i) buffer[1 + i] = static_cast<std::uint8_t>(bits >> (56 - 8 * i));
+  storeBigEndian(buffer + 1, bits);
   append(buffer, sizeof buffer);
 }
 
@@ -359,7 +351,7 @@ void CborWriter::writeDictionary(const Dictionary& dictionary, ArchiveForm form)
 }
 
 void CborWriter::writeSet(const Set& set, ArchiveForm form) {
-  writeTag(kCborSetTag);
+  writeTag(kSetTag);
   writeArrayHeader(set.elements.size());
   std::vector<const Value*> numbers;
   for (const Value& element : set.elements) {
@@ -375,7 +367,7 @@ void CborWriter::writeSet(const Set& set, ArchiveForm form) {
 void CborWriter::writeObject(const Archivable& object, ArchiveForm form) {
   ItemCounter counter(form);
   object.encode(counter);
-  writeTag(kCborObjectTag);
+  writeTag(kObjectTag);
   if (form == ArchiveForm::Sequential) {
     writeArrayHeader(1 + counter.count());
     writeText(object.className());
@@ -402,7 +394,7 @@ void CborWriter::writeValue(const Value& value, ArchiveForm form) {
       writeBytes(*value.asData());
       break;
     case ValueType::Date:
-      writeTag(kCborDateTag);
+      writeTag(kDateTag);
       writeDouble(value.asDate()->secondsSince1970);
       break;
     case ValueType::Array:

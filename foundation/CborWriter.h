@@ -25,11 +25,6 @@ namespace krv {
 // How objects are written (and read back): their items in order, or named items in a map.
 enum class ArchiveForm : std::uint8_t { Sequential, Keyed };
 
-// The tags the archives use.
-inline constexpr std::uint64_t kCborDateTag = 1;
-inline constexpr std::uint64_t kCborObjectTag = 27;
-inline constexpr std::uint64_t kCborSetTag = 258;
-
 class CborWriter {
  public:
   // Appends to `output`, whose size is final once the writer is destroyed (while writing, the

@@ -1,5 +1,6 @@
 #pragma once
-// Data blocks: the framing of every archived object on a socket or pipe.
+// Data blocks: the framing of every message on a socket or pipe, the one framer of the system
+// (daemon, client library and the authorization service's channel all use it).
 //
 //   offset 0   28 bytes  marker "***KRVSecurityAgentDataBlock" (no terminator)
 //   offset 28   4 bytes  payload length, unsigned, little-endian
@@ -7,15 +8,22 @@
 //   offset 36            payload
 //
 // The writer refuses a block larger than 1048576 bytes in all (payload at most 1048540); the reader
-// accepts a declared payload length of up to 1048576 (intended slack on the reading side). Reads
-// and writes block; the callers bound them (the daemon's watchdog, the client's own patience).
+// accepts a declared payload length of up to 1048576 (intended slack on the reading side). The
+// declared length is only a claim until the bytes arrive: the reader's buffer grows with what was
+// read, so a header alone never makes it set aside a mebibyte. A buffer the reader outgrows or
+// gives up is wiped (foundation/Wipe.h): payloads may hold a password.
 //
-// Error numbers are errno values (0 is success): EINVAL for bad arguments and oversized data, EIO
-// for any framing or checksum fault, EPIPE when the peer closes early, otherwise the errno of the
-// failing read or write. Stateless and thread-safe.
+// The functions on a descriptor block; their callers bound them (the daemon's watchdog, the
+// client's own patience). The authorization service's channel reads through its own function,
+// which waits with a deadline.
+//
+// Errors (POSIX): EINVAL for bad arguments and oversized data, EIO for any framing or checksum
+// fault, EPIPE when the peer closes early, otherwise the errno of the failing read or write.
+// Stateless and thread-safe.
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <span>
 #include <string_view>
 
@@ -25,6 +33,8 @@
 namespace krv {
 
 inline constexpr std::string_view kDataBlockMarker = "***KRVSecurityAgentDataBlock";
+inline constexpr std::size_t kDataBlockLengthOffset = 28;
+inline constexpr std::size_t kDataBlockChecksumOffset = 32;
 inline constexpr std::size_t kDataBlockHeaderSize = 36;
 inline constexpr std::size_t kDataBlockMaximumSize = 1048576;
 inline constexpr std::size_t kDataBlockMaximumPayload =
@@ -36,18 +46,27 @@ inline constexpr std::size_t kMaximumTransfer = 1048576;
 // a client's socket, so that a peer that closes early yields EPIPE instead of a signal.
 enum class BlockSink { Pipe, Socket };
 
-// Writes `length` bytes, retrying on EINTR; a write of 0 bytes ends with EPIPE.
-int writeToPipe(int fd, const std::uint8_t* bytes, std::size_t length,
-                BlockSink sink = BlockSink::Pipe);
-// Reads exactly `length` bytes, retrying on EINTR; end of file ends with EPIPE. *count receives
-// the number of bytes read, also on failure.
-int readFromPipe(int fd, std::uint8_t* buffer, std::size_t length, std::size_t* count);
+// Writes all of `bytes` (at most kMaximumTransfer), retrying on EINTR; a write of 0 bytes is EPIPE.
+Status writeToPipe(int fd, std::span<const std::uint8_t> bytes, BlockSink sink = BlockSink::Pipe);
+// Fills all of `buffer` (at most kMaximumTransfer), retrying on EINTR; end of file is EPIPE.
+Status readFromPipe(int fd, std::span<std::uint8_t> buffer);
 
+// The block holding `payload`, header and payload in one buffer; the payload must not be larger
+// than kDataBlockMaximumPayload.
+Data encodeDataBlock(std::span<const std::uint8_t> payload);
 // Writes one block holding the payload. An empty payload writes nothing and succeeds.
-int writeDataBlock(int fd, std::span<const std::uint8_t> payload, BlockSink sink = BlockSink::Pipe);
-// Reads one block and returns its payload; on failure the POSIX error carries the error number
-// (which is also left in errno for EINVAL and EIO). The payload buffer grows as its bytes arrive,
-// never to more than twice what was read plus 64 KiB.
+Status writeDataBlock(int fd, std::span<const std::uint8_t> payload,
+                      BlockSink sink = BlockSink::Pipe);
+
+// How a block reader takes its bytes: exactly `buffer.size()` of them, or the failure (EPIPE when
+// the stream ends first).
+using ExactRead = std::function<Status(std::span<std::uint8_t> buffer)>;
+// Reads one block and returns its payload. A read's failure is passed on as it is; a wrong marker
+// or checksum is EIO; a declared length above `maximumPayload` (itself at most
+// kDataBlockMaximumSize) is the error `oversized`, before any payload byte is read.
+Result<Data> readDataBlock(const ExactRead& readExactly, std::size_t maximumPayload, int oversized);
+// One block from a descriptor, up to kDataBlockMaximumSize; an oversized one is EIO. The error is
+// also left in errno for EINVAL and EIO.
 Result<Data> readDataBlock(int fd);
 
 }  // namespace krv

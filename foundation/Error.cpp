@@ -1,6 +1,8 @@
 #include "foundation/Error.h"
 
 #include <cerrno>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include "foundation/Coding.h"
@@ -42,5 +44,19 @@ Result<ObjectRef> Error::decode(Decoder& decoder) {
   KRV_TRY(Dictionary userInfo, decoder.decodeDictionary("NSUserInfo"));
   return ObjectRef(std::make_shared<Error>(std::move(domain), code, std::move(userInfo)));
 }
+
+namespace detail {
+
+void resultMisuse(const char* access, const Error* held) {
+  std::string text = "*** Misuse of a result: ";
+  text += access;
+  if (held != nullptr) text += " (" + held->description() + ")";
+  text += '\n';
+  std::fputs(text.c_str(), stderr);
+  std::fflush(stderr);
+  std::abort();
+}
+
+}  // namespace detail
 
 }  // namespace krv

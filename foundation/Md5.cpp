@@ -1,7 +1,5 @@
 #include "foundation/Md5.h"
 
-#include <cstring>
-
 namespace krv {
 
 namespace {
@@ -27,16 +25,11 @@ std::uint32_t rotateLeft(std::uint32_t value, int count) {
 
 }  // namespace
 
-Md5::Md5() : m_state{0x67452301, 0xefcdab89, 0x98badcfe, 0x10325476} {}
+Md5::Md5() : BlockDigest({0x67452301, 0xefcdab89, 0x98badcfe, 0x10325476}) {}
 
 void Md5::transform(const std::uint8_t* block) {
   std::uint32_t words[16];
-  for (int i = 0; i < 16; ++i) {
-    words[i] = static_cast<std::uint32_t>(block[i * 4]) |
-               (static_cast<std::uint32_t>(block[i * 4 + 1]) << 8) |
-               (static_cast<std::uint32_t>(block[i * 4 + 2]) << 16) |
-               (static_cast<std::uint32_t>(block[i * 4 + 3]) << 24);
-  }
+  for (std::size_t i = 0; i < 16; ++i) words[i] = wordAt(block, i);
   std::uint32_t a = m_state[0], b = m_state[1], c = m_state[2], d = m_state[3];
   for (int i = 0; i < 64; ++i) {
     std::uint32_t f;
@@ -64,39 +57,6 @@ void Md5::transform(const std::uint8_t* block) {
   m_state[1] += b;
   m_state[2] += c;
   m_state[3] += d;
-}
-
-void Md5::update(std::span<const std::uint8_t> bytes) {
-  m_blocks.feed(bytes, [this](const std::uint8_t* block) { transform(block); });
-}
-
-Md5::Digest Md5::finish() {
-  m_blocks.pad(BlockBuffer::LengthOrder::LittleEndian,
-               [this](const std::uint8_t* block) { transform(block); });
-  Digest digest;
-  for (int i = 0; i < 4; ++i) {
-    for (int j = 0; j < 4; ++j) {
-      digest[i * 4 + j] = static_cast<std::uint8_t>(m_state[i] >> (8 * j));
-    }
-  }
-  return digest;
-}
-
-Md5::Digest Md5::digest(std::span<const std::uint8_t> bytes) {
-  Md5 md5;
-  md5.update(bytes);
-  return md5.finish();
-}
-
-std::string Md5::hex(const Digest& digest) {
-  static constexpr char kDigits[] = "0123456789abcdef";
-  std::string text;
-  text.reserve(32);
-  for (std::uint8_t byte : digest) {
-    text += kDigits[byte >> 4];
-    text += kDigits[byte & 0x0F];
-  }
-  return text;
 }
 
 }  // namespace krv

@@ -1,32 +1,21 @@
 #pragma once
-// MD5 message digest (RFC 1321), incremental. One object per digest; not synchronised.
+// MD5 message digest (RFC 1321), incremental: update() with the bytes in any pieces, then
+// finish(); or digest() at once. One object per digest; not synchronised.
 
 #include <array>
 #include <cstdint>
-#include <span>
-#include <string>
 
-#include "foundation/BlockBuffer.h"
+#include "foundation/BlockDigest.h"
 
 namespace krv {
 
-class Md5 {
+class Md5 final : public BlockDigest<Md5, 4, DigestByteOrder::LittleEndian> {
  public:
-  using Digest = std::array<std::uint8_t, 16>;
-
   Md5();
-  void update(std::span<const std::uint8_t> bytes);
-  // Finishes the digest; the object must not be updated afterwards.
-  Digest finish();
-
-  static Digest digest(std::span<const std::uint8_t> bytes);
-  static std::string hex(const Digest& digest);
 
  private:
+  friend BlockDigest;
   void transform(const std::uint8_t* block);
-
-  std::array<std::uint32_t, 4> m_state;
-  BlockBuffer m_blocks;
 };
 
 }  // namespace krv

@@ -1,37 +1,8 @@
 #include "foundation/NameValue.h"
 
 #include "foundation/Format.h"
-#include "foundation/PropertyListSupport.h"
 
 namespace krv {
-
-namespace {
-
-// The length of the sequence a lead byte announces (the caller knows the sequence is well-formed).
-std::size_t sequenceLength(unsigned char lead) {
-  if (lead < 0x80) return 1;
-  if (lead < 0xE0) return 2;
-  if (lead < 0xF0) return 3;
-  return 4;
-}
-
-}  // namespace
-
-bool isValidUtf8(std::string_view bytes) {
-  return plist::detail::findInvalidUtf8(bytes) == std::string_view::npos;
-}
-
-Utf8Character utf8CharacterAt(std::string_view bytes, std::size_t offset) {
-  // A sequence is at most four bytes long: the validator only needs to look that far.
-  const std::string_view window = bytes.substr(offset, 4);
-  if (window.empty() || plist::detail::findInvalidUtf8(window) == 0) return {};
-  const auto* units = reinterpret_cast<const unsigned char*>(window.data());
-  const std::size_t length = sequenceLength(units[0]);
-  static constexpr unsigned char kLeadMask[] = {0, 0x7F, 0x1F, 0x0F, 0x07};
-  char32_t codePoint = units[0] & kLeadMask[length];
-  for (std::size_t i = 1; i < length; ++i) codePoint = (codePoint << 6) | (units[i] & 0x3F);
-  return {length, codePoint, true};
-}
 
 Value nameValue(std::string bytes) {
   if (isValidUtf8(bytes)) return Value(std::move(bytes));

@@ -26,22 +26,10 @@
 #include <string>
 #include <string_view>
 
+#include "foundation/Utf8.h"
 #include "foundation/Value.h"
 
 namespace krv {
-
-// Well-formed UTF-8: no overlong forms, no surrogates, nothing past U+10FFFF, no cut sequence.
-bool isValidUtf8(std::string_view bytes);
-
-// One character of a byte sequence read as UTF-8: a well-formed sequence of `length` bytes with its
-// code point, or (valid false, length 1) a byte that starts no well-formed sequence.
-struct Utf8Character {
-  std::size_t length = 1;
-  char32_t codePoint = 0;
-  bool valid = false;
-};
-// The character starting at `offset`, which must lie inside `bytes`.
-Utf8Character utf8CharacterAt(std::string_view bytes, std::size_t offset);
 
 // The wire value of a path or name (see above).
 Value nameValue(std::string bytes);

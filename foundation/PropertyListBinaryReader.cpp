@@ -22,6 +22,7 @@
 #include "foundation/Format.h"
 #include "foundation/PropertyList.h"
 #include "foundation/PropertyListSupport.h"
+#include "foundation/Utf8.h"
 
 namespace krv::plist {
 
@@ -131,19 +132,16 @@ class BinaryReader {
   Result<Value> run() {
     Value root("");
     if (!parseTrailer() || !parseObject(m_topObject, 1, root)) {
-      return parseError(format("offset %llu: %s", static_cast<unsigned long long>(m_errorOffset),
-                               m_errorMessage.c_str()));
+      return parseError(format("offset %llu: %s",
+                               static_cast<unsigned long long>(m_failure.offset()),
+                               m_failure.message().c_str()));
     }
     return root;
   }
 
  private:
   bool fail(std::uint64_t offset, std::string message) {
-    if (m_errorMessage.empty()) {
-      m_errorOffset = offset;
-      m_errorMessage = std::move(message);
-    }
-    return false;
+    return m_failure.record(offset, std::move(message));
   }
 
   // A big-endian unsigned integer of 1 to 8 bytes; the caller has checked the bounds.
@@ -344,7 +342,7 @@ class BinaryReader {
           unit16 = 0x10000 + ((unit16 - 0xD800) << 10) + (low - 0xDC00);
           ++i;
         }
-        detail::appendUtf8(text, unit16);
+        appendUtf8(text, unit16);
       }
     }
     out = Value(std::move(text));
@@ -401,7 +399,7 @@ class BinaryReader {
       if (!parseObject(references[count + i], depth + 1, value)) return false;
       dictionary.append(std::move(*keyText), std::move(value));
     }
-    if (const std::optional<std::size_t> duplicate = detail::findDuplicateKey(dictionary)) {
+    if (const std::optional<std::size_t> duplicate = findDuplicateKey(dictionary.entries())) {
       return fail(offset, "duplicate key " +
                               detail::quoteForMessage(dictionary.entries()[*duplicate].first));
     }
@@ -417,8 +415,7 @@ class BinaryReader {
   std::uint64_t m_tableOffset = 0;
   std::vector<bool> m_onPath;
   std::uint64_t m_budget = 0;
-  std::uint64_t m_errorOffset = 0;
-  std::string m_errorMessage;
+  detail::ParseFailure m_failure;
 };
 
 }  // namespace

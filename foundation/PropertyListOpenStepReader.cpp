@@ -15,6 +15,7 @@
 #include "foundation/Format.h"
 #include "foundation/PropertyList.h"
 #include "foundation/PropertyListSupport.h"
+#include "foundation/Utf8.h"
 
 namespace krv::plist {
 
@@ -44,33 +45,12 @@ std::string describeChar(char c) {
   return format("byte 0x%02x", byte);
 }
 
-class OpenStepReader {
+class OpenStepReader final : public detail::TextReader {
  public:
-  explicit OpenStepReader(std::string_view text) : m_text(text) {}
-
-  Result<Value> run() {
-    Value root("");
-    if (!parseDocument(root)) {
-      return parseError(
-          format("line %zu: %s", detail::lineAt(m_text, m_errorOffset), m_errorMessage.c_str()));
-    }
-    return root;
-  }
+  explicit OpenStepReader(std::span<const std::uint8_t> bytes) : TextReader(bytes) {}
 
  private:
-  bool fail(std::size_t offset, std::string message) {
-    if (m_errorMessage.empty()) {
-      m_errorOffset = offset;
-      m_errorMessage = std::move(message);
-    }
-    return false;
-  }
-
-  bool atEnd() const { return m_pos >= m_text.size(); }
   char peek() const { return m_text[m_pos]; }
-  bool lookingAt(std::string_view prefix) const {
-    return m_text.substr(m_pos, prefix.size()) == prefix;
-  }
 
   bool skipSpaceAndComments() {
     for (;;) {
@@ -88,8 +68,8 @@ class OpenStepReader {
     }
   }
 
-  bool parseDocument(Value& root) {
-    const std::size_t invalid = detail::findInvalidUtf8(m_text);
+  bool parseDocument(Value& root) override {
+    const std::size_t invalid = findInvalidUtf8(m_text);
     if (invalid != std::string_view::npos) return fail(invalid, "invalid UTF-8");
     // Strings never hold U+0000, and it has no business anywhere else.
     const std::size_t nul = m_text.find('\0');
@@ -173,7 +153,7 @@ class OpenStepReader {
         value = value * 8 + static_cast<unsigned>(m_text[m_pos++] - '0');
       }
       if (value == 0 || value > 0xFF) return fail(start, "invalid octal escape");
-      detail::appendUtf8(out, value);
+      appendUtf8(out, value);
       return true;
     }
     // Any other character stands for itself (\" \' \\ and the rest); the bytes of a multi-byte
@@ -207,7 +187,7 @@ class OpenStepReader {
       if (low < 0xDC00 || low > 0xDFFF) return fail(start, "unpaired UTF-16 surrogate");
       unit = 0x10000 + ((unit - 0xD800) << 10) + (low - 0xDC00);
     }
-    detail::appendUtf8(out, unit);
+    appendUtf8(out, unit);
     return true;
   }
 
@@ -292,26 +272,14 @@ class OpenStepReader {
       keyOffsets.push_back(keyOffset);
       dictionary.append(std::move(key), std::move(value));
     }
-    if (const std::optional<std::size_t> duplicate = detail::findDuplicateKey(dictionary)) {
-      return fail(
-          keyOffsets[*duplicate],
-          "duplicate key " + detail::quoteForMessage(dictionary.entries()[*duplicate].first));
-    }
-    out = Value(std::move(dictionary));
-    return true;
+    return finishDictionary(std::move(dictionary), keyOffsets, out);
   }
-
-  std::string_view m_text;
-  std::size_t m_pos = 0;
-  std::size_t m_errorOffset = 0;
-  std::string m_errorMessage;
 };
 
 }  // namespace
 
 Result<Value> readOpenStep(std::span<const std::uint8_t> bytes) {
-  return OpenStepReader(std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size()))
-      .run();
+  return OpenStepReader(bytes).run();
 }
 
 }  // namespace krv::plist

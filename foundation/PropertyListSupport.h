@@ -1,18 +1,21 @@
 #pragma once
-// Pieces shared by the property-list readers and the writer: the parse error, UTF-8 checks and
-// encoding, base64, ISO 8601 dates and the duplicate-key check. Internal to the foundation
-// library; not part of its interface.
+// Pieces shared by the property-list readers: the parse error and how a reader records its first
+// failure. Internal to the foundation library; not part of its interface. (UTF-8, base64, dates
+// and the duplicate-key check have their own homes: Utf8.h, Base64.h, IsoDate.h, Value.h.)
 //
-// Every function is pure and thread-safe. Decoders report failure through std::optional or a
-// returned offset, never by throwing.
+// The functions are pure and thread-safe; a reader object belongs to one thread. Readers report
+// failure through their first recorded failure, never by throwing.
 
 #include <cstddef>
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "foundation/Error.h"
+#include "foundation/Result.h"
 #include "foundation/Value.h"
 
 namespace krv::plist::detail {
@@ -24,34 +27,60 @@ Error parseError(std::string description);
 // 1 + the number of line feeds before `offset` (offset clamped to the text).
 std::size_t lineAt(std::string_view text, std::size_t offset);
 
-// The offset of the first byte that does not belong to a well-formed UTF-8 sequence (overlong
-// forms, surrogates and values past U+10FFFF are ill-formed), or npos.
-std::size_t findInvalidUtf8(std::string_view text);
-
-bool isSurrogate(char32_t codePoint);
-// Appends the UTF-8 form of a Unicode scalar value (the caller has checked it is one).
-void appendUtf8(std::string& out, char32_t codePoint);
-
 // A short, printable, ASCII-only rendering of untrusted text for error messages: at most 40
 // characters, anything but printable ASCII (and '"') shown as '?'. quoteForMessage adds quotes.
 std::string printableForMessage(std::string_view text);
 std::string quoteForMessage(std::string_view text);
 
-// Base64 (RFC 4648 alphabet). Decoding skips white space (space, tab, CR, LF); padding is
-// optional but, when present, only at the end; a lone trailing character is an error.
-std::optional<Data> decodeBase64(std::string_view text);
-// The encoding with padding, no line breaks.
-std::string encodeBase64(const std::uint8_t* bytes, std::size_t length);
+// The first failure a reader meets, kept while the levels above it give up in turn: where it
+// happened (a byte offset into the input) and what.
+class ParseFailure {
+ public:
+  // Records the failure unless one is recorded already. False, so that `return fail(...)` ends the
+  // parsing function that met it.
+  bool record(std::uint64_t offset, std::string message);
+  std::uint64_t offset() const { return m_offset; }
+  const std::string& message() const { return m_message; }
 
-// "YYYY-MM-DDThh:mm:ssZ" (years 0000 to 9999, proleptic Gregorian calendar, UTC) to seconds
-// since 1970; nullopt for anything else, including impossible dates and times.
-std::optional<double> parseIsoDate(std::string_view text);
-// The same form for a time rounded down to the whole second; nullopt when it is not finite or
-// falls outside years 0000 to 9999.
-std::optional<std::string> formatIsoDate(double secondsSince1970);
+ private:
+  std::uint64_t m_offset = 0;
+  std::string m_message;
+};
 
-// The index of the first entry whose key repeats an earlier one (the lowest such index), or
-// nullopt. O(n log n).
-std::optional<std::size_t> findDuplicateKey(const Dictionary& dictionary);
+// What the readers of text lists (XML, OpenStep) share: the text, the read position, the first
+// failure and its report by line, and the check of a dictionary's keys.
+class TextReader {
+ public:
+  virtual ~TextReader() = default;
+  TextReader(const TextReader&) = delete;
+  TextReader& operator=(const TextReader&) = delete;
+
+  // Parses the whole text: the root value, or the first failure as "line N: message".
+  Result<Value> run();
+
+ protected:
+  explicit TextReader(std::span<const std::uint8_t> bytes)
+      : m_text(reinterpret_cast<const char*>(bytes.data()), bytes.size()) {}
+
+  virtual bool parseDocument(Value& root) = 0;
+
+  bool fail(std::size_t offset, std::string message) {
+    return m_failure.record(offset, std::move(message));
+  }
+  bool atEnd() const { return m_pos >= m_text.size(); }
+  bool lookingAt(std::string_view prefix) const {
+    return m_text.substr(m_pos, prefix.size()) == prefix;
+  }
+  // Makes `out` the dictionary just read, unless a key repeats: that fails at the offset where
+  // the repeated key stands (keyOffsets holds one offset per entry).
+  bool finishDictionary(Dictionary dictionary, const std::vector<std::size_t>& keyOffsets,
+                        Value& out);
+
+  std::string_view m_text;
+  std::size_t m_pos = 0;
+
+ private:
+  ParseFailure m_failure;
+};
 
 }  // namespace krv::plist::detail

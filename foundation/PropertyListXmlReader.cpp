@@ -9,9 +9,12 @@
 #include <string>
 #include <vector>
 
+#include "foundation/Base64.h"
 #include "foundation/Format.h"
+#include "foundation/IsoDate.h"
 #include "foundation/PropertyList.h"
 #include "foundation/PropertyListSupport.h"
+#include "foundation/Utf8.h"
 
 namespace krv::plist {
 
@@ -131,38 +134,17 @@ struct Tag {
   bool empty = false;      // <name/>
 };
 
-class XmlReader {
+class XmlReader final : public detail::TextReader {
  public:
-  explicit XmlReader(std::string_view text) : m_text(text) {}
-
-  Result<Value> run() {
-    Value root("");
-    if (!parseDocument(root)) {
-      return parseError(
-          format("line %zu: %s", detail::lineAt(m_text, m_errorOffset), m_errorMessage.c_str()));
-    }
-    return root;
-  }
+  explicit XmlReader(std::span<const std::uint8_t> bytes) : TextReader(bytes) {}
 
  private:
-  bool fail(std::size_t offset, std::string message) {
-    if (m_errorMessage.empty()) {
-      m_errorOffset = offset;
-      m_errorMessage = std::move(message);
-    }
-    return false;
-  }
-
-  bool atEnd() const { return m_pos >= m_text.size(); }
-  bool lookingAt(std::string_view prefix) const {
-    return m_text.substr(m_pos, prefix.size()) == prefix;
-  }
   void skipSpace() {
     while (!atEnd() && isXmlSpace(m_text[m_pos])) ++m_pos;
   }
 
   bool checkCharacters() {
-    const std::size_t invalid = detail::findInvalidUtf8(m_text);
+    const std::size_t invalid = findInvalidUtf8(m_text);
     if (invalid != std::string_view::npos) return fail(invalid, "invalid UTF-8");
     for (std::size_t i = 0; i < m_text.size(); ++i) {
       const auto byte = static_cast<unsigned char>(m_text[i]);
@@ -173,7 +155,7 @@ class XmlReader {
     return true;
   }
 
-  bool parseDocument(Value& root) {
+  bool parseDocument(Value& root) override {
     if (!checkCharacters()) return false;
     if (lookingAt("\xEF\xBB\xBF")) m_pos += 3;
     if (lookingAt("<?xml") && m_pos + 5 < m_text.size() &&
@@ -373,10 +355,10 @@ class XmlReader {
           std::from_chars(digits.data(), digits.data() + digits.size(), codePoint, hex ? 16 : 10);
       // U+0000 cannot appear in a document; the other C0 controls are accepted as references.
       if (digits.empty() || error != std::errc() || end != digits.data() + digits.size() ||
-          codePoint == 0 || codePoint > 0x10FFFF || detail::isSurrogate(codePoint)) {
+          codePoint == 0 || codePoint > 0x10FFFF || isSurrogate(codePoint)) {
         return fail(start, "invalid character reference");
       }
-      detail::appendUtf8(out, codePoint);
+      appendUtf8(out, codePoint);
     } else {
       return fail(start, "unknown entity " + detail::quoteForMessage(name));
     }
@@ -484,11 +466,11 @@ class XmlReader {
       if (!real) return fail(tag.offset, "invalid <real> " + detail::quoteForMessage(content));
       out = Value::real(*real);
     } else if (name == "date") {
-      const std::optional<double> seconds = detail::parseIsoDate(content);
+      const std::optional<double> seconds = parseIsoDate(content);
       if (!seconds) return fail(tag.offset, "invalid <date> " + detail::quoteForMessage(content));
       out = Value(Date{*seconds});
     } else {
-      std::optional<Data> data = detail::decodeBase64(content);
+      std::optional<Data> data = decodeBase64(content);
       if (!data) return fail(tag.offset, "invalid base64 in <data>");
       out = Value(std::move(*data));
     }
@@ -539,26 +521,12 @@ class XmlReader {
       }
       if (!parseEndTag("dict")) return false;
     }
-    if (const std::optional<std::size_t> duplicate = detail::findDuplicateKey(dictionary)) {
-      return fail(
-          keyOffsets[*duplicate],
-          "duplicate key " + detail::quoteForMessage(dictionary.entries()[*duplicate].first));
-    }
-    out = Value(std::move(dictionary));
-    return true;
+    return finishDictionary(std::move(dictionary), keyOffsets, out);
   }
-
-  std::string_view m_text;
-  std::size_t m_pos = 0;
-  std::size_t m_errorOffset = 0;
-  std::string m_errorMessage;
 };
 
 }  // namespace
 
-Result<Value> readXml(std::span<const std::uint8_t> bytes) {
-  return XmlReader(std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size()))
-      .run();
-}
+Result<Value> readXml(std::span<const std::uint8_t> bytes) { return XmlReader(bytes).run(); }
 
 }  // namespace krv::plist

@@ -7,8 +7,11 @@
 #include <cstdio>
 #include <string>
 
+#include "foundation/Base64.h"
+#include "foundation/IsoDate.h"
 #include "foundation/PropertyList.h"
 #include "foundation/PropertyListSupport.h"
+#include "foundation/Utf8.h"
 
 namespace krv::plist {
 
@@ -39,7 +42,7 @@ class XmlWriter {
   // character references, since a reader would turn a literal CR into LF and XML allows no other
   // C0 control literally. U+0000 and ill-formed UTF-8 cannot be written at all.
   bool writeText(std::string_view text) {
-    if (detail::findInvalidUtf8(text) != std::string_view::npos) return false;
+    if (findInvalidUtf8(text) != std::string_view::npos) return false;
     for (char c : text) {
       switch (c) {
         case '&':
@@ -121,7 +124,7 @@ class XmlWriter {
       return;
     }
     m_out += "<data>\n";
-    const std::string encoded = detail::encodeBase64(data.data(), data.size());
+    const std::string encoded = encodeBase64(data);
     for (std::size_t at = 0; at < encoded.size(); at += kBase64LineLength) {
       indent(depth);
       m_out.append(encoded, at, kBase64LineLength);
@@ -142,8 +145,7 @@ class XmlWriter {
         writeData(*value.asData(), depth);
         return true;
       case ValueType::Date: {
-        const std::optional<std::string> text =
-            detail::formatIsoDate(value.asDate()->secondsSince1970);
+        const std::optional<std::string> text = formatIsoDate(value.asDate()->secondsSince1970);
         return text && writeElement("date", *text, depth);
       }
       case ValueType::Array:

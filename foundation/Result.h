@@ -8,8 +8,11 @@
 // KRV_TRY(declaration, expression) evaluates a Result, returns its error from the calling function
 // on failure and otherwise binds the value: KRV_TRY(UniqueFd fd, sys::open(path, O_RDONLY));
 // KRV_TRY_VOID(expression) does the same for Result<void>.
+//
+// value() (and *, ->) on a Result that holds an error, or error() on one that holds a value, is a
+// programming error: it ends the process in every build type with a message that names it, and
+// never reads the wrong alternative.
 
-#include <cassert>
 #include <type_traits>
 #include <utility>
 #include <variant>
@@ -17,6 +20,11 @@
 #include "foundation/Error.h"
 
 namespace krv {
+
+namespace detail {
+// Reports the misuse of a Result on standard error and aborts.
+[[noreturn]] void resultMisuse(const char* access, const Error* held);
+}  // namespace detail
 
 template <class T>
 class [[nodiscard]] Result {
@@ -30,15 +38,15 @@ class [[nodiscard]] Result {
   explicit operator bool() const { return ok(); }
 
   T& value() & {
-    assert(ok());
+    checkValue();
     return *std::get_if<0>(&m_storage);
   }
   const T& value() const& {
-    assert(ok());
+    checkValue();
     return *std::get_if<0>(&m_storage);
   }
   T&& value() && {
-    assert(ok());
+    checkValue();
     return std::move(*std::get_if<0>(&m_storage));
   }
   T& operator*() & { return value(); }
@@ -48,17 +56,22 @@ class [[nodiscard]] Result {
   const T* operator->() const { return &value(); }
 
   const Error& error() const& {
-    assert(!ok());
+    if (ok()) detail::resultMisuse("error() of a Result that holds a value", nullptr);
     return *std::get_if<1>(&m_storage);
   }
   Error&& error() && {
-    assert(!ok());
+    if (ok()) detail::resultMisuse("error() of a Result that holds a value", nullptr);
     return std::move(*std::get_if<1>(&m_storage));
   }
 
   T valueOr(T fallback) && { return ok() ? std::move(value()) : std::move(fallback); }
 
  private:
+  void checkValue() const {
+    if (!ok())
+      detail::resultMisuse("value() of a Result that holds an error", std::get_if<1>(&m_storage));
+  }
+
   std::variant<T, Error> m_storage;
 };
 
@@ -71,11 +84,11 @@ class [[nodiscard]] Result<void> {
   bool ok() const { return !m_failed; }
   explicit operator bool() const { return ok(); }
   const Error& error() const& {
-    assert(m_failed);
+    if (!m_failed) detail::resultMisuse("error() of a Status that holds success", nullptr);
     return m_error;
   }
   Error&& error() && {
-    assert(m_failed);
+    if (!m_failed) detail::resultMisuse("error() of a Status that holds success", nullptr);
     return std::move(m_error);
   }
 

@@ -24,17 +24,12 @@ std::uint32_t rotateRight(std::uint32_t value, int count) {
 }  // namespace
 
 Sha256::Sha256()
-    : m_state{0x6a09e667, 0xbb67ae85, 0x3c6ef372, 0xa54ff53a,
-              0x510e527f, 0x9b05688c, 0x1f83d9ab, 0x5be0cd19} {}
+    : BlockDigest({0x6a09e667, 0xbb67ae85, 0x3c6ef372, 0xa54ff53a, 0x510e527f, 0x9b05688c,
+                   0x1f83d9ab, 0x5be0cd19}) {}
 
 void Sha256::transform(const std::uint8_t* block) {
   std::uint32_t schedule[64];
-  for (int i = 0; i < 16; ++i) {
-    schedule[i] = (static_cast<std::uint32_t>(block[i * 4]) << 24) |
-                  (static_cast<std::uint32_t>(block[i * 4 + 1]) << 16) |
-                  (static_cast<std::uint32_t>(block[i * 4 + 2]) << 8) |
-                  static_cast<std::uint32_t>(block[i * 4 + 3]);
-  }
+  for (std::size_t i = 0; i < 16; ++i) schedule[i] = wordAt(block, i);
   for (int i = 16; i < 64; ++i) {
     std::uint32_t s0 = rotateRight(schedule[i - 15], 7) ^ rotateRight(schedule[i - 15], 18) ^
                        (schedule[i - 15] >> 3);
@@ -68,39 +63,6 @@ void Sha256::transform(const std::uint8_t* block) {
   m_state[5] += f;
   m_state[6] += g;
   m_state[7] += h;
-}
-
-void Sha256::update(std::span<const std::uint8_t> bytes) {
-  m_blocks.feed(bytes, [this](const std::uint8_t* block) { transform(block); });
-}
-
-Sha256::Digest Sha256::finish() {
-  m_blocks.pad(BlockBuffer::LengthOrder::BigEndian,
-               [this](const std::uint8_t* block) { transform(block); });
-  Digest digest{};
-  for (int i = 0; i < 8; ++i) {
-    for (int j = 0; j < 4; ++j) {
-      digest[i * 4 + j] = static_cast<std::uint8_t>(m_state[i] >> (24 - 8 * j));
-    }
-  }
-  return digest;
-}
-
-Sha256::Digest Sha256::digest(std::span<const std::uint8_t> bytes) {
-  Sha256 sha;
-  sha.update(bytes);
-  return sha.finish();
-}
-
-std::string Sha256::hex(const Digest& digest) {
-  static constexpr char kDigits[] = "0123456789abcdef";
-  std::string text;
-  text.reserve(digest.size() * 2);
-  for (std::uint8_t byte : digest) {
-    text += kDigits[byte >> 4];
-    text += kDigits[byte & 0xf];
-  }
-  return text;
 }
 
 bool digestsEqual(std::span<const std::uint8_t> first, std::span<const std::uint8_t> second) {

@@ -2,16 +2,21 @@
 
 #include <fcntl.h>
 #include <linux/openat2.h>
+#include <sys/eventfd.h>
 #include <sys/mman.h>
 #include <sys/random.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstddef>
 #include <cstring>
 #include <utility>
 
@@ -38,6 +43,12 @@ Result<UniqueFd> openAtWithinMount(int directoryFd, const char* path, int flags)
     if (fd >= 0) return UniqueFd(static_cast<int>(fd));
     if (errno != EINTR) return Error::fromErrno("openat2");
   }
+}
+
+Result<UniqueFd> openInterruptibly(const std::string& path, int flags) {
+  const int fd = ::open(path.c_str(), flags | O_CLOEXEC);
+  if (fd < 0) return Error::fromErrno("open");
+  return UniqueFd(fd);
 }
 
 Result<std::size_t> read(int fd, std::span<std::uint8_t> buffer) {
@@ -111,8 +122,8 @@ Result<struct statvfs> fileSystemStatus(int fd) {
   return status;
 }
 
-Result<UniqueFd> duplicate(int fd) {
-  int copy = ::fcntl(fd, F_DUPFD_CLOEXEC, 0);
+Result<UniqueFd> duplicate(int fd, int lowest) {
+  int copy = ::fcntl(fd, F_DUPFD_CLOEXEC, lowest);
   if (copy < 0) return Error::fromErrno("fcntl");
   return UniqueFd(copy);
 }
@@ -205,12 +216,6 @@ Status lockWaiting(int fd, LockKind kind) {
   }
 }
 
-Result<UniqueFd> socket(int domain, int type, int protocol) {
-  int fd = ::socket(domain, type | SOCK_CLOEXEC, protocol);
-  if (fd < 0) return Error::fromErrno("socket");
-  return UniqueFd(fd);
-}
-
 Result<PipeEnds> pipe(int extraFlags) {
   int ends[2];
   if (::pipe2(ends, O_CLOEXEC | extraFlags) != 0) return Error::fromErrno("pipe2");
@@ -232,6 +237,185 @@ Status setCloseOnExec(int fd) {
   if ((flags & FD_CLOEXEC) != 0) return {};
   if (::fcntl(fd, F_SETFD, flags | FD_CLOEXEC) != 0) return Error::fromErrno("fcntl");
   return {};
+}
+
+Result<UniqueFd> socket(int domain, int type, int protocol) {
+  const int fd = ::socket(domain, type | SOCK_CLOEXEC, protocol);
+  if (fd < 0) return Error::fromErrno("socket");
+  return UniqueFd(fd);
+}
+
+Result<UniqueFd> connectLocalSocket(std::string_view path, int type) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  if (path.empty() || path.size() >= sizeof address.sun_path)
+    return Error::posix(EINVAL, "connect");
+  std::memcpy(address.sun_path, path.data(), path.size());
+  KRV_TRY(UniqueFd fd, socket(AF_UNIX, type));
+  const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + path.size() + 1);
+  bool interrupted = false;
+  for (;;) {
+    if (::connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), length) == 0) return fd;
+    // An interrupted connect goes on in the background: asked again, it may be done already.
+    if (errno == EISCONN && interrupted) return fd;
+    if (errno != EINTR) return Error::fromErrno("connect");
+    interrupted = true;
+  }
+}
+
+Result<UniqueFd> accept(int listeningFd) {
+  const int fd = ::accept4(listeningFd, nullptr, nullptr, SOCK_CLOEXEC);
+  if (fd < 0) return Error::fromErrno("accept");
+  return UniqueFd(fd);
+}
+
+Result<std::size_t> send(int fd, std::span<const std::uint8_t> buffer, int flags) {
+  for (;;) {
+    const ssize_t count = ::send(fd, buffer.data(), buffer.size(), flags);
+    if (count >= 0) return static_cast<std::size_t>(count);
+    if (errno != EINTR) return Error::fromErrno("send");
+  }
+}
+
+Result<std::size_t> receive(int fd, std::span<std::uint8_t> buffer, int flags) {
+  for (;;) {
+    const ssize_t count = ::recv(fd, buffer.data(), buffer.size(), flags);
+    if (count >= 0) return static_cast<std::size_t>(count);
+    if (errno != EINTR) return Error::fromErrno("recv");
+  }
+}
+
+Result<int> socketOption(int fd, int level, int name) {
+  int value = 0;
+  socklen_t length = sizeof value;
+  if (::getsockopt(fd, level, name, &value, &length) != 0) return Error::fromErrno("getsockopt");
+  return value;
+}
+
+Result<ucred> peerCredentials(int fd) {
+  ucred credentials{};
+  socklen_t length = sizeof credentials;
+  if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &credentials, &length) != 0) {
+    return Error::fromErrno("getsockopt SO_PEERCRED");
+  }
+  return credentials;
+}
+
+Result<UniqueFd> peerProcess(int fd) {
+#ifndef SO_PEERPIDFD
+  constexpr int SO_PEERPIDFD = 77;  // Linux 6.5; older C libraries do not name it
+#endif
+  int pidfd = -1;
+  socklen_t length = sizeof pidfd;
+  if (::getsockopt(fd, SOL_SOCKET, SO_PEERPIDFD, &pidfd, &length) != 0) {
+    return Error::fromErrno("getsockopt SO_PEERPIDFD");
+  }
+  if (pidfd < 0) return Error::posix(ESRCH, "getsockopt SO_PEERPIDFD");
+  return UniqueFd(pidfd);
+}
+
+Result<std::size_t> poll(std::span<pollfd> entries, int timeoutMilliseconds) {
+  const int ready = ::poll(entries.data(), entries.size(), timeoutMilliseconds);
+  if (ready < 0) return Error::fromErrno("poll");
+  return static_cast<std::size_t>(ready);
+}
+
+Result<UniqueFd> epollCreate() {
+  const int fd = ::epoll_create1(EPOLL_CLOEXEC);
+  if (fd < 0) return Error::fromErrno("epoll_create1");
+  return UniqueFd(fd);
+}
+
+Status epollAdd(int queue, int fd, std::uint32_t events) {
+  epoll_event interest{};
+  interest.events = events;
+  interest.data.fd = fd;
+  if (::epoll_ctl(queue, EPOLL_CTL_ADD, fd, &interest) != 0) return Error::fromErrno("epoll_ctl");
+  return {};
+}
+
+Result<std::size_t> epollWait(int queue, std::span<epoll_event> events, int timeoutMilliseconds) {
+  const int count =
+      ::epoll_wait(queue, events.data(), static_cast<int>(events.size()), timeoutMilliseconds);
+  if (count < 0) return Error::fromErrno("epoll_wait");
+  return static_cast<std::size_t>(count);
+}
+
+Result<UniqueFd> eventFd(int flags) {
+  const int fd = ::eventfd(0, flags | EFD_CLOEXEC);
+  if (fd < 0) return Error::fromErrno("eventfd");
+  return UniqueFd(fd);
+}
+
+mode_t setFileCreationMask(mode_t mask) { return ::umask(mask); }
+
+void setAlarm(unsigned seconds) { ::alarm(seconds); }
+
+Result<struct sigaction> setSignalHandler(int signal, void (*handler)(int)) {
+  struct sigaction action {};
+  action.sa_handler = handler;
+  sigemptyset(&action.sa_mask);
+  action.sa_flags = 0;
+  struct sigaction previous {};
+  if (::sigaction(signal, &action, &previous) != 0) return Error::fromErrno("sigaction");
+  return previous;
+}
+
+Status restoreSignalAction(int signal, const struct sigaction& previous) {
+  if (::sigaction(signal, &previous, nullptr) != 0) return Error::fromErrno("sigaction");
+  return {};
+}
+
+Status kill(pid_t pid, int signal) {
+  if (::kill(pid, signal) != 0) return Error::fromErrno("kill");
+  return {};
+}
+
+Result<int> waitForProcess(pid_t pid) {
+  int status = 0;
+  while (::waitpid(pid, &status, 0) < 0) {
+    if (errno != EINTR) return Error::fromErrno("waitpid");
+  }
+  return status;
+}
+
+void writeFromSignalHandler(int fd, std::uint8_t byte) noexcept {
+  const int savedErrno = errno;
+  (void)!::write(fd, &byte, 1);
+  errno = savedErrno;
+}
+
+ThreadSignalTimer::ThreadSignalTimer(int signal, std::chrono::seconds delay,
+                                     std::chrono::seconds interval) {
+  sigevent event{};
+  event.sigev_notify = SIGEV_THREAD_ID;
+  event.sigev_signo = signal;
+  event._sigev_un._tid = static_cast<pid_t>(::gettid());
+  if (::timer_create(CLOCK_MONOTONIC, &event, &m_timer) != 0) return;
+  m_armed = true;
+  itimerspec schedule{};
+  schedule.it_value.tv_sec = delay.count();
+  schedule.it_interval.tv_sec = interval.count();
+  ::timer_settime(m_timer, 0, &schedule, nullptr);
+}
+
+ThreadSignalTimer::~ThreadSignalTimer() {
+  if (m_armed) ::timer_delete(m_timer);
+}
+
+bool isTerminal(int fd) { return ::isatty(fd) == 1; }
+
+Result<termios> terminalAttributes(int fd) {
+  termios attributes{};
+  if (::tcgetattr(fd, &attributes) != 0) return Error::fromErrno("tcgetattr");
+  return attributes;
+}
+
+Status setTerminalAttributes(int fd, const termios& attributes) {
+  for (;;) {
+    if (::tcsetattr(fd, TCSAFLUSH, &attributes) == 0) return {};
+    if (errno != EINTR) return Error::fromErrno("tcsetattr");
+  }
 }
 
 DirectoryStream::~DirectoryStream() {

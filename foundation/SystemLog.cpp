@@ -1,17 +1,17 @@
 #include "foundation/SystemLog.h"
 
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
-#include <cstring>
 #include <ctime>
 #include <limits>
+#include <span>
 
+#include "foundation/Error.h"
 #include "foundation/System.h"
 
 namespace krv {
@@ -59,42 +59,42 @@ void SystemLog::connectLocked() {
                                std::chrono::steady_clock::now().time_since_epoch())
                                .count();
   if (now - lastFailure.load(std::memory_order_relaxed) < 1000) return;
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  if (m_socketPath.size() >= sizeof address.sun_path) return;
-  std::memcpy(address.sun_path, m_socketPath.data(), m_socketPath.size());
-  int fd = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  if (fd < 0) return;
-  UniqueFd socket(fd);
-  if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+  Result<UniqueFd> socket = sys::connectLocalSocket(m_socketPath, SOCK_DGRAM);
+  if (!socket) {
     lastFailure.store(now, std::memory_order_relaxed);
     return;
   }
-  m_socket = std::move(socket);
+  m_socket = std::move(socket).value();
 }
 
-std::string SystemLog::expandErrno(std::string_view message, int errnoValue) {
+void SystemLog::log(Level level, LogTemplate message, const Error& error) {
+  const int savedErrno = errno;
+  const std::string errorText =
+      error.isPosix() ? sys::errorText(static_cast<int>(error.code())) : error.description();
+  const std::string_view pattern = message.text();
   std::string text;
-  text.reserve(message.size() + 32);
-  for (std::size_t i = 0; i < message.size(); ++i) {
-    if (message[i] == '%' && i + 1 < message.size() && message[i + 1] == 'm') {
-      text += sys::errorText(errnoValue);
+  text.reserve(pattern.size() + errorText.size());
+  for (std::size_t i = 0; i < pattern.size(); ++i) {
+    if (pattern[i] == '%' && i + 1 < pattern.size() && pattern[i + 1] == 'm') {
+      text += errorText;
       ++i;
     } else {
-      text += message[i];
+      text += pattern[i];
     }
   }
-  return text;
+  log(level, text);
+  errno = savedErrno;
 }
 
-void SystemLog::log(Level level, std::string_view message) {
+void SystemLog::log(Level level, std::string_view text) {
   const int savedErrno = errno;
-  std::string text = expandErrno(message, savedErrno);
   const long pid = m_pid;
 
   std::lock_guard<std::mutex> lock(m_mutex);
   if (m_options & kCopyToStandardError) {
-    std::string line = m_identification + "[" + std::to_string(pid) + "]: " + text + "\n";
+    std::string line = m_identification + "[" + std::to_string(pid) + "]: ";
+    line += text;
+    line += '\n';
     (void)sys::writeAll(STDERR_FILENO,
                         {reinterpret_cast<const std::uint8_t*>(line.data()), line.size()});
   }
@@ -110,11 +110,14 @@ void SystemLog::log(Level level, std::string_view message) {
   char stamp[32];
   std::strftime(stamp, sizeof stamp, "%b %e %H:%M:%S", &local);
   std::string datagram = "<" + std::to_string(m_facility * 8 + static_cast<int>(level)) + ">" +
-                         stamp + " " + m_identification + "[" + std::to_string(pid) + "]: " + text;
+                         stamp + " " + m_identification + "[" + std::to_string(pid) + "]: ";
+  datagram += text;
   for (int attempt = 0; attempt < 2; ++attempt) {
     if (!m_socket.valid()) connectLocked();
     if (!m_socket.valid()) break;
-    if (::send(m_socket.get(), datagram.data(), datagram.size(), MSG_NOSIGNAL) >= 0) break;
+    const std::span<const std::uint8_t> bytes(
+        reinterpret_cast<const std::uint8_t*>(datagram.data()), datagram.size());
+    if (sys::send(m_socket.get(), bytes, MSG_NOSIGNAL)) break;
     // The log daemon may have restarted: reconnect once, then give up on this message.
     m_socket.reset();
   }

@@ -6,14 +6,20 @@
 // With the copy-to-stderr option every line is also written to standard error as
 // "ident[pid]: message".
 //
-// "%m" in a message stands for the text of the errno current when log() is called. Messages are
-// formatted by the caller (krv::format), so user data never acts as a format string.
+// A message is logged exactly as given: nothing in it is expanded, so it may carry text from
+// outside (a path, a name, formatted in with krv::format) without that text changing the line.
+// A failure is logged with a template written in the code (a LogTemplate, which only a string
+// literal makes) and the Error: each "%m" of the template becomes the error's text, as "%m" of the
+// C library would show the errno.
+//
+//   m_log.log(SystemLog::Level::Error, "Request failure (%m)", status.error());
 //
 // Thread-safety: an object may be used from several threads (a mutex serialises sends), though
 // the project gives each thread its own object.
 
 #include <atomic>
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <limits>
 #include <mutex>
@@ -24,6 +30,20 @@
 #include "foundation/UniqueFd.h"
 
 namespace krv {
+
+class Error;
+
+// A message template: made only from a string literal, so its "%m" was written by a developer.
+class LogTemplate {
+ public:
+  template <std::size_t N>
+  consteval LogTemplate(const char (&text)[N]) : m_text(text, N - 1) {}  // NOLINT: implicit
+
+  std::string_view text() const { return m_text; }
+
+ private:
+  std::string_view m_text;
+};
 
 class SystemLog {
  public:
@@ -36,13 +56,14 @@ class SystemLog {
   SystemLog(std::string identification, std::string_view facility, std::uint32_t options,
             std::string socketPath = kDefaultSocketPath);
 
+  // Logs the message as it is. errno is left as it was.
   void log(Level level, std::string_view message);
+  // Logs the template with each "%m" replaced by the text of `error`: the system's text of its
+  // errno for a POSIX error, its description otherwise.
+  void log(Level level, LogTemplate message, const Error& error);
 
   const std::string& identification() const { return m_identification; }
   std::uint32_t options() const { return m_options; }
-
-  // The message with every "%m" replaced by the text of errnoValue.
-  static std::string expandErrno(std::string_view message, int errnoValue);
 
  private:
   void connectLocked();

@@ -10,6 +10,9 @@
 #include <cstring>
 #include <regex>
 
+#include "foundation/Error.h"
+#include "foundation/Format.h"
+
 namespace krv {
 namespace {
 
@@ -43,28 +46,43 @@ class LogSink {
   UniqueFd m_socket;
 };
 
-TEST(SystemLogTest, WritesSyslogDatagramsWithLevelFacilityAndErrnoText) {
+TEST(SystemLogTest, WritesSyslogDatagramsWithLevelFacilityAndTheErrorsText) {
   LogSink sink;
   SystemLog log("com.tavorin.test", "Daemon", 0, sink.path());
-  errno = ENOENT;
-  log.log(SystemLog::Level::Error, "Could not open (%m)");
+  errno = EPIPE;
+  log.log(SystemLog::Level::Error, "Could not open (%m)", Error::posix(ENOENT, "open"));
   std::string line = sink.next();
   std::regex expected(R"(<27>[A-Z][a-z]{2} [ 0-9]\d \d\d:\d\d:\d\d com\.tavorin\.test\[\d+\]: )"
                       R"(Could not open \(No such file or directory\))");
   EXPECT_TRUE(std::regex_match(line, expected)) << line;
-  EXPECT_EQ(errno, ENOENT);  // logging leaves errno alone
+  EXPECT_EQ(errno, EPIPE);  // logging leaves errno alone
 
   log.log(SystemLog::Level::Debug, "100% done");
   EXPECT_NE(sink.next().find("<31>"), std::string::npos);
+}
+
+// Text from outside (a client's path) once changed a line by holding "%m".
+TEST(SystemLogTest, NeverExpandsTextInsertedIntoAMessage) {
+  LogSink sink;
+  SystemLog log("ident", "Daemon", 0, sink.path());
+  errno = ENOENT;
+  log.log(SystemLog::Level::Notice, format("Refused '%s'", "/tmp/a%m%sb"));
+  EXPECT_TRUE(
+      sink.next().ends_with("ident[" + std::to_string(::getpid()) + "]: Refused '/tmp/a%m%sb'"));
+  log.log(SystemLog::Level::Error, "Failed (%m, %m)", Error("com.tavorin.test", 7));
+  EXPECT_TRUE(
+      sink.next().ends_with("]: Failed (Error Domain=com.tavorin.test Code=7, "
+                            "Error Domain=com.tavorin.test Code=7)"));
 }
 
 TEST(SystemLogTest, CopiesToStandardErrorAndSurvivesAMissingLogSocket) {
   SystemLog log("ident", "Auth", SystemLog::kCopyToStandardError, "/nonexistent/log");
   testing::internal::CaptureStderr();
   log.log(SystemLog::Level::Info, "hello");
+  log.log(SystemLog::Level::Info, "gone (%m)", Error::posix(EPIPE));
   std::string copied = testing::internal::GetCapturedStderr();
-  EXPECT_EQ(copied, "ident[" + std::to_string(::getpid()) + "]: hello\n");
-  EXPECT_EQ(SystemLog::expandErrno("a %m b %d", EPIPE), "a Broken pipe b %d");
+  const std::string prefix = "ident[" + std::to_string(::getpid()) + "]: ";
+  EXPECT_EQ(copied, prefix + "hello\n" + prefix + "gone (Broken pipe)\n");
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 #include "foundation/Value.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -198,6 +199,29 @@ bool Dictionary::operator==(const Dictionary& other) const {
     if (theirs == nullptr || !(*theirs == entry.second)) return false;
   }
   return true;
+}
+
+std::optional<std::size_t> findDuplicateKey(const std::vector<Dictionary::Entry>& entries) {
+  const std::size_t count = entries.size();
+  if (count <= 16) {
+    for (std::size_t later = 1; later < count; ++later) {
+      for (std::size_t earlier = 0; earlier < later; ++earlier) {
+        if (entries[earlier].first == entries[later].first) return later;
+      }
+    }
+    return std::nullopt;
+  }
+  std::vector<std::pair<std::string_view, std::size_t>> keys;
+  keys.reserve(count);
+  for (std::size_t i = 0; i < count; ++i) keys.emplace_back(entries[i].first, i);
+  std::sort(keys.begin(), keys.end());
+  std::optional<std::size_t> duplicate;
+  for (std::size_t i = 1; i < count; ++i) {
+    if (keys[i].first == keys[i - 1].first && (!duplicate || keys[i].second < *duplicate)) {
+      duplicate = keys[i].second;
+    }
+  }
+  return duplicate;
 }
 
 Value::Value(ObjectRef value) : m_storage(std::move(value)) {}

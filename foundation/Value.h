@@ -113,12 +113,21 @@ class Dictionary {
   std::vector<Entry>::const_iterator begin() const;
   std::vector<Entry>::const_iterator end() const;
 
+  // Each value in order, for changing values in place; the keys stay as they are.
+  template <class Visit>
+  void forEachValue(Visit&& visit);
+
   // Equal when both hold the same keys with equal values, whatever their order.
   bool operator==(const Dictionary& other) const;
 
  private:
   std::vector<Entry> m_entries;
 };
+
+// The index of the first entry whose key repeats an earlier one (the lowest such index), or
+// nullopt: the check every reader of received dictionaries makes (archives, property lists).
+// O(n log n); small dictionaries, the common case, are compared pairwise.
+std::optional<std::size_t> findDuplicateKey(const std::vector<Dictionary::Entry>& entries);
 
 // The kinds of Value, in the order of the storage alternatives. (g++ 12 wrongly reports scoped
 // enumerators as shadowing the aliases of the same name, hence the local pragma.)
@@ -190,6 +199,10 @@ inline std::vector<Dictionary::Entry>::const_iterator Dictionary::begin() const 
 }
 inline std::vector<Dictionary::Entry>::const_iterator Dictionary::end() const {
   return m_entries.end();
+}
+template <class Visit>
+void Dictionary::forEachValue(Visit&& visit) {
+  for (Entry& entry : m_entries) visit(entry.second);
 }
 
 // The name of a value's type as clients see it in diagnostics ("string", "number", ...).

@@ -4,6 +4,8 @@
 
 #include <cmath>
 #include <limits>
+#include <string>
+#include <vector>
 
 #include "foundation/Error.h"
 
@@ -64,6 +66,21 @@ TEST(DictionaryTest, KeepsInsertionOrderAndReplacesInPlace) {
   EXPECT_EQ(*dictionary.find("Path")->asString(), "/b");
   EXPECT_TRUE(dictionary.remove("Path"));
   EXPECT_EQ(dictionary.find("Path"), nullptr);
+}
+
+// Small dictionaries are compared pairwise, larger ones sorted: both must name the same entry.
+TEST(DictionaryTest, FindsTheFirstRepeatedKeyInSmallAndLargeDictionaries) {
+  for (std::size_t size : {std::size_t{6}, std::size_t{40}}) {
+    std::vector<Dictionary::Entry> entries;
+    for (std::size_t i = 0; i < size; ++i) {
+      entries.emplace_back("key" + std::to_string(i), Value::integer(0));
+    }
+    EXPECT_EQ(findDuplicateKey(entries), std::nullopt) << size;
+    entries[size - 1].first = "key0";  // repeats the first key, last
+    entries[4].first = "key2";         // repeats a later key, earlier
+    EXPECT_EQ(findDuplicateKey(entries), 4u) << size;
+  }
+  EXPECT_EQ(findDuplicateKey({}), std::nullopt);
 }
 
 TEST(ValueTest, ComparesDeeplyAndObjectsByTheirItems) {

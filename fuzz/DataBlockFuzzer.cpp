@@ -15,16 +15,11 @@
 #include <cstring>
 #include <span>
 
-#include "foundation/Crc16.h"
 #include "foundation/DataBlock.h"
 #include "foundation/System.h"
 #include "protocol/KRVSecurityAgent.h"
 
 namespace {
-
-void storeLittleEndian32(std::uint8_t* out, std::uint32_t value) {
-  for (int i = 0; i < 4; ++i) out[i] = static_cast<std::uint8_t>(value >> (8 * i));
-}
 
 void readFromPeer(std::span<const std::uint8_t> bytes) {
   krv::Result<krv::sys::PipeEnds> pipe = krv::sys::pipe();
@@ -55,18 +50,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const bool hasHeader =
       size >= krv::kDataBlockHeaderSize &&
       std::memcmp(data, krv::kDataBlockMarker.data(), krv::kDataBlockMarker.size()) == 0;
-  krv::Data block;
-  if (hasHeader) {
-    block.assign(data, data + size);
-  } else {
-    block.assign(krv::kDataBlockMarker.begin(), krv::kDataBlockMarker.end());
-    block.resize(krv::kDataBlockHeaderSize);
-    block.insert(block.end(), data, data + size);
-  }
-  const std::span<const std::uint8_t> payload(block.data() + krv::kDataBlockHeaderSize,
-                                              block.size() - krv::kDataBlockHeaderSize);
-  storeLittleEndian32(block.data() + 28, static_cast<std::uint32_t>(payload.size()));
-  storeLittleEndian32(block.data() + 32, krv::crc16(payload));
-  readFromPeer(block);
+  // The input's own header is replaced by a correct one, or a header is put in front of it.
+  const std::span<const std::uint8_t> payload =
+      hasHeader ? input.subspan(krv::kDataBlockHeaderSize) : input;
+  readFromPeer(krv::encodeDataBlock(payload));
   return 0;
 }

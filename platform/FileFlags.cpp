@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "foundation/ByteOrder.h"
+
 namespace krv {
 namespace {
 
@@ -14,9 +16,7 @@ constexpr int kKernelProtectionFlags = FS_IMMUTABLE_FL | FS_APPEND_FL;
 
 std::optional<std::uint32_t> decodeRecord(const std::optional<Data>& value) {
   if (!value || value->size() != 4) return std::nullopt;
-  const Data& bytes = *value;
-  return static_cast<std::uint32_t>(bytes[0]) | static_cast<std::uint32_t>(bytes[1]) << 8 |
-         static_cast<std::uint32_t>(bytes[2]) << 16 | static_cast<std::uint32_t>(bytes[3]) << 24;
+  return loadLittleEndian<std::uint32_t>(value->data());
 }
 
 Result<std::optional<std::uint32_t>> readRecord(const char* path, LinkHandling links) {
@@ -38,9 +38,8 @@ Status writeRecord(const PathHandle& object, std::uint32_t record) {
     return sys::removeExtendedAttribute(object.procPath(), kFlagsRecordAttribute,
                                         LinkHandling::Follow);
   }
-  const std::uint8_t bytes[4] = {
-      static_cast<std::uint8_t>(record), static_cast<std::uint8_t>(record >> 8),
-      static_cast<std::uint8_t>(record >> 16), static_cast<std::uint8_t>(record >> 24)};
+  std::uint8_t bytes[4];
+  storeLittleEndian(bytes, record);
   return sys::setExtendedAttribute(object.procPath(), kFlagsRecordAttribute, bytes,
                                    LinkHandling::Follow);
 }
@@ -48,11 +47,11 @@ Status writeRecord(const PathHandle& object, std::uint32_t record) {
 HfsCodes decodeFinderInfo(const std::optional<Data>& value) {
   HfsCodes codes;
   if (!value) return codes;
-  auto byteAt = [&](std::size_t index) -> std::uint32_t {
-    return index < value->size() ? (*value)[index] : 0;
-  };
-  codes.typeCode = byteAt(0) << 24 | byteAt(1) << 16 | byteAt(2) << 8 | byteAt(3);
-  codes.creatorCode = byteAt(4) << 24 | byteAt(5) << 16 | byteAt(6) << 8 | byteAt(7);
+  // A value shorter than the two codes reads as if padded with zeros.
+  std::uint8_t bytes[8] = {};
+  std::copy_n(value->begin(), std::min<std::size_t>(value->size(), sizeof bytes), bytes);
+  codes.typeCode = loadBigEndian<std::uint32_t>(bytes);
+  codes.creatorCode = loadBigEndian<std::uint32_t>(bytes + 4);
   return codes;
 }
 

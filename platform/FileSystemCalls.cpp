@@ -68,9 +68,7 @@ Status renameNoReplace(int fromDirectoryFd, const char* from, int toDirectoryFd,
   if (::fstatat(toDirectoryFd, to, &status, AT_SYMLINK_NOFOLLOW) == 0) {
     return Error::posix(EEXIST, "renameat");
   }
-  if (::renameat(fromDirectoryFd, from, toDirectoryFd, to) != 0)
-    return Error::fromErrno("renameat");
-  return {};
+  return renameAt(fromDirectoryFd, from, toDirectoryFd, to);
 }
 
 Status renameAt(int fromDirectoryFd, const char* from, int toDirectoryFd, const char* to) {
@@ -87,6 +85,11 @@ Status fchownAt(int directoryFd, const char* path, uid_t owner, gid_t group, int
 
 Status chmodPath(const char* path, mode_t mode) {
   if (::chmod(path, mode) != 0) return Error::fromErrno("chmod");
+  return {};
+}
+
+Status chmodDescriptor(int fd, mode_t mode) {
+  if (::fchmod(fd, mode) != 0) return Error::fromErrno("fchmod");
   return {};
 }
 

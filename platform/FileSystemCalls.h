@@ -60,6 +60,8 @@ Status renameNoReplace(int fromDirectoryFd, const char* from, int toDirectoryFd,
 Status renameAt(int fromDirectoryFd, const char* from, int toDirectoryFd, const char* to);
 Status fchownAt(int directoryFd, const char* path, uid_t owner, gid_t group, int flags);
 Status chmodPath(const char* path, mode_t mode);
+// fchmod: the mode of an open object, exactly (no umask applies).
+Status chmodDescriptor(int fd, mode_t mode);
 Status utimensAt(int directoryFd, const char* path, const struct timespec times[2], int flags);
 // One copy_file_range between the descriptors' current offsets; returns the count (0 at the end).
 Result<std::size_t> copyFileRange(int fromFd, int toFd, std::size_t length);

@@ -49,17 +49,12 @@ CheckInOutcome failed(CheckInFailure failure, int errnoValue = 0) {
 }
 
 bool isListeningUnixStreamSocket(int fd) {
-  int value = 0;
-  socklen_t length = sizeof value;
-  if (::getsockopt(fd, SOL_SOCKET, SO_DOMAIN, &value, &length) != 0 || value != AF_UNIX) {
-    return false;
-  }
-  length = sizeof value;
-  if (::getsockopt(fd, SOL_SOCKET, SO_TYPE, &value, &length) != 0 || value != SOCK_STREAM) {
-    return false;
-  }
-  length = sizeof value;
-  return ::getsockopt(fd, SOL_SOCKET, SO_ACCEPTCONN, &value, &length) == 0 && value == 1;
+  auto optionIs = [fd](int name, int wanted) {
+    Result<int> value = sys::socketOption(fd, SOL_SOCKET, name);
+    return value && *value == wanted;
+  };
+  return optionIs(SO_DOMAIN, AF_UNIX) && optionIs(SO_TYPE, SOCK_STREAM) &&
+         optionIs(SO_ACCEPTCONN, 1);
 }
 
 }  // namespace

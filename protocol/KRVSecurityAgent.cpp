@@ -2,13 +2,10 @@
 
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/time.h>
-#include <sys/un.h>
-#include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
-#include <cstring>
 
 #include "foundation/Archiver.h"
 #include "foundation/Assert.h"
@@ -37,8 +34,8 @@ std::string KRVSecurityAgent::pathOfBundledExecutable(std::string_view applicati
 }
 
 std::optional<std::string> KRVSecurityAgent::pathOfComputerLibrary() {
-  struct stat status {};
-  if (::stat(kComputerLibrary, &status) != 0 || !S_ISDIR(status.st_mode)) return std::nullopt;
+  Result<struct stat> status = sys::stat(kComputerLibrary);
+  if (!status || !S_ISDIR(status->st_mode)) return std::nullopt;
   return std::string(kComputerLibrary);
 }
 
@@ -62,15 +59,16 @@ std::string KRVSecurityAgent::pathForCommunicationSocket() {
 }
 
 std::string KRVSecurityAgent::pathForResponsePipe() {
-  timeval now{};
-  ::gettimeofday(&now, nullptr);
+  // The microseconds within the current second of the time of day.
+  const auto sinceEpoch = std::chrono::system_clock::now().time_since_epoch();
+  const auto microseconds =
+      std::chrono::duration_cast<std::chrono::microseconds>(sinceEpoch).count() % 1000000;
   const std::string identifier = bundleIdentifier();
   for (;;) {
-    ::srandom(static_cast<unsigned>(now.tv_usec));
+    ::srandom(static_cast<unsigned>(microseconds));
     const auto number = static_cast<std::uint32_t>(::random());
     std::string path = format("/tmp/%s-%u.pipe", identifier.c_str(), number);
-    struct stat status {};
-    if (::lstat(path.c_str(), &status) != 0) return path;
+    if (!sys::lstat(path)) return path;
   }
 }
 
@@ -80,17 +78,17 @@ Error KRVSecurityAgent::transportError(std::int64_t code, Dictionary userInfo) {
 
 // ---- Data blocks and object transfer ----
 
-int KRVSecurityAgent::writeData(const Data* data, int fd) {
-  if (data == nullptr || fd < 0) return EINVAL;
+Status KRVSecurityAgent::writeData(const Data* data, int fd) {
+  if (data == nullptr || fd < 0) return Error::posix(EINVAL, "write data");
   return writeDataBlock(fd, *data);
 }
 
 Result<Data> KRVSecurityAgent::readData(int fd) { return readDataBlock(fd); }
 
-int KRVSecurityAgent::writeObject(const Archivable* object, int fd) {
+Status KRVSecurityAgent::writeObject(const Archivable* object, int fd) {
   if (object == nullptr || fd < 0) {
     errno = EINVAL;
-    return EINVAL;
+    return Error::posix(EINVAL, "write object");
   }
   Data payload = archiveSequential(*object);
   return writeData(&payload, fd);
@@ -125,26 +123,15 @@ bool isInteractionNeeded(const Error& reply) {
 }  // namespace
 
 std::optional<KRVSecurityAgent> KRVSecurityAgent::init(std::string socketPath) {
-  struct stat status {};
-  if (::stat(socketPath.c_str(), &status) != 0) return std::nullopt;
+  if (!sys::stat(socketPath)) return std::nullopt;
   return KRVSecurityAgent(std::move(socketPath));
 }
 
 Result<UniqueFd> KRVSecurityAgent::openRequestSocketAtPath(const std::string& path) {
-  if (path.empty()) return Error::posix(EINVAL, "socket path");
-  int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (fd < 0) return Error::fromErrno("socket");
-  UniqueFd socket(fd);
-  if (path.size() >= kMaximumSocketPathLength) return Error::posix(EINVAL, "socket path");
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  std::memcpy(address.sun_path, path.data(), path.size());
-  const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + path.size() + 1);
-  for (;;) {
-    if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), length) == 0) break;
-    if (errno != EINTR) return Error::fromErrno("connect");
+  if (path.empty() || path.size() >= kMaximumSocketPathLength) {
+    return Error::posix(EINVAL, "socket path");
   }
-  return socket;
+  return sys::connectLocalSocket(path, SOCK_STREAM);
 }
 
 Result<UniqueFd> KRVSecurityAgent::openResponsePipeAtPath(const std::string& path) {
@@ -174,8 +161,9 @@ Error KRVSecurityAgent::startExecutionOfPrivilegedCommand(KRVPrivilegedCommand& 
     if (!socket) return socket.error();
     // Sent with MSG_NOSIGNAL: a daemon that closes the connection must not kill the client.
     Data payload = archiveSequential(command);
-    int result = writeDataBlock(socket->get(), payload, BlockSink::Socket);
-    if (result != 0) return Error::posix(result, "write request");
+    if (Status sent = writeDataBlock(socket->get(), payload, BlockSink::Socket); !sent) {
+      return Error::posix(static_cast<int>(sent.error().code()), "write request");
+    }
     Result<Value> reply = readObject(socket->get(), *m_responseClasses);
     socket->reset();
     if (!reply) return Error::posix(static_cast<int>(reply.error().code()), "read acknowledgement");
@@ -208,7 +196,7 @@ bool KRVSecurityAgent::isContinuingCommandExecutionViaPipe(int fd, Error* status
 void KRVSecurityAgent::closePipe(UniqueFd fd, const std::string& path) {
   KRV_ASSERT(fd.valid() && !path.empty(), kUnit);
   fd.reset();
-  ::unlink(path.c_str());
+  (void)sys::unlink(path);
 }
 
 Error KRVSecurityAgent::executeAtomicPrivilegedCommand(KRVPrivilegedCommand& command,

@@ -4,7 +4,7 @@
 // Static members name the daemon and its endpoints (identifiers, installed locations, the request
 // socket, the per-request response pipe, dictionary keys, the transport error domain) and move
 // archived objects through data blocks on any descriptor. Both sides use them, so the names agree
-// by construction. Error numbers are errno values (0 is success).
+// by construction. Failures are POSIX errors whose code is the errno value.
 //
 // An instance is the client library a desktop application links to run commands in the daemon:
 // it pre-authorizes a command, sends it on the request socket, reads the acknowledgement, follows
@@ -64,10 +64,12 @@ class KRVSecurityAgent {
   static Error transportError(std::int64_t code, Dictionary userInfo = {});
 
   // ---- Data blocks and object transfer ----
-  // On any descriptor: the request socket and the response pipe carry the same blocks.
-  static int writeData(const Data* data, int fd);
+  // On any descriptor: the request socket and the response pipe carry the same blocks. EINVAL for
+  // no data or object, a negative descriptor or more than one block holds; otherwise as
+  // foundation/DataBlock.h says.
+  static Status writeData(const Data* data, int fd);
   static Result<Data> readData(int fd);
-  static int writeObject(const Archivable* object, int fd);
+  static Status writeObject(const Archivable* object, int fd);
   // Reads one object of a class the registry knows; any framing or archive fault is EIO.
   static Result<Value> readObject(
       int fd, const ClassRegistry& classes = KRVPrivilegedCommand::transportClasses());

@@ -8,7 +8,7 @@
 #include <thread>
 
 #include "foundation/Archiver.h"
-#include "foundation/Crc16.h"
+#include "foundation/ByteOrder.h"
 #include "foundation/DataBlock.h"
 
 namespace krv {
@@ -32,26 +32,34 @@ struct SocketPair {
 
 // A block whose header announces `length` bytes, followed by `payload`.
 Data block(const Data& payload, std::uint32_t length) {
-  Data bytes(kDataBlockMarker.begin(), kDataBlockMarker.end());
-  for (int i = 0; i < 4; ++i) bytes.push_back(static_cast<std::uint8_t>(length >> (8 * i)));
-  const std::uint16_t checksum = crc16(payload);
-  for (int i = 0; i < 4; ++i) bytes.push_back(static_cast<std::uint8_t>(checksum >> (8 * i)));
-  bytes.insert(bytes.end(), payload.begin(), payload.end());
+  Data bytes = encodeDataBlock(payload);
+  storeLittleEndian(bytes.data() + kDataBlockLengthOffset, length);
   return bytes;
+}
+
+TEST(DataBlockTest, FramesAPayloadByteForByte) {
+  const Data payload = {'1', '2', '3', '4', '5', '6', '7', '8', '9'};
+  Data expected(kDataBlockMarker.begin(), kDataBlockMarker.end());
+  const Data header = {9, 0, 0, 0, 0x89, 0x21, 0, 0};  // length 9; CRC-16/KERMIT 0x2189
+  expected.insert(expected.end(), header.begin(), header.end());
+  expected.insert(expected.end(), payload.begin(), payload.end());
+  EXPECT_EQ(encodeDataBlock(payload), expected);
 }
 
 TEST(DataBlockTest, EnforcesTheWriterLimitAndSendsNothingForEmptyData) {
   SocketPair pair;
   Data largest(1048540, 0xAB);
-  EXPECT_EQ(KRVSecurityAgent::writeData(&largest, pair.writer.get()), 0);
+  EXPECT_TRUE(KRVSecurityAgent::writeData(&largest, pair.writer.get()).ok());
   Result<Data> read = KRVSecurityAgent::readData(pair.reader.get());
   ASSERT_TRUE(read);
   EXPECT_EQ(*read, largest);
 
   Data tooLarge(1048541, 0xAB);
-  EXPECT_EQ(KRVSecurityAgent::writeData(&tooLarge, pair.writer.get()), EINVAL);
+  Status refused = KRVSecurityAgent::writeData(&tooLarge, pair.writer.get());
+  ASSERT_FALSE(refused);
+  EXPECT_EQ(refused.error().code(), EINVAL);
   Data empty;
-  EXPECT_EQ(KRVSecurityAgent::writeData(&empty, pair.writer.get()), 0);
+  EXPECT_TRUE(KRVSecurityAgent::writeData(&empty, pair.writer.get()).ok());
   std::uint8_t byte;
   EXPECT_EQ(::recv(pair.reader.get(), &byte, 1, MSG_DONTWAIT | MSG_PEEK), -1);  // nothing sent
 }
@@ -64,7 +72,7 @@ TEST(DataBlockTest, ReaderTakesUpToOneMebibyteAndRejectsDamagedOrShortBlocks) {
   Data badMarker = good;
   badMarker[3] = 'x';
   Data upperChecksum = good;
-  upperChecksum[34] = 1;
+  upperChecksum[kDataBlockChecksumOffset + 2] = 1;
   const struct {
     const char* name;
     Data bytes;
@@ -103,7 +111,7 @@ TEST(ObjectTransferTest, TransfersAnErrorObjectAndRefusesBrokenOnes) {
   Dictionary info;
   info.set("ClientSocket", Value("/tmp/x.pipe"));
   Error acknowledgement = KRVSecurityAgent::transportError(kTransportAccepted, info);
-  ASSERT_EQ(KRVSecurityAgent::writeObject(&acknowledgement, pair.writer.get()), 0);
+  ASSERT_TRUE(KRVSecurityAgent::writeObject(&acknowledgement, pair.writer.get()).ok());
   Result<Value> read = KRVSecurityAgent::readObject(pair.reader.get());
   ASSERT_TRUE(read);
   ASSERT_NE(read->objectAs<Error>(), nullptr);
@@ -118,7 +126,7 @@ TEST(ObjectTransferTest, TransfersAnErrorObjectAndRefusesBrokenOnes) {
       {0xA2, 0x61, 'a', 0x01, 0x61, 'a', 0x02},  // duplicate key
   };
   for (const Data& payload : payloads) {
-    ASSERT_EQ(writeDataBlock(pair.writer.get(), payload), 0);
+    ASSERT_TRUE(writeDataBlock(pair.writer.get(), payload).ok());
     Result<Value> object = KRVSecurityAgent::readObject(pair.reader.get());
     ASSERT_FALSE(object);
     EXPECT_EQ(object.error().code(), EIO);

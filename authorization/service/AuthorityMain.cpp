@@ -5,11 +5,8 @@
 // error) or "v" (print the version and exit).
 
 #include <signal.h>
-#include <sys/stat.h>
 
-#include <cerrno>
 #include <cstdio>
-#include <cstring>
 
 #include "authorization/Authenticator.h"
 #include "authorization/AuthorityServer.h"
@@ -29,7 +26,7 @@ namespace {
 constexpr const char* kIdentification = "com.tavorin.system.authority";
 constexpr int kSetUpFailure = 1;
 
-const char* checkInMessage(krv::CheckInFailure failure) {
+krv::LogTemplate checkInMessage(krv::CheckInFailure failure) {
   using krv::CheckInFailure;
   switch (failure) {
     case CheckInFailure::NotActivated:
@@ -67,13 +64,13 @@ int main(int argc, char** argv) {
   if (argc == 2 && argv[1][0] == 'd') options |= krv::SystemLog::kCopyToStandardError;
 
   krv::SystemLog log(kIdentification, "Auth", options);
-  ::signal(SIGPIPE, SIG_IGN);
-  ::umask(022);
+  (void)krv::sys::setSignalHandler(SIGPIPE, SIG_IGN);
+  krv::sys::setFileCreationMask(022);
 
   krv::CheckInOutcome checkIn = krv::checkInWithServiceManager();
   if (!checkIn.ok()) {
-    errno = checkIn.errnoValue;
-    log.log(krv::SystemLog::Level::Error, checkInMessage(checkIn.failure));
+    log.log(krv::SystemLog::Level::Error, checkInMessage(checkIn.failure),
+            krv::Error::posix(checkIn.errnoValue, "check-in"));
     return kSetUpFailure;
   }
 

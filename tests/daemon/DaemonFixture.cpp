@@ -156,9 +156,7 @@ Error DaemonTest::runCommand(std::uint32_t code, Array arguments, std::vector<Er
 
 Result<Value> DaemonTest::exchange(const Data& payload) {
   KRV_TRY(UniqueFd socket, KRVSecurityAgent::openRequestSocketAtPath(kDaemonSocketPath));
-  if (int error = writeDataBlock(socket.get(), payload, BlockSink::Socket); error != 0) {
-    return Error::posix(error, "write request");
-  }
+  KRV_TRY_VOID(writeDataBlock(socket.get(), payload, BlockSink::Socket));
   return KRVSecurityAgent::readObject(socket.get());
 }
 

@@ -4,11 +4,13 @@
 
 #include <cmath>
 #include <cstring>
-#include <ctime>
 
+#include "foundation/Base64.h"
 #include "foundation/Format.h"
+#include "foundation/IsoDate.h"
 #include "foundation/NameValue.h"
 #include "foundation/System.h"
+#include "foundation/Utf8.h"
 #include "protocol/CommandCodes.h"
 #include "protocol/CommandTable.h"
 #include "protocol/KRVPrivilegedCommand.h"
@@ -60,36 +62,18 @@ void appendJsonString(std::string& out, std::string_view text) {
   out += '"';
 }
 
-std::string base64(const Data& data) {
-  static constexpr char kAlphabet[] =
-      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-  std::string text;
-  for (std::size_t i = 0; i < data.size(); i += 3) {
-    unsigned chunk = static_cast<unsigned>(data[i]) << 16;
-    if (i + 1 < data.size()) chunk |= static_cast<unsigned>(data[i + 1]) << 8;
-    if (i + 2 < data.size()) chunk |= data[i + 2];
-    text += kAlphabet[(chunk >> 18) & 63];
-    text += kAlphabet[(chunk >> 12) & 63];
-    text += i + 1 < data.size() ? kAlphabet[(chunk >> 6) & 63] : '=';
-    text += i + 2 < data.size() ? kAlphabet[chunk & 63] : '=';
-  }
-  return text;
-}
-
+// A date as ISO 8601 text. A file's times can be set to any value: a date outside the years
+// 0000 to 9999, which that form cannot show, is written as its seconds since 1970 instead.
 std::string isoDate(const Date& date) {
-  std::time_t seconds = static_cast<std::time_t>(std::floor(date.secondsSince1970));
-  std::tm utc{};
-  ::gmtime_r(&seconds, &utc);
-  char buffer[32];
-  std::strftime(buffer, sizeof buffer, "%Y-%m-%dT%H:%M:%SZ", &utc);
-  return buffer;
+  if (std::optional<std::string> text = formatIsoDate(date.secondsSince1970)) return *text;
+  return format("%.17g", date.secondsSince1970);
 }
 
 // A byte string of the wire, told apart from text: {"base64": "<the bytes in base64>"}. A name
 // that is not UTF-8 (a "Path", a "FailingPath") arrives this way, and so does program output.
 void appendJsonData(std::string& out, const Data& data) {
   out += "{\"base64\":";
-  appendJsonString(out, base64(data));
+  appendJsonString(out, encodeBase64(data));
   out += '}';
 }
 
@@ -292,7 +276,7 @@ std::string explainResult(const Error& result) {
 }
 
 ResultPrinter::ResultPrinter(bool json, bool quiet)
-    : m_json(json), m_showProgress(!quiet && !json && ::isatty(STDERR_FILENO)) {}
+    : m_json(json), m_showProgress(!quiet && !json && sys::isTerminal(STDERR_FILENO)) {}
 
 void ResultPrinter::drawProgress(double progress) {
   if (!m_showProgress) return;
