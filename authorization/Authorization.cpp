@@ -92,24 +92,12 @@ std::int32_t tokenOperation(Operation operation, const ExternalForm& token, std:
   return status;
 }
 
-class ClientAuthorization final : public Authorization {
+// What both views of an authorization share: its token, wiped when the view ends, and whether it
+// is still live (a freed authorization answers every operation with an invalid reference).
+class TokenAuthorization : public Authorization {
  public:
-  explicit ClientAuthorization(const ExternalForm& token) : m_token(token) {}
-  ~ClientAuthorization() override {
-    if (m_live) free(kFlagDefaults);
-    wipeToken(m_token);
-  }
-
-  std::int32_t copyRights(std::string_view rightName, std::uint32_t flags) override {
-    if (!m_live) return kStatusInvalidRef;
-    std::shared_ptr<PromptHandler> handler;
-    if ((flags & kFlagInteractionAllowed) != 0) {
-      handler = currentPromptHandler();
-      // Without a way to ask, the service must not start a conversation nobody can answer.
-      if (!handler || !handler->canAsk()) flags &= ~kFlagInteractionAllowed;
-    }
-    return tokenOperation(Operation::CopyRights, m_token, flags, rightName, 0, handler.get());
-  }
+  explicit TokenAuthorization(const ExternalForm& token) : m_token(token) {}
+  ~TokenAuthorization() override { wipeToken(m_token); }
 
   std::int32_t makeExternalForm(ExternalForm& out) override {
     if (!m_live) return kStatusInvalidRef;
@@ -117,52 +105,71 @@ class ClientAuthorization final : public Authorization {
     return kStatusSuccess;
   }
 
-  std::int32_t free(std::uint32_t flags) override {
-    if (!m_live) return kStatusInvalidRef;
-    m_live = false;
-    std::int32_t status = tokenOperation(Operation::Free, m_token, flags, {}, 0, nullptr);
-    wipeToken(m_token);
-    return status;
-  }
+ protected:
+  const ExternalForm& token() const { return m_token; }
+  bool isLive() const { return m_live; }
+  // Ends the authorization: from now on every operation answers an invalid reference.
+  void end() { m_live = false; }
+  // Wipes the token once the last operation that needs it is done.
+  void forgetToken() { wipeToken(m_token); }
 
  private:
   ExternalForm m_token;
   bool m_live = true;
 };
 
-// The daemon's view of a client's authorization: a token and the user it is claimed for.
-class ServerAuthorization final : public Authorization {
+// A client's own authorization, made by the service for the calling process.
+class ClientAuthorization final : public TokenAuthorization {
  public:
-  ServerAuthorization(const ExternalForm& token, uid_t claimedUser)
-      : m_token(token), m_claimedUser(claimedUser) {}
-  ~ServerAuthorization() override { wipeToken(m_token); }
-
-  std::int32_t copyRights(std::string_view rightName, std::uint32_t flags) override {
-    if (!m_live) return kStatusInvalidRef;
-    return tokenOperation(Operation::Validate, m_token, flags, rightName, m_claimedUser, nullptr);
+  using TokenAuthorization::TokenAuthorization;
+  ~ClientAuthorization() override {
+    if (isLive()) free(kFlagDefaults);
   }
 
-  std::int32_t makeExternalForm(ExternalForm& out) override {
-    if (!m_live) return kStatusInvalidRef;
-    out = m_token;
-    return kStatusSuccess;
+  std::int32_t copyRights(std::string_view rightName, std::uint32_t flags) override {
+    if (!isLive()) return kStatusInvalidRef;
+    std::shared_ptr<PromptHandler> handler;
+    if ((flags & kFlagInteractionAllowed) != 0) {
+      handler = currentPromptHandler();
+      // Without a way to ask, the service must not start a conversation nobody can answer.
+      if (!handler || !handler->canAsk()) flags &= ~kFlagInteractionAllowed;
+    }
+    return tokenOperation(Operation::CopyRights, token(), flags, rightName, 0, handler.get());
   }
 
   std::int32_t free(std::uint32_t flags) override {
-    if (!m_live) return kStatusInvalidRef;
-    m_live = false;
+    if (!isLive()) return kStatusInvalidRef;
+    end();
+    const std::int32_t status = tokenOperation(Operation::Free, token(), flags, {}, 0, nullptr);
+    forgetToken();
+    return status;
+  }
+};
+
+// The daemon's view of a client's authorization: a token and the user it is claimed for.
+class ServerAuthorization final : public TokenAuthorization {
+ public:
+  ServerAuthorization(const ExternalForm& token, uid_t claimedUser)
+      : TokenAuthorization(token), m_claimedUser(claimedUser) {}
+
+  std::int32_t copyRights(std::string_view rightName, std::uint32_t flags) override {
+    if (!isLive()) return kStatusInvalidRef;
+    return tokenOperation(Operation::Validate, token(), flags, rightName, m_claimedUser, nullptr);
+  }
+
+  std::int32_t free(std::uint32_t flags) override {
+    if (!isLive()) return kStatusInvalidRef;
+    end();
     std::int32_t status = kStatusSuccess;
     if ((flags & kFlagDestroyRights) != 0) {
-      status = tokenOperation(Operation::DestroyRights, m_token, 0, {}, m_claimedUser, nullptr);
+      status = tokenOperation(Operation::DestroyRights, token(), 0, {}, m_claimedUser, nullptr);
     }
-    wipeToken(m_token);
+    forgetToken();
     return status;
   }
 
  private:
-  ExternalForm m_token;
   uid_t m_claimedUser;
-  bool m_live = true;
 };
 
 Outcome rightRequest(Operation operation, std::string_view rightName,

@@ -6,6 +6,7 @@
 #include <deque>
 #include <vector>
 
+#include "foundation/PathComponents.h"
 #include "platform/FileSystemCalls.h"
 
 namespace krv {
@@ -13,17 +14,6 @@ namespace {
 
 // The kernel's own bound on links followed in one lookup.
 constexpr int kMaximumLinks = 40;
-
-template <class Sink>
-void forEachComponent(std::string_view path, Sink sink) {
-  std::size_t start = 0;
-  while (start < path.size()) {
-    std::size_t stop = path.find('/', start);
-    if (stop == std::string_view::npos) stop = path.size();
-    if (stop > start) sink(path.substr(start, stop - start));
-    start = stop + 1;
-  }
-}
 
 std::string joined(const std::vector<std::string>& components, bool absolute) {
   std::string path;
@@ -46,7 +36,7 @@ std::string standardizedPath(std::string_view path) {
   if (path.empty()) return std::string();
   bool absolute = path.front() == '/';
   std::vector<std::string> components;
-  forEachComponent(path, [&](std::string_view component) {
+  forEachPathComponent(path, [&](std::string_view component) {
     if (component == ".") return;
     // A relative path is not looked at, so ".." cannot be reduced: its predecessor may be a link.
     if (component == ".." && absolute) {
@@ -103,7 +93,7 @@ std::string resolvingSymlinksInPath(std::string_view path) {
     return standardizedPath(path);
   }
   std::deque<std::string> pending;
-  forEachComponent(path, [&](std::string_view component) { pending.emplace_back(component); });
+  forEachPathComponent(path, [&](std::string_view component) { pending.emplace_back(component); });
 
   std::vector<std::string> resolved;
   std::size_t existingDepth = 0;  // resolved[0 .. existingDepth) are known to exist
@@ -139,7 +129,8 @@ std::string resolvingSymlinksInPath(std::string_view path) {
       existingDepth = 0;
     }
     std::vector<std::string> expansion;
-    forEachComponent(*destination, [&](std::string_view part) { expansion.emplace_back(part); });
+    forEachPathComponent(*destination,
+                         [&](std::string_view part) { expansion.emplace_back(part); });
     pending.insert(pending.begin(), std::make_move_iterator(expansion.begin()),
                    std::make_move_iterator(expansion.end()));
   }

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "foundation/Format.h"
+#include "foundation/PathComponents.h"
 #include "foundation/System.h"
 
 namespace krv {
@@ -50,17 +51,6 @@ struct Step {
   std::string text;  // the name, or the link's own resolved path (for the log)
   uid_t owner = 0;   // LinkEnd: the link's owner
 };
-
-template <class Sink>
-void forEachComponent(std::string_view path, Sink sink) {
-  std::size_t start = 0;
-  while (start < path.size()) {
-    std::size_t stop = path.find('/', start);
-    if (stop == std::string_view::npos) stop = path.size();
-    if (stop > start) sink(path.substr(start, stop - start));
-    start = stop + 1;
-  }
-}
 
 // One resolution: the object reached so far, its path, and what is still to be resolved.
 class Resolution {
@@ -141,7 +131,7 @@ Status Resolution::restartAtRoot() {
 void Resolution::pushFront(std::string_view destination) {
   std::vector<Step> names;
   bool endsInDot = false;
-  forEachComponent(destination, [&](std::string_view component) {
+  forEachPathComponent(destination, [&](std::string_view component) {
     endsInDot = component == ".";
     if (!endsInDot) names.push_back(Step{Step::Kind::Name, std::string(component)});
   });
