@@ -154,10 +154,13 @@ CommandResult KRVCommandExecutor::executeCommand(const KRVPrivilegedCommand& com
       return executeUnmountCommandWithArguments(a);
     case 51:
       return countFileSystemObjectsAtPath(stringAt(a, 0), stringAt(a, 1));
+    case 52:
+      return compareFoldersAtPath(stringAt(a, 0), stringAt(a, 1), stringAt(a, 2), uintAt(a, 3),
+                                  uintAt(a, 4));
     case 54:
       return executeTMUtilityWithCommands(a);
     default:
-      // System settings, access control lists and folder comparison, and the reserved code.
+      // System settings and access control lists, and the reserved code.
       if (code == kCommandReserved) return commandError(kUnknownCommandCode);
       return commandNotAvailable();
   }

@@ -43,7 +43,7 @@ TEST(CommandDispatchTest, AnswersTheCommandsOfTheDispatcherItself) {
 }
 
 TEST(CommandDispatchTest, FamiliesNotInThisVersionAnswerNotAvailable) {
-  // System settings, access control lists and folder comparison.
+  // System settings and access control lists.
   const std::pair<std::uint32_t, Array> commands[] = {
       {18, {Value("Disk Sleep Timer"), Value::integer(1)}},
       {19, {Value::integer(10)}},
@@ -59,7 +59,6 @@ TEST(CommandDispatchTest, FamiliesNotInThisVersionAnswerNotAvailable) {
       {30, {}},
       {34, {Value("/x"), Value(Data{1})}},
       {35, {Value("/x"), Value::integer(1), Value::integer(1), Value::integer(7)}},
-      {52, {Value("/a"), Value("/b"), Value("/m"), Value::integer(1), Value::integer(0)}},
   };
   for (const auto& [code, arguments] : commands) {
     CommandResult result = run(code, arguments);

@@ -166,8 +166,13 @@ class KRVCommandExecutor final : public TaskDelegate {
                                                            const Array& patterns);
   Error countFileSystemObjectsAtPath(const std::string& path, const std::string& markerPath);
 
+  // ---- Folder comparison (FolderComparisonCommands.cpp) ----
+  CommandResult compareFoldersAtPath(const std::string& firstPath, const std::string& secondPath,
+                                     const std::string& abortMarkerPath,
+                                     std::uint64_t expectedCount, std::uint64_t compareMode);
+
   // ---- Commands whose family is not available in this version (UnavailableCommands.cpp) ----
-  // System settings (18-22, 24-30), access control lists (34, 35), folder comparison (52).
+  // System settings (18-22, 24-30), access control lists (34, 35).
   static Error commandNotAvailable();
 
  private:

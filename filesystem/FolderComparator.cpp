@@ -1,0 +1,235 @@
+#include "filesystem/FolderComparator.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <utility>
+
+#include "filesystem/FolderMirror.h"
+#include "filesystem/KRVDirectoryEnumerator.h"
+#include "filesystem/PathNames.h"
+#include "foundation/System.h"
+#include "platform/FileSystemCalls.h"
+#include "protocol/CommandTable.h"
+
+namespace krv {
+
+namespace {
+
+constexpr std::uint64_t kProgressInterval = 100;
+
+bool isFolder(const std::string& path) {
+  if (!checkPath(path)) return false;
+  Result<struct stat> status = sys::stat(path);
+  return status && S_ISDIR(status->st_mode);
+}
+
+// The folder part of a relative path ("" at the top).
+std::string_view folderOf(std::string_view relative) {
+  const std::size_t slash = relative.rfind('/');
+  return slash == std::string_view::npos ? std::string_view() : relative.substr(0, slash);
+}
+
+bool exists(ObjectAt object) {
+  return object.folderFd != -1 &&
+         sys::statxAt(object.folderFd, object.name, AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT, 0).ok();
+}
+
+}  // namespace
+
+Set mismatchCodes(FolderMismatches mismatches) {
+  Set codes;
+  for (unsigned code = 0; code <= static_cast<unsigned>(FolderMismatch::MissingInSecond); ++code) {
+    if ((mismatches & (1u << code)) != 0) codes.elements.push_back(Value::integer(code));
+  }
+  return codes;
+}
+
+Value mismatchRecord(FolderMismatches mismatches,
+                     std::shared_ptr<const KRVFileSystemObjectDescription> first,
+                     std::shared_ptr<const KRVFileSystemObjectDescription> second) {
+  Dictionary record;
+  record.append(std::string(key::kMismatches), Value(mismatchCodes(mismatches)));
+  record.append(std::string(key::kDescription1), Value(ObjectRef(std::move(first))));
+  record.append(std::string(key::kDescription2), Value(ObjectRef(std::move(second))));
+  return Value(std::move(record));
+}
+
+bool FolderComparator::canReadAndTraverseObjectAtPath(const std::string& path) {
+  if (path.empty() || !checkPath(path)) return false;
+  Result<struct stat> status = sys::lstat(path);
+  if (!status) return false;
+  if (S_ISREG(status->st_mode)) {
+    return sys::open(path, O_RDONLY | O_NONBLOCK | O_NOFOLLOW).ok();
+  }
+  if (S_ISDIR(status->st_mode)) return sys::openDirectory(path).ok();
+  return true;
+}
+
+void FolderComparator::reportProgressPercentage(double) {}
+
+bool FolderComparator::shouldContinueComparisonAccordingToUser() { return true; }
+
+bool FolderComparator::shouldContinueComparisonAccordingToCollectedDifferences(const Array&) {
+  return true;
+}
+
+void FolderComparator::didCollectDifference(Array&) {}
+
+bool FolderComparator::shouldContinueComparisonWithDifferences(const Array& differences) {
+  return shouldContinueComparisonAccordingToUser() &&
+         shouldContinueComparisonAccordingToCollectedDifferences(differences);
+}
+
+Error FolderComparator::stopped() {
+  return Error::posix(shouldContinueComparisonAccordingToUser() ? EOVERFLOW : ECANCELED);
+}
+
+FolderMismatches FolderComparator::compare(const KRVFileSystemObjectDescription& first,
+                                           ObjectAt firstObject,
+                                           const KRVFileSystemObjectDescription& second,
+                                           ObjectAt secondObject, std::uint64_t mode) {
+  const bool firstValid = first.isValid();
+  const bool secondValid = second.isValid();
+  if (firstValid && secondValid) {
+    const std::uint64_t bothAppleDouble =
+        kFolderCompareModeIgnoreAppleDoubleInFirst | kFolderCompareModeIgnoreAppleDoubleInSecond;
+    if ((mode & bothAppleDouble) == bothAppleDouble && first.isAppleDoubleFile() &&
+        second.isAppleDoubleFile()) {
+      return 0;
+    }
+    FolderMismatches found = 0;
+    if ((mode & kFolderCompareModeIgnoreCompression) == 0 &&
+        first.usesFileSystemCompression() != second.usesFileSystemCompression()) {
+      found |= mismatchBit(FolderMismatch::Compression);
+    }
+    if ((mode & kFolderCompareModeIgnoreStatusChangeTime) == 0 &&
+        !first.hasStatusChangeTimeEqualTo(&second)) {
+      found |= mismatchBit(FolderMismatch::StatusChangeTime);
+    }
+    if ((mode & kFolderCompareModeIgnoreAccessControlList) == 0 &&
+        !first.hasAccessControlListEqualTo(&second)) {
+      found |= mismatchBit(FolderMismatch::AccessControlList);
+    }
+    if (!first.hasPOSIXPermissionsEqualTo(&second)) {
+      found |= mismatchBit(FolderMismatch::PosixPermissions);
+    }
+    if (!first.hasExtendedAttributesEqualTo(&second,
+                                            (mode & kFolderCompareModeIgnoreTimeMachine) != 0)) {
+      found |= mismatchBit(FolderMismatch::ExtendedAttributes);
+    }
+    if (!first.hasAttributesEqualTo(&second)) found |= mismatchBit(FolderMismatch::Attributes);
+    if (!m_contents.contentsEqual(first, firstObject, second, secondObject,
+                                  (mode & kFolderCompareModeCompareBytes) != 0)) {
+      found |= mismatchBit(FolderMismatch::Contents);
+    }
+    return found;
+  }
+  if (firstValid) {
+    if ((mode & kFolderCompareModeIgnoreAppleDoubleInFirst) != 0 && first.isAppleDoubleFile()) {
+      return 0;
+    }
+    return mismatchBit(FolderMismatch::MissingInSecond);
+  }
+  if (secondValid) {
+    if ((mode & kFolderCompareModeIgnoreAppleDoubleInSecond) != 0 && second.isAppleDoubleFile()) {
+      return 0;
+    }
+    return mismatchBit(FolderMismatch::MissingInFirst);
+  }
+  return 0;
+}
+
+FolderMismatches FolderComparator::mismatchesBetween(const KRVFileSystemObjectDescription* first,
+                                                     const KRVFileSystemObjectDescription* second,
+                                                     std::uint64_t mode) {
+  const KRVFileSystemObjectDescription invalid;
+  const KRVFileSystemObjectDescription& one = first != nullptr ? *first : invalid;
+  const KRVFileSystemObjectDescription& other = second != nullptr ? *second : invalid;
+  return compare(one, {AT_FDCWD, one.path().c_str()}, other, {AT_FDCWD, other.path().c_str()},
+                 mode);
+}
+
+Error FolderComparator::runComparison(const std::string& firstRoot, const std::string& secondRoot,
+                                      std::uint64_t expectedObjectCount, std::uint64_t mode,
+                                      Array& collectedDifferences) {
+  if (firstRoot.empty() || secondRoot.empty() || expectedObjectCount == 0) {
+    return Error::posix(EINVAL);
+  }
+  if (!isFolder(firstRoot) || !isFolder(secondRoot)) return Error::posix(EINVAL);
+
+  reportProgressPercentage(0.0);
+  const double denominator = 2.0 * static_cast<double>(expectedObjectCount);
+  std::uint64_t counter = 0;
+  auto count = [&] {
+    if (++counter % kProgressInterval == 0) {
+      reportProgressPercentage(static_cast<double>(counter) / denominator);
+    }
+  };
+  auto collect = [&](FolderMismatches mismatches) {
+    collectedDifferences.push_back(
+        mismatchRecord(mismatches, std::make_shared<KRVFileSystemObjectDescription>(m_first),
+                       std::make_shared<KRVFileSystemObjectDescription>(m_second)));
+    didCollectDifference(collectedDifferences);
+  };
+
+  const std::string firstPrefix = pathPrefixBelow(firstRoot);
+  const std::string secondPrefix = pathPrefixBelow(secondRoot);
+  std::string firstPath;
+  std::string secondPath;
+  auto joinPaths = [&](std::string_view relative) {
+    firstPath.assign(firstPrefix).append(relative);
+    secondPath.assign(secondPrefix).append(relative);
+  };
+
+  // First pass: every object of the first tree against its counterpart.
+  if (std::unique_ptr<KRVDirectoryEnumerator> walk =
+          KRVDirectoryEnumerator::enumeratorAtPath(firstRoot, true)) {
+    FolderMirror second(secondRoot);
+    while (std::optional<std::string_view> relative = walk->nextObject()) {
+      if (!shouldContinueComparisonWithDifferences(collectedDifferences)) break;
+      joinPaths(*relative);
+      const ObjectAt firstObject{walk->currentEntryDirectoryFd(), walk->currentEntryName().data()};
+      const ObjectAt secondObject = second.objectAt(folderOf(*relative), walk->currentEntryName());
+      m_first.describeObject(firstObject, firstPath);
+      if (secondObject.folderFd != -1) {
+        m_second.describeObject(secondObject, secondPath);
+      } else {
+        m_second.describeMissingObject(secondPath);
+      }
+      if (FolderMismatches found = compare(m_first, firstObject, m_second, secondObject, mode)) {
+        collect(found);
+      }
+      count();
+    }
+  }
+  if (!shouldContinueComparisonWithDifferences(collectedDifferences)) return stopped();
+
+  // Second pass: what only the second tree holds. An object present in both was compared above,
+  // so the first tree is only asked whether it has the object.
+  if (std::unique_ptr<KRVDirectoryEnumerator> walk =
+          KRVDirectoryEnumerator::enumeratorAtPath(secondRoot, true)) {
+    FolderMirror first(firstRoot);
+    while (std::optional<std::string_view> relative = walk->nextObject()) {
+      if (!shouldContinueComparisonWithDifferences(collectedDifferences)) break;
+      const ObjectAt firstObject = first.objectAt(folderOf(*relative), walk->currentEntryName());
+      if (!exists(firstObject)) {
+        joinPaths(*relative);
+        const ObjectAt secondObject{walk->currentEntryDirectoryFd(),
+                                    walk->currentEntryName().data()};
+        m_first.describeMissingObject(firstPath);
+        m_second.describeObject(secondObject, secondPath);
+        if (FolderMismatches found = compare(m_first, {-1, nullptr}, m_second, secondObject, mode)) {
+          collect(found);
+        }
+      }
+      count();
+    }
+  }
+  if (!shouldContinueComparisonWithDifferences(collectedDifferences)) return stopped();
+  reportProgressPercentage(1.0);
+  return Error(std::string(kPosixErrorDomain), 0);
+}
+
+}  // namespace krv
