@@ -220,7 +220,8 @@ Error FolderComparator::runComparison(const std::string& firstRoot, const std::s
                                     walk->currentEntryName().data()};
         m_first.describeMissingObject(firstPath);
         m_second.describeObject(secondObject, secondPath);
-        if (FolderMismatches found = compare(m_first, {-1, nullptr}, m_second, secondObject, mode)) {
+        if (FolderMismatches found =
+                compare(m_first, {-1, nullptr}, m_second, secondObject, mode)) {
           collect(found);
         }
       }

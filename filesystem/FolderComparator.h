@@ -23,13 +23,14 @@
 // each tree is seen as its own walk sees it, and the two passes agree.
 //
 // Mismatches of a pair (mismatchesBetween), in code order, both snapshots valid:
-//   0 Compression         the compressed flag differs (not with kFolderCompareModeIgnoreCompression)
-//   1 StatusChangeTime    (not with kFolderCompareModeIgnoreStatusChangeTime)
-//   2 AccessControlList   (not with kFolderCompareModeIgnoreAccessControlList)
-//   3 PosixPermissions    owner, group, the nine permission bits
-//   4 ExtendedAttributes  (Time Machine names ignored with kFolderCompareModeIgnoreTimeMachine)
-//   5 Attributes          flags but the compressed one, modification time
-//   6 Contents            type or size; with kFolderCompareModeCompareBytes bytes and link targets
+//   0 Compression         the compressed flag differs (not with
+//   kFolderCompareModeIgnoreCompression) 1 StatusChangeTime    (not with
+//   kFolderCompareModeIgnoreStatusChangeTime) 2 AccessControlList   (not with
+//   kFolderCompareModeIgnoreAccessControlList) 3 PosixPermissions    owner, group, the nine
+//   permission bits 4 ExtendedAttributes  (Time Machine names ignored with
+//   kFolderCompareModeIgnoreTimeMachine) 5 Attributes          flags but the compressed one,
+//   modification time 6 Contents            type or size; with kFolderCompareModeCompareBytes bytes
+//   and link targets
 // With both AppleDouble bits set, two AppleDouble files ("._" names) are not compared at all. Only
 // the first snapshot valid: 8 (MissingInSecond), unless it is an AppleDouble file and the
 // first-tree AppleDouble bit is set; only the second valid: 7 (MissingInFirst), likewise; neither:

@@ -116,9 +116,8 @@ class AttributeIndex {
     if (attributes.size() <= kLinearLimit) return;
     m_sorted.reserve(attributes.size());
     for (const ExtendedAttributeDescription& attribute : attributes) m_sorted.push_back(&attribute);
-    std::sort(m_sorted.begin(), m_sorted.end(), [](const auto* a, const auto* b) {
-      return a->name < b->name;
-    });
+    std::sort(m_sorted.begin(), m_sorted.end(),
+              [](const auto* a, const auto* b) { return a->name < b->name; });
   }
 
   const ExtendedAttributeDescription* find(std::string_view name) const {
@@ -160,8 +159,7 @@ Result<Timestamp> decodeTimestamp(Decoder& decoder, std::string_view seconds,
   return time;
 }
 
-Result<std::vector<ExtendedAttributeDescription>> attributesFromDictionary(
-    Dictionary dictionary) {
+Result<std::vector<ExtendedAttributeDescription>> attributesFromDictionary(Dictionary dictionary) {
   std::vector<ExtendedAttributeDescription> attributes;
   attributes.reserve(dictionary.size());
   for (const auto& [name, value] : dictionary) {
@@ -230,8 +228,8 @@ void KRVFileSystemObjectDescription::describeMissingObject(std::string_view path
 }
 
 void KRVFileSystemObjectDescription::describeObject(ObjectAt object, std::string_view path) {
-  Result<struct statx> status = sys::statxAt(object.folderFd, object.name,
-                                             AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT);
+  Result<struct statx> status =
+      sys::statxAt(object.folderFd, object.name, AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT);
   if (!status) {
     describeMissingObject(path);
     return;
@@ -451,9 +449,9 @@ bool KRVFileSystemObjectDescription::hasContentsEqualTo(const KRVFileSystemObjec
 bool KRVFileSystemObjectDescription::isAppleDoubleFile() const {
   if (!isValid() || objectType() != kRegularFileType) return false;
   const std::size_t slash = m_path.rfind('/');
-  const std::string_view last =
-      slash == std::string::npos ? std::string_view(m_path)
-                                 : std::string_view(m_path).substr(slash + 1);
+  const std::string_view last = slash == std::string::npos
+                                    ? std::string_view(m_path)
+                                    : std::string_view(m_path).substr(slash + 1);
   return last.starts_with("._");
 }
 
@@ -503,7 +501,8 @@ std::optional<std::string> KRVFileSystemObjectDescription::nameOfExtendedAttribu
   return name != nullptr ? nameBytes(*name) : std::nullopt;
 }
 
-Result<std::optional<Data>> KRVFileSystemObjectDescription::liveValueForExtendedAttributeOfDescription(
+Result<std::optional<Data>>
+KRVFileSystemObjectDescription::liveValueForExtendedAttributeOfDescription(
     const Dictionary* description) const {
   const std::optional<std::string> name = nameOfExtendedAttributeInDescription(description);
   if (!name || name->empty()) return std::optional<Data>();
@@ -567,8 +566,8 @@ Result<ObjectRef> KRVFileSystemObjectDescription::decode(Decoder& decoder) {
                                    ? AclObjectKind::Directory
                                    : AclObjectKind::File;
     // A list that cannot be read leaves the snapshot without one.
-    Result<KRVAccessControlList> decoded = KRVAccessControlList::fromExternalRepresentation(list,
-                                                                                            kind);
+    Result<KRVAccessControlList> decoded =
+        KRVAccessControlList::fromExternalRepresentation(list, kind);
     if (decoded) description->m_list = std::move(*decoded);
   }
   return ObjectRef(std::move(description));
@@ -593,8 +592,7 @@ bool KRVFileSystemObjectDescription::operator==(const KRVFileSystemObjectDescrip
          m_flags == other.m_flags && m_attributes == other.m_attributes &&
          listBytes(m_list) == listBytes(other.m_list) && m_accessTime == other.m_accessTime &&
          m_modificationTime == other.m_modificationTime &&
-         m_statusChangeTime == other.m_statusChangeTime &&
-         m_creationTime == other.m_creationTime;
+         m_statusChangeTime == other.m_statusChangeTime && m_creationTime == other.m_creationTime;
 }
 
 }  // namespace krv
