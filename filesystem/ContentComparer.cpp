@@ -3,6 +3,7 @@
 #include <fcntl.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <span>
@@ -35,25 +36,25 @@ std::int64_t readBlock(int fd, std::span<std::uint8_t> buffer) {
 
 }  // namespace
 
-UniqueFd ContentComparer::openForReading(ObjectAt object) {
+UniqueFd openForComparison(ObjectAt object) {
+  // Cleared once O_NOATIME was refused: only the owner and a process that may act as any owner
+  // can keep the access time.
+  static std::atomic<bool> mayKeepAccessTimes{true};
   // O_NONBLOCK: a FIFO swapped in after the status was read must not hold the comparison.
   const int flags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
-  if (m_mayKeepAccessTimes) {
+  if (mayKeepAccessTimes.load(std::memory_order_relaxed)) {
     Result<UniqueFd> fd = sys::openAt(object.folderFd, object.name, flags | O_NOATIME);
     if (fd) return std::move(*fd);
-    // Only the owner and a process that may act as any owner can keep the access time.
     if (fd.error().code() != EPERM) return UniqueFd();
-    m_mayKeepAccessTimes = false;
+    mayKeepAccessTimes.store(false, std::memory_order_relaxed);
   }
   Result<UniqueFd> fd = sys::openAt(object.folderFd, object.name, flags);
   return fd ? std::move(*fd) : UniqueFd();
 }
 
-bool ContentComparer::regularFilesEqual(ObjectAt first, ObjectAt second, std::uint64_t length) {
-  UniqueFd firstFd = openForReading(first);
-  UniqueFd secondFd = openForReading(second);
-  if (!firstFd && !secondFd) return true;
-  if (!firstFd || !secondFd) return false;
+bool ContentComparer::regularFilesEqual(int firstFd, int secondFd, std::uint64_t length) {
+  if (firstFd < 0 && secondFd < 0) return true;
+  if (firstFd < 0 || secondFd < 0) return false;
   if (!m_blocks) m_blocks = std::make_unique_for_overwrite<std::uint8_t[]>(2 * kBlockSize);
   std::uint8_t* firstBlock = m_blocks.get();
   std::uint8_t* secondBlock = m_blocks.get() + kBlockSize;
@@ -61,8 +62,8 @@ bool ContentComparer::regularFilesEqual(ObjectAt first, ObjectAt second, std::ui
   std::uint64_t remaining = length;
   while (remaining > 0) {
     const auto wanted = static_cast<std::size_t>(std::min<std::uint64_t>(remaining, kBlockSize));
-    const std::int64_t firstCount = readBlock(firstFd.get(), {firstBlock, wanted});
-    const std::int64_t secondCount = readBlock(secondFd.get(), {secondBlock, wanted});
+    const std::int64_t firstCount = readBlock(firstFd, {firstBlock, wanted});
+    const std::int64_t secondCount = readBlock(secondFd, {secondBlock, wanted});
     if (firstCount != secondCount) return false;
     if (firstCount <= 0) break;
     if (std::memcmp(firstBlock, secondBlock, static_cast<std::size_t>(firstCount)) != 0) {
@@ -84,12 +85,17 @@ bool ContentComparer::linkDestinationsEqual(ObjectAt first, ObjectAt second) {
 bool ContentComparer::contentsEqual(const KRVFileSystemObjectDescription& first,
                                     ObjectAt firstObject,
                                     const KRVFileSystemObjectDescription& second,
-                                    ObjectAt secondObject, bool compareBytes) {
+                                    ObjectAt secondObject, bool compareBytes,
+                                    const UniqueFd* firstFile, const UniqueFd* secondFile) {
   const std::int64_t type = first.objectType();
   if (type != second.objectType() || first.objectSize() != second.objectSize()) return false;
   if (!compareBytes) return true;
   if (type == kRegularFileType) {
-    return regularFilesEqual(firstObject, secondObject, first.objectSize());
+    UniqueFd firstOpened = firstFile == nullptr ? openForComparison(firstObject) : UniqueFd();
+    UniqueFd secondOpened = secondFile == nullptr ? openForComparison(secondObject) : UniqueFd();
+    return regularFilesEqual(firstFile != nullptr ? firstFile->get() : firstOpened.get(),
+                             secondFile != nullptr ? secondFile->get() : secondOpened.get(),
+                             first.objectSize());
   }
   if (type == kSymbolicLinkType) return linkDestinationsEqual(firstObject, secondObject);
   return true;

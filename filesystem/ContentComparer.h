@@ -27,6 +27,9 @@
 
 namespace krv {
 
+// Opens a regular file for a comparison as described above; invalid when it cannot be opened.
+UniqueFd openForComparison(ObjectAt object);
+
 class ContentComparer {
  public:
   static constexpr std::size_t kBlockSize = 128 * 1024;
@@ -35,20 +38,21 @@ class ContentComparer {
   ContentComparer(const ContentComparer&) = delete;
   ContentComparer& operator=(const ContentComparer&) = delete;
 
-  // The regular files at the two places, each read up to `length` bytes.
-  bool regularFilesEqual(ObjectAt first, ObjectAt second, std::uint64_t length);
+  // Two regular files open at the descriptors (-1: could not be opened), each read up to `length`
+  // bytes from where it stands.
+  bool regularFilesEqual(int firstFd, int secondFd, std::uint64_t length);
   bool linkDestinationsEqual(ObjectAt first, ObjectAt second);
 
-  // hasContentsEqualTo of two snapshots, the objects being at the two places.
+  // hasContentsEqualTo of two snapshots, the objects being at the two places. Regular files are
+  // read through the given descriptors when the snapshots opened them (describeObject), else
+  // opened here.
   bool contentsEqual(const KRVFileSystemObjectDescription& first, ObjectAt firstObject,
                      const KRVFileSystemObjectDescription& second, ObjectAt secondObject,
-                     bool compareBytes);
+                     bool compareBytes, const UniqueFd* firstFile = nullptr,
+                     const UniqueFd* secondFile = nullptr);
 
  private:
-  UniqueFd openForReading(ObjectAt object);
-
   std::unique_ptr<std::uint8_t[]> m_blocks;  // two blocks, first and second
-  bool m_mayKeepAccessTimes = true;          // false once O_NOATIME was refused
 };
 
 }  // namespace krv

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <utility>
 
+#include "filesystem/ComparisonBatches.h"
 #include "filesystem/FolderMirror.h"
 #include "filesystem/KRVDirectoryEnumerator.h"
 #include "filesystem/PathNames.h"
@@ -86,10 +87,12 @@ Error FolderComparator::stopped() {
   return Error::posix(shouldContinueComparisonAccordingToUser() ? EOVERFLOW : ECANCELED);
 }
 
-FolderMismatches FolderComparator::compare(const KRVFileSystemObjectDescription& first,
+FolderMismatches FolderComparator::compare(ContentComparer& contents,
+                                           const KRVFileSystemObjectDescription& first,
                                            ObjectAt firstObject,
                                            const KRVFileSystemObjectDescription& second,
-                                           ObjectAt secondObject, std::uint64_t mode) {
+                                           ObjectAt secondObject, std::uint64_t mode,
+                                           const Worker* openedFiles) {
   const bool firstValid = first.isValid();
   const bool secondValid = second.isValid();
   if (firstValid && secondValid) {
@@ -120,8 +123,10 @@ FolderMismatches FolderComparator::compare(const KRVFileSystemObjectDescription&
       found |= mismatchBit(FolderMismatch::ExtendedAttributes);
     }
     if (!first.hasAttributesEqualTo(&second)) found |= mismatchBit(FolderMismatch::Attributes);
-    if (!m_contents.contentsEqual(first, firstObject, second, secondObject,
-                                  (mode & kFolderCompareModeCompareBytes) != 0)) {
+    if (!contents.contentsEqual(first, firstObject, second, secondObject,
+                                (mode & kFolderCompareModeCompareBytes) != 0,
+                                openedFiles != nullptr ? &openedFiles->firstFile : nullptr,
+                                openedFiles != nullptr ? &openedFiles->secondFile : nullptr)) {
       found |= mismatchBit(FolderMismatch::Contents);
     }
     return found;
@@ -147,8 +152,8 @@ FolderMismatches FolderComparator::mismatchesBetween(const KRVFileSystemObjectDe
   const KRVFileSystemObjectDescription invalid;
   const KRVFileSystemObjectDescription& one = first != nullptr ? *first : invalid;
   const KRVFileSystemObjectDescription& other = second != nullptr ? *second : invalid;
-  return compare(one, {AT_FDCWD, one.path().c_str()}, other, {AT_FDCWD, other.path().c_str()},
-                 mode);
+  return compare(m_workers[0].contents, one, {AT_FDCWD, one.path().c_str()}, other,
+                 {AT_FDCWD, other.path().c_str()}, mode);
 }
 
 Error FolderComparator::runComparison(const std::string& firstRoot, const std::string& secondRoot,
@@ -167,42 +172,68 @@ Error FolderComparator::runComparison(const std::string& firstRoot, const std::s
       reportProgressPercentage(static_cast<double>(counter) / denominator);
     }
   };
-  auto collect = [&](FolderMismatches mismatches) {
-    collectedDifferences.push_back(
-        mismatchRecord(mismatches, std::make_shared<KRVFileSystemObjectDescription>(m_first),
-                       std::make_shared<KRVFileSystemObjectDescription>(m_second)));
+  auto collect = [&](FolderMismatches mismatches,
+                     std::shared_ptr<const KRVFileSystemObjectDescription> first,
+                     std::shared_ptr<const KRVFileSystemObjectDescription> second) {
+    collectedDifferences.push_back(mismatchRecord(mismatches, std::move(first), std::move(second)));
     didCollectDifference(collectedDifferences);
   };
-
   const std::string firstPrefix = pathPrefixBelow(firstRoot);
   const std::string secondPrefix = pathPrefixBelow(secondRoot);
-  std::string firstPath;
-  std::string secondPath;
-  auto joinPaths = [&](std::string_view relative) {
-    firstPath.assign(firstPrefix).append(relative);
-    secondPath.assign(secondPrefix).append(relative);
-  };
 
-  // First pass: every object of the first tree against its counterpart.
+  // First pass: every object of the first tree against its counterpart, worked on two threads.
+  auto comparePair = [&](int worker, const ComparisonBatches::Batch& batch, std::size_t index) {
+    Worker& work = m_workers[worker];
+    const std::string& name = batch.names[index];
+    for (auto [path, prefix] :
+         {std::pair(&work.firstPath, &firstPrefix), std::pair(&work.secondPath, &secondPrefix)}) {
+      path->assign(*prefix).append(batch.folder);
+      if (!batch.folder.empty()) *path += '/';
+      path->append(name);
+    }
+    const ObjectAt firstObject{batch.firstFolderFd, name.c_str()};
+    const ObjectAt secondObject = batch.secondFolderFd == AT_FDCWD
+                                      ? ObjectAt{AT_FDCWD, work.secondPath.c_str()}
+                                      : ObjectAt{batch.secondFolderFd, name.c_str()};
+    const bool bytes = (mode & kFolderCompareModeCompareBytes) != 0;
+    work.first.describeObject(firstObject, work.firstPath, bytes ? &work.firstFile : nullptr);
+    work.secondFile.reset();
+    if (secondObject.folderFd != -1) {
+      work.second.describeObject(secondObject, work.secondPath, bytes ? &work.secondFile : nullptr);
+    } else {
+      work.second.describeMissingObject(work.secondPath);
+    }
+    PairOutcome outcome;
+    outcome.mismatches = compare(work.contents, work.first, firstObject, work.second, secondObject,
+                                 mode, bytes ? &work : nullptr);
+    work.firstFile.reset();
+    work.secondFile.reset();
+    if (outcome.mismatches != 0) {
+      outcome.first = std::make_shared<KRVFileSystemObjectDescription>(work.first);
+      outcome.second = std::make_shared<KRVFileSystemObjectDescription>(work.second);
+    }
+    return outcome;
+  };
+  auto takeOutcome = [&](PairOutcome outcome) {
+    if (!shouldContinueComparisonWithDifferences(collectedDifferences)) return false;
+    if (outcome.mismatches != 0) {
+      collect(outcome.mismatches, std::move(outcome.first), std::move(outcome.second));
+    }
+    count();
+    return true;
+  };
   if (std::unique_ptr<KRVDirectoryEnumerator> walk =
           KRVDirectoryEnumerator::enumeratorAtPath(firstRoot, true)) {
     FolderMirror second(secondRoot);
-    while (std::optional<std::string_view> relative = walk->nextObject()) {
-      if (!shouldContinueComparisonWithDifferences(collectedDifferences)) break;
-      joinPaths(*relative);
-      const ObjectAt firstObject{walk->currentEntryDirectoryFd(), walk->currentEntryName().data()};
-      const ObjectAt secondObject = second.objectAt(folderOf(*relative), walk->currentEntryName());
-      m_first.describeObject(firstObject, firstPath);
-      if (secondObject.folderFd != -1) {
-        m_second.describeObject(secondObject, secondPath);
-      } else {
-        m_second.describeMissingObject(secondPath);
-      }
-      if (FolderMismatches found = compare(m_first, firstObject, m_second, secondObject, mode)) {
-        collect(found);
-      }
-      count();
+    ComparisonBatches pairs(comparePair, takeOutcome);
+    while (!pairs.stopped()) {
+      const std::optional<std::string_view> relative = walk->nextObject();
+      if (!relative) break;
+      const std::string_view folder = folderOf(*relative);
+      pairs.add(walk->currentEntryDirectoryFd(), second.folderFd(folder), folder,
+                walk->currentEntryName());
     }
+    pairs.finish();
   }
   if (!shouldContinueComparisonWithDifferences(collectedDifferences)) return stopped();
 
@@ -211,18 +242,22 @@ Error FolderComparator::runComparison(const std::string& firstRoot, const std::s
   if (std::unique_ptr<KRVDirectoryEnumerator> walk =
           KRVDirectoryEnumerator::enumeratorAtPath(secondRoot, true)) {
     FolderMirror first(firstRoot);
+    Worker& work = m_workers[0];
     while (std::optional<std::string_view> relative = walk->nextObject()) {
       if (!shouldContinueComparisonWithDifferences(collectedDifferences)) break;
-      const ObjectAt firstObject = first.objectAt(folderOf(*relative), walk->currentEntryName());
-      if (!exists(firstObject)) {
-        joinPaths(*relative);
-        const ObjectAt secondObject{walk->currentEntryDirectoryFd(),
-                                    walk->currentEntryName().data()};
-        m_first.describeMissingObject(firstPath);
-        m_second.describeObject(secondObject, secondPath);
-        if (FolderMismatches found =
-                compare(m_first, {-1, nullptr}, m_second, secondObject, mode)) {
-          collect(found);
+      const std::string_view folder = folderOf(*relative);
+      const std::string_view name = walk->currentEntryName();
+      const std::optional<bool> listed = first.holds(folder, name);
+      if (!(listed ? *listed : exists(first.objectAt(folder, name)))) {
+        work.firstPath.assign(firstPrefix).append(*relative);
+        work.secondPath.assign(secondPrefix).append(*relative);
+        const ObjectAt secondObject{walk->currentEntryDirectoryFd(), name.data()};
+        work.first.describeMissingObject(work.firstPath);
+        work.second.describeObject(secondObject, work.secondPath);
+        if (FolderMismatches found = compare(work.contents, work.first, {-1, nullptr}, work.second,
+                                             secondObject, mode)) {
+          collect(found, std::make_shared<KRVFileSystemObjectDescription>(work.first),
+                  std::make_shared<KRVFileSystemObjectDescription>(work.second));
         }
       }
       count();

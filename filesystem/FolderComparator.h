@@ -40,11 +40,15 @@
 // snapshot}, snapshots being KRVFileSystemObjectDescription objects (possibly invalid ones).
 //
 // Speed: every snapshot is taken relative to the open folder that holds the object (one statx and
-// one attribute listing, more only for objects that have attributes); the two snapshot objects are
-// reused, and only those of a record are copied; contents are compared in large blocks. Memory is
-// what the collection holds; a caller that empties it at each report keeps memory flat.
+// one attribute listing, more only for objects that have attributes); the snapshot objects are
+// reused, and only those of a record are copied; contents are compared in large blocks. The pairs
+// of the first pass are worked by the calling thread and one helper thread
+// (filesystem/ComparisonBatches.h), their outcomes taken in walk order. The second pass asks the
+// first tree for each name from a listing of the folder (filesystem/FolderMirror.h), not object
+// by object. Memory is what the collection holds and a few batches of pairs; a caller that empties
+// the collection at each report keeps memory flat.
 //
-// A comparator serves one run on one thread; the hooks are called on that thread.
+// A comparator serves one run; the hooks are called on the thread that runs it.
 
 #include <cstdint>
 #include <string>
@@ -124,14 +128,27 @@ class FolderComparator {
   virtual void didCollectDifference(Array& differences);
 
  private:
-  FolderMismatches compare(const KRVFileSystemObjectDescription& first, ObjectAt firstObject,
-                           const KRVFileSystemObjectDescription& second, ObjectAt secondObject,
-                           std::uint64_t mode);
+  // What one thread of the first pass works with; the snapshots and paths are refilled per pair.
+  // With bytes compared, regular files are opened as they are described and read through those
+  // descriptors.
+  struct Worker {
+    ContentComparer contents;
+    KRVFileSystemObjectDescription first;
+    KRVFileSystemObjectDescription second;
+    std::string firstPath;
+    std::string secondPath;
+    UniqueFd firstFile;
+    UniqueFd secondFile;
+  };
+
+  static FolderMismatches compare(ContentComparer& contents,
+                                  const KRVFileSystemObjectDescription& first, ObjectAt firstObject,
+                                  const KRVFileSystemObjectDescription& second,
+                                  ObjectAt secondObject, std::uint64_t mode,
+                                  const Worker* openedFiles = nullptr);
   Error stopped();
 
-  ContentComparer m_contents;
-  KRVFileSystemObjectDescription m_first;
-  KRVFileSystemObjectDescription m_second;
+  Worker m_workers[2];  // the walking thread's and the helper's
 };
 
 }  // namespace krv

@@ -2,10 +2,12 @@
 
 #include <fcntl.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <utility>
 
+#include "filesystem/FolderReader.h"
 #include "filesystem/PathNames.h"
 #include "foundation/System.h"
 #include "platform/FileSystemCalls.h"
@@ -23,7 +25,7 @@ bool isShortage(const Error& error) {
 }  // namespace
 
 FolderMirror::FolderMirror(const std::string& root) : m_prefix(pathPrefixBelow(root)) {
-  Level base{0, UniqueFd(), Reach::Missing};
+  Level base;
   if (checkPath(root)) {
     Result<UniqueFd> fd = sys::open(root, O_PATH | O_DIRECTORY);
     if (fd) {
@@ -44,6 +46,7 @@ void FolderMirror::moveTo(std::string_view folderPath) {
         std::memcmp(m_folderPath.data(), folderPath.data(), end) == 0) {
       break;
     }
+    m_listedBytes -= m_levels.back().names.size();
     m_levels.pop_back();
   }
   m_folderPath.resize(m_levels.back().end);
@@ -60,7 +63,9 @@ void FolderMirror::moveTo(std::string_view folderPath) {
 
 void FolderMirror::enter(std::string_view name, std::size_t end) {
   const Level& parent = m_levels.back();
-  Level level{end, UniqueFd(), parent.reach};
+  Level level;
+  level.end = end;
+  level.reach = parent.reach;
   if (parent.reach == Reach::Open) {
     const std::string terminated(name);
     Result<UniqueFd> fd = sys::openAt(parent.fd.get(), terminated.c_str(), kFolderFlags);
@@ -90,6 +95,59 @@ ObjectAt FolderMirror::objectAt(std::string_view folderPath, std::string_view na
   if (!folderPath.empty()) m_absolutePath += '/';
   m_absolutePath.append(name);
   return {AT_FDCWD, m_absolutePath.c_str()};
+}
+
+void FolderMirror::list(Level& level) {
+  level.listing = Listing::Unlisted;
+  Result<UniqueFd> folder = sys::openAt(level.fd.get(), ".", O_RDONLY | O_DIRECTORY);
+  if (!folder) return;
+  FolderReader reader(std::move(*folder));
+  std::string names;
+  while (std::optional<FolderReader::Entry> entry = reader.next()) {
+    if (m_listedBytes + names.size() + entry->name.size() + 1 > kListingBudget) return;
+    names.append(entry->name).push_back('\0');
+  }
+  if (reader.error()) return;
+  level.names = std::move(names);
+  for (std::size_t at = 0; at < level.names.size(); at = level.names.find('\0', at) + 1) {
+    level.sorted.push_back(static_cast<std::uint32_t>(at));
+  }
+  const char* base = level.names.c_str();
+  std::sort(level.sorted.begin(), level.sorted.end(), [base](std::uint32_t a, std::uint32_t b) {
+    return std::strcmp(base + a, base + b) < 0;
+  });
+  m_listedBytes += level.names.size();
+  level.listing = Listing::Read;
+}
+
+int FolderMirror::folderFd(std::string_view folderPath) {
+  moveTo(folderPath);
+  const Level& level = m_levels.back();
+  switch (level.reach) {
+    case Reach::Open:
+      return level.fd.get();
+    case Reach::Missing:
+      return -1;
+    case Reach::ByPath:
+      break;
+  }
+  return AT_FDCWD;
+}
+
+std::optional<bool> FolderMirror::holds(std::string_view folderPath, std::string_view name) {
+  moveTo(folderPath);
+  Level& level = m_levels.back();
+  if (level.reach == Reach::Missing) return false;
+  if (level.reach == Reach::ByPath) return std::nullopt;
+  if (level.listing == Listing::NotRead) list(level);
+  if (level.listing != Listing::Read) return std::nullopt;
+  // Names hold no NUL, so each reads from its offset up to its terminator.
+  const char* base = level.names.c_str();
+  auto at = std::lower_bound(level.sorted.begin(), level.sorted.end(), name,
+                             [base](std::uint32_t offset, std::string_view wanted) {
+                               return std::string_view(base + offset) < wanted;
+                             });
+  return at != level.sorted.end() && std::string_view(base + *at) == name;
 }
 
 }  // namespace krv

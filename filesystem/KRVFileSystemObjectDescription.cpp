@@ -227,7 +227,9 @@ void KRVFileSystemObjectDescription::describeMissingObject(std::string_view path
   m_accessTime = m_modificationTime = m_statusChangeTime = m_creationTime = Timestamp{};
 }
 
-void KRVFileSystemObjectDescription::describeObject(ObjectAt object, std::string_view path) {
+void KRVFileSystemObjectDescription::describeObject(ObjectAt object, std::string_view path,
+                                                    UniqueFd* openedFile) {
+  if (openedFile != nullptr) openedFile->reset();
   Result<struct statx> status =
       sys::statxAt(object.folderFd, object.name, AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT);
   if (!status) {
@@ -248,6 +250,11 @@ void KRVFileSystemObjectDescription::describeObject(ObjectAt object, std::string
   // The flags record, if the object has one, is among its attributes.
   m_flags = composeFileFlags(status->stx_attributes, std::nullopt);
   m_list.reset();
+  if (openedFile != nullptr && S_ISREG(m_mode)) {
+    // The file's own descriptor reaches its attributes without looking its name up again.
+    *openedFile = openForComparison(object);
+    if (*openedFile) object = {openedFile->get(), ""};
+  }
   readExtendedAttributes(object, status->stx_attributes);
 }
 
@@ -581,6 +588,16 @@ const ClassRegistry& KRVFileSystemObjectDescription::comparisonClasses() {
     return classes;
   }();
   return registry;
+}
+
+std::size_t KRVFileSystemObjectDescription::memoryFootprint() const {
+  std::size_t bytes = sizeof *this + m_path.capacity() +
+                      m_attributes.capacity() * sizeof(ExtendedAttributeDescription);
+  for (const ExtendedAttributeDescription& attribute : m_attributes) {
+    bytes += attribute.name.capacity();
+  }
+  if (m_list) bytes += m_list->count() * sizeof(ExtendedAclEntry);
+  return bytes;
 }
 
 bool KRVFileSystemObjectDescription::operator==(const KRVFileSystemObjectDescription& other) const {

@@ -66,6 +66,7 @@
 #include "foundation/Coding.h"
 #include "foundation/Md5.h"
 #include "foundation/Result.h"
+#include "foundation/UniqueFd.h"
 #include "foundation/Value.h"
 
 namespace krv {
@@ -106,8 +107,11 @@ class KRVFileSystemObjectDescription final : public Archivable {
       const std::string& path);
 
   // Refills this snapshot with the object `object`, calling it `path`. The memory already held is
-  // reused, which keeps walks free of allocations.
-  void describeObject(ObjectAt object, std::string_view path);
+  // reused, which keeps walks free of allocations. With `openedFile`, a regular file is opened for
+  // a comparison of its bytes (filesystem/ContentComparer.h), its attributes are read through that
+  // descriptor, and the descriptor is handed over (invalid when it could not be opened, and for
+  // any other object).
+  void describeObject(ObjectAt object, std::string_view path, UniqueFd* openedFile = nullptr);
   // Makes this the invalid snapshot of `path`.
   void describeMissingObject(std::string_view path);
 
@@ -177,6 +181,8 @@ class KRVFileSystemObjectDescription final : public Archivable {
   static const ClassRegistry& comparisonClasses();
 
   bool operator==(const KRVFileSystemObjectDescription& other) const;
+  // About the bytes of memory the snapshot holds.
+  std::size_t memoryFootprint() const;
 
  private:
   void readExtendedAttributes(ObjectAt object, std::uint64_t kernelAttributes);

@@ -225,6 +225,11 @@ Result<std::vector<std::string>> listExtendedAttributes(const char* path, LinkHa
 
 Result<std::size_t> listExtendedAttributesAt(int directoryFd, const char* path, LinkHandling links,
                                              std::span<char> buffer) {
+  if (path[0] == '\0') {
+    const ssize_t length = ::flistxattr(directoryFd, buffer.data(), buffer.size());
+    if (length < 0) return Error::fromErrno("flistxattr");
+    return static_cast<std::size_t>(length);
+  }
   const bool follow = links == LinkHandling::Follow;
   return xattrCall(
       "listxattrat",
@@ -241,6 +246,11 @@ Result<std::size_t> listExtendedAttributesAt(int directoryFd, const char* path, 
 
 Result<std::size_t> getExtendedAttributeAt(int directoryFd, const char* path, const char* name,
                                            LinkHandling links, std::span<std::uint8_t> buffer) {
+  if (path[0] == '\0') {
+    const ssize_t length = ::fgetxattr(directoryFd, name, buffer.data(), buffer.size());
+    if (length < 0) return Error::fromErrno("fgetxattr");
+    return static_cast<std::size_t>(length);
+  }
   const bool follow = links == LinkHandling::Follow;
   return xattrCall(
       "getxattrat",

@@ -80,7 +80,8 @@ Result<std::vector<std::string>> listExtendedAttributes(const char* path, LinkHa
 // folder's /proc/self/fd path. The kernel's answer is passed on as it is: the length, ERANGE for a
 // buffer that is too small, ENODATA for a missing attribute, EOPNOTSUPP where the file system keeps
 // none. An empty buffer asks for the length. The kernel prepares room for the whole buffer, so
-// callers start small and grow on ERANGE.
+// callers start small and grow on ERANGE. An empty path means the object open at directoryFd (an
+// ordinary descriptor, not O_PATH), whose attributes are read through it.
 Result<std::size_t> listExtendedAttributesAt(int directoryFd, const char* path, LinkHandling links,
                                              std::span<char> buffer);
 Result<std::size_t> getExtendedAttributeAt(int directoryFd, const char* path, const char* name,

@@ -1,0 +1,116 @@
+#pragma once
+// ComparisonBatches: shares the first pass of a folder comparison - the two snapshots of each pair
+// of objects and the questions asked of them - between the walking thread and one helper thread,
+// and hands the outcomes back on the walking thread in walk order, so that the comparator's hooks
+// see exactly what a walk on one thread would show them.
+//
+// The walking thread adds the pairs it meets, each as a name in an open folder of the first tree
+// and the matching folder of the second (see filesystem/FolderMirror.h). The names of one folder
+// are gathered into batches of at most kBatchObjects, which carry descriptors of both folders of
+// their own (the walk closes its descriptors when it leaves a folder). The helper works the oldest
+// waiting batch; when kMaximumBatches are under way the walking thread works one itself. Outcomes
+// are delivered one pair at a time, strictly in the order the pairs were added; a delivery that
+// answers false ends the pass: nothing more is delivered, and what was worked ahead is dropped
+// (working changes nothing, so working ahead is harmless).
+//
+// Memory: a pair whose objects differ keeps copies of both snapshots until it is delivered. A
+// batch stops keeping them once they take kBatchRecordBytes; the rest of the batch is worked when
+// it is delivered, on the walking thread. So memory is bounded by kMaximumBatches batches,
+// however many attributes the objects carry. When no thread can be started, or no descriptor can
+// be had for a batch, the walking thread works each pair as it is added.
+//
+// Threads: add() and finish() belong to the walking thread; the work function runs on either
+// thread with the worker number of the thread (0 the walking thread, 1 the helper), the delivery
+// function on the walking thread only.
+
+#include <condition_variable>
+#include <cstddef>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+#include "filesystem/FolderComparator.h"
+#include "foundation/UniqueFd.h"
+
+namespace krv {
+
+struct PairOutcome {
+  FolderMismatches mismatches = 0;
+  // Copies of the snapshots when the objects differ.
+  std::shared_ptr<const KRVFileSystemObjectDescription> first;
+  std::shared_ptr<const KRVFileSystemObjectDescription> second;
+};
+
+class ComparisonBatches {
+ public:
+  static constexpr std::size_t kBatchObjects = 64;
+  static constexpr std::size_t kMaximumBatches = 4;
+  static constexpr std::size_t kBatchRecordBytes = 1024 * 1024;
+
+  // Where a batch's pairs are: the folders (secondFolderFd -1 when that folder is not there,
+  // AT_FDCWD when its objects are reached by path), the folder's path relative to the roots, the
+  // names.
+  struct Batch {
+    int firstFolderFd = -1;
+    int secondFolderFd = -1;
+    UniqueFd ownedFirstFolder;  // the batch's own descriptors of the folders
+    UniqueFd ownedSecondFolder;
+    std::string folder;
+    std::vector<std::string> names;
+    std::vector<PairOutcome> outcomes;  // of the first names; the work stops early for memory
+  };
+  using Work = std::function<PairOutcome(int worker, const Batch& batch, std::size_t index)>;
+  using Deliver = std::function<bool(PairOutcome outcome)>;
+
+  ComparisonBatches(Work work, Deliver deliver);
+  // Stops the helper; pairs not yet delivered are dropped.
+  ~ComparisonBatches();
+  ComparisonBatches(const ComparisonBatches&) = delete;
+  ComparisonBatches& operator=(const ComparisonBatches&) = delete;
+
+  // The pair `name` of the folder open at firstFolderFd (the first tree) and at secondFolderFd (the
+  // second: -1 when the folder is not there, AT_FDCWD when its objects are reached by path), whose
+  // relative path is `folder`.
+  void add(int firstFolderFd, int secondFolderFd, std::string_view folder, std::string_view name);
+  // Works and delivers everything added so far.
+  void finish();
+  // Whether a delivery ended the pass.
+  bool stopped() const { return m_stopped; }
+
+ private:
+  enum class State : unsigned char { Waiting, Taken, Done };
+  struct Slot {
+    Batch batch;
+    State state = State::Waiting;
+  };
+
+  void close();
+  void push(std::unique_ptr<Slot> slot);
+  void workBatch(int worker, Batch& batch);
+  bool workOne(std::unique_lock<std::mutex>& lock, int worker);
+  void deliverFinished(std::unique_lock<std::mutex>& lock);
+  void deliverBatch(Batch& batch);
+  bool anyWaiting() const;
+  void helperLoop();
+  void stopHelper();
+
+  Work m_work;
+  Deliver m_deliver;
+  Batch m_current;
+  bool m_collecting = false;
+  bool m_stopped = false;
+
+  std::mutex m_mutex;
+  std::condition_variable m_helperWake;
+  std::condition_variable m_batchDone;
+  std::deque<std::unique_ptr<Slot>> m_slots;  // in the order added; guarded by m_mutex
+  bool m_stopping = false;                    // guarded by m_mutex
+  std::thread m_helper;
+};
+
+}  // namespace krv
