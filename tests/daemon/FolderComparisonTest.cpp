@@ -124,6 +124,20 @@ TEST_F(FolderComparisonTest, ClientShowsSavesAndReadsBackTheDifferences) {
   ASSERT_EQ(shown.exitCode, 0) << shown.standardError;
   EXPECT_EQ(shown.standardOutput, run.standardOutput);
 
+  // Another program reads the saved comparison with a stock CBOR library.
+  ProgramRun python = runProgram(
+      "/usr/bin/python3",
+      {"-c",
+       "import cbor2, sys\n"
+       "saved = cbor2.load(open(sys.argv[1], 'rb'))\n"
+       "print(len(saved['MismatchList']), saved['CompareMode'], saved['Result'].value[1])\n"
+       "print(sorted(sorted(r['Mismatches']) for r in saved['MismatchList']))\n",
+       "/tmp/comparison"});
+  EXPECT_EQ(python.standardOutput,
+            "4 2 {'NSDomain': 'com.tavorin.privilegedCommand', 'NSCode': 0, 'NSUserInfo': {}}\n"
+            "[[3], [7], [8], [8]]\n")
+      << python.standardError;
+
   ProgramRun json = runClient({"--json", "--show", "/tmp/comparison"});
   ASSERT_EQ(json.exitCode, 0) << json.standardError;
   EXPECT_NE(json.standardOutput.find("{\"MismatchList\":[{\"Mismatches\":["), std::string::npos);
