@@ -6,6 +6,8 @@
 //   mode 3 (bytes compared too)           against  diff -rq SRC DST
 //
 // with the daemon's peak resident memory for each tree size. All four must find no difference.
+// The processor time each used (all its threads or processes) is shown too: the wall-time ratios
+// depend on whether the machine's other cores are free, the processor-time ratios do not.
 //
 //   CompareFoldersBench [--million] [ROUNDS [BINARY_DIR]]   (defaults: 5 rounds, the build dir)
 //
@@ -20,6 +22,7 @@
 
 #include <fcntl.h>
 #include <spawn.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <sys/xattr.h>
@@ -31,7 +34,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <iterator>
 #include <random>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -102,6 +107,7 @@ bool makeTree(const std::string& base, long objects) {
 // Runs a command line; answers its wall time, its exit status and the number of lines it wrote.
 struct ToolRun {
   double seconds = -1;
+  double processorSeconds = 0;
   int status = -1;
   long lines = 0;
 };
@@ -117,8 +123,11 @@ ToolRun runTool(const std::string& commandLine) {
     return run;
   }
   int status = 0;
-  ::waitpid(pid, &status, 0);
+  struct rusage usage {};
+  ::wait4(pid, &status, 0, &usage);
   run.seconds = std::chrono::duration<double>(Clock::now() - start).count();
+  run.processorSeconds = static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+                         static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
   run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   std::ifstream in(output);
   for (std::string line; std::getline(in, line);) ++run.lines;
@@ -127,12 +136,27 @@ ToolRun runTool(const std::string& commandLine) {
 
 struct DaemonRun {
   double seconds = -1;
+  double processorSeconds = 0;
   Error result{"", -1};
   std::size_t records = 0;
 };
 
+// The processor time a process has used so far, all its threads together.
+double processorSecondsOf(pid_t pid) {
+  std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+  std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
+  // The fields after the command name (which may hold spaces) start after its ")".
+  std::istringstream fields(text.substr(text.rfind(')') + 2));
+  std::string field;
+  double ticks = 0;
+  for (int index = 3; fields >> field && index <= 15; ++index) {
+    if (index >= 14) ticks += std::atof(field.c_str());  // utime, stime
+  }
+  return ticks / static_cast<double>(::sysconf(_SC_CLK_TCK));
+}
+
 DaemonRun compareWithDaemon(const std::string& source, const std::string& copy, long objects,
-                            std::uint64_t mode) {
+                            std::uint64_t mode, pid_t daemon) {
   std::optional<KRVSecurityAgent> agent =
       KRVSecurityAgent::init("/run/com.tavorin.system.securityagent3.socket");
   DaemonRun run;
@@ -146,9 +170,11 @@ DaemonRun compareWithDaemon(const std::string& source, const std::string& copy, 
   auto command = KRVPrivilegedCommand::privilegedCommandWithCode(
       52, {Value(source), Value(copy), Value("/tmp/krv-bench-no-marker"), Value::integer(objects),
            Value::integer(static_cast<std::int64_t>(mode))});
+  const double processorBefore = processorSecondsOf(daemon);
   const auto start = Clock::now();
   run.result = agent->executeAtomicPrivilegedCommand(*command, false);
   run.seconds = std::chrono::duration<double>(Clock::now() - start).count();
+  run.processorSeconds = processorSecondsOf(daemon) - processorBefore;
   return run;
 }
 
@@ -192,22 +218,27 @@ bool measure(long objects, int rounds, pid_t daemon) {
   // Warm the cache, and check once what rsync would change (the timed form prints nothing).
   const ToolRun itemized = runTool("rsync -ani --delete '" + source + "/' '" + copy + "/'");
   runTool(diff);
-  compareWithDaemon(source, copy, objects, 3);
+  compareWithDaemon(source, copy, objects, 3, daemon);
   // The peak from here on is this size's.
   std::ofstream(("/proc/" + std::to_string(daemon) + "/clear_refs").c_str()) << "5";
 
   std::vector<double> rsyncTimes, statusTimes, diffTimes, bytesTimes;
+  std::vector<double> rsyncCpu, statusCpu, diffCpu, bytesCpu;
   ToolRun rsyncRun, diffRun;
   DaemonRun statusRun, bytesRun;
   for (int round = 0; round < rounds; ++round) {
     rsyncRun = runTool(rsync);
     rsyncTimes.push_back(rsyncRun.seconds);
-    statusRun = compareWithDaemon(source, copy, objects, 2);
+    rsyncCpu.push_back(rsyncRun.processorSeconds);
+    statusRun = compareWithDaemon(source, copy, objects, 2, daemon);
     statusTimes.push_back(statusRun.seconds);
+    statusCpu.push_back(statusRun.processorSeconds);
     diffRun = runTool(diff);
     diffTimes.push_back(diffRun.seconds);
-    bytesRun = compareWithDaemon(source, copy, objects, 3);
+    diffCpu.push_back(diffRun.processorSeconds);
+    bytesRun = compareWithDaemon(source, copy, objects, 3, daemon);
     bytesTimes.push_back(bytesRun.seconds);
+    bytesCpu.push_back(bytesRun.processorSeconds);
   }
   const long peak = bench::statusKiB(daemon, "VmHWM:");
 
@@ -222,6 +253,11 @@ bool measure(long objects, int rounds, pid_t daemon) {
       "  [%zu records, diff: %ld lines, status %d]\n",
       median(bytesTimes) * 1e3, median(diffTimes) * 1e3, median(bytesTimes) / median(diffTimes),
       bytesRun.records, diffRun.lines, diffRun.status);
+  std::printf(
+      "  processor time: mode 2 %.0f ms, rsync %.0f ms (%.2f); mode 3 %.0f ms, diff %.0f ms"
+      " (%.2f)\n",
+      median(statusCpu) * 1e3, median(rsyncCpu) * 1e3, median(statusCpu) / median(rsyncCpu),
+      median(bytesCpu) * 1e3, median(diffCpu) * 1e3, median(bytesCpu) / median(diffCpu));
   std::printf("  daemon peak resident memory %ld KiB (goal: under 16384 KiB, flat)\n", peak);
 
   const bool same = statusRun.result.code() == 0 && bytesRun.result.code() == 0 &&

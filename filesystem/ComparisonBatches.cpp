@@ -1,5 +1,6 @@
 #include "filesystem/ComparisonBatches.h"
 
+#include <algorithm>
 #include <system_error>
 #include <utility>
 
@@ -10,7 +11,6 @@ namespace krv {
 namespace {
 
 constexpr int kWalkingThread = 0;
-constexpr int kHelperThread = 1;
 
 std::size_t footprint(const PairOutcome& outcome) {
   std::size_t bytes = sizeof outcome;
@@ -23,14 +23,18 @@ std::size_t footprint(const PairOutcome& outcome) {
 
 ComparisonBatches::ComparisonBatches(Work work, Deliver deliver)
     : m_work(std::move(work)), m_deliver(std::move(deliver)) {
+  const int processors = static_cast<int>(std::thread::hardware_concurrency());
+  const int helpers = std::clamp(processors - 1, 1, kMaximumHelpers);
   try {
-    m_helper = std::thread([this] { helperLoop(); });
+    for (int worker = 1; worker <= helpers; ++worker) {
+      m_helpers.emplace_back([this, worker] { helperLoop(worker); });
+    }
   } catch (const std::system_error&) {
-    // No thread to be had: the walking thread works every batch itself.
+    // Fewer threads to be had: those that started (or the walking thread alone) do the work.
   }
 }
 
-ComparisonBatches::~ComparisonBatches() { stopHelper(); }
+ComparisonBatches::~ComparisonBatches() { stopHelpers(); }
 
 void ComparisonBatches::add(int firstFolderFd, int secondFolderFd, std::string_view folder,
                             std::string_view name) {
@@ -127,7 +131,12 @@ bool ComparisonBatches::workOne(std::unique_lock<std::mutex>& lock, int worker) 
     Slot* taken = slot.get();  // the slot stays in the list (and in place) until it is delivered
     taken->state = State::Taken;
     lock.unlock();
-    workBatch(worker, taken->batch);
+    try {
+      workBatch(worker, taken->batch);
+    } catch (...) {
+      // A batch left half worked (no memory for a copy, say) is finished on the walking thread
+      // when it is delivered, where a failure reaches the command's own handling.
+    }
     lock.lock();
     taken->state = State::Done;
     m_batchDone.notify_all();
@@ -164,23 +173,23 @@ bool ComparisonBatches::anyWaiting() const {
   return false;
 }
 
-void ComparisonBatches::helperLoop() {
+void ComparisonBatches::helperLoop(int worker) {
   std::unique_lock<std::mutex> lock(m_mutex);
   for (;;) {
     m_helperWake.wait(lock, [this] { return m_stopping || anyWaiting(); });
     if (m_stopping) return;
-    workOne(lock, kHelperThread);
+    workOne(lock, worker);
   }
 }
 
-void ComparisonBatches::stopHelper() {
-  if (!m_helper.joinable()) return;
+void ComparisonBatches::stopHelpers() {
+  if (m_helpers.empty()) return;
   {
     std::lock_guard<std::mutex> lock(m_mutex);
     m_stopping = true;
   }
-  m_helperWake.notify_one();
-  m_helper.join();
+  m_helperWake.notify_all();
+  for (std::thread& helper : m_helpers) helper.join();
 }
 
 }  // namespace krv

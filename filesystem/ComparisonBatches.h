@@ -7,10 +7,11 @@
 // The walking thread adds the pairs it meets, each as a name in an open folder of the first tree
 // and the matching folder of the second (see filesystem/FolderMirror.h). The names of one folder
 // are gathered into batches of at most kBatchObjects, which carry descriptors of both folders of
-// their own (the walk closes its descriptors when it leaves a folder). The helper works the oldest
-// waiting batch; when kMaximumBatches are under way the walking thread works one itself. Outcomes
-// are delivered one pair at a time, strictly in the order the pairs were added; a delivery that
-// answers false ends the pass: nothing more is delivered, and what was worked ahead is dropped
+// their own (the walk closes its descriptors when it leaves a folder). Helper threads - one for
+// each processor beyond the first, at least one and at most kMaximumHelpers - work the oldest
+// waiting batches; when too many batches are under way the walking thread works one itself.
+// Outcomes are delivered one pair at a time, strictly in the order the pairs were added; a delivery
+// that answers false ends the pass: nothing more is delivered, and what was worked ahead is dropped
 // (working changes nothing, so working ahead is harmless).
 //
 // Memory: a pair whose objects differ keeps copies of both snapshots until it is delivered. A
@@ -19,9 +20,9 @@
 // however many attributes the objects carry. When no thread can be started, or no descriptor can
 // be had for a batch, the walking thread works each pair as it is added.
 //
-// Threads: add() and finish() belong to the walking thread; the work function runs on either
-// thread with the worker number of the thread (0 the walking thread, 1 the helper), the delivery
-// function on the walking thread only.
+// Threads: add() and finish() belong to the walking thread; the work function runs on any of the
+// threads with the worker number of the thread (0 the walking thread, 1 .. kMaximumHelpers the
+// helpers), the delivery function on the walking thread only.
 
 #include <condition_variable>
 #include <cstddef>
@@ -49,7 +50,9 @@ struct PairOutcome {
 class ComparisonBatches {
  public:
   static constexpr std::size_t kBatchObjects = 64;
-  static constexpr std::size_t kMaximumBatches = 4;
+  static constexpr int kMaximumHelpers = 3;
+  // Batches under way: two for each thread.
+  static constexpr std::size_t kMaximumBatches = 2 * (kMaximumHelpers + 1);
   static constexpr std::size_t kBatchRecordBytes = 1024 * 1024;
 
   // Where a batch's pairs are: the folders (secondFolderFd -1 when that folder is not there,
@@ -68,7 +71,7 @@ class ComparisonBatches {
   using Deliver = std::function<bool(PairOutcome outcome)>;
 
   ComparisonBatches(Work work, Deliver deliver);
-  // Stops the helper; pairs not yet delivered are dropped.
+  // Stops the helpers; pairs not yet delivered are dropped.
   ~ComparisonBatches();
   ComparisonBatches(const ComparisonBatches&) = delete;
   ComparisonBatches& operator=(const ComparisonBatches&) = delete;
@@ -96,8 +99,8 @@ class ComparisonBatches {
   void deliverFinished(std::unique_lock<std::mutex>& lock);
   void deliverBatch(Batch& batch);
   bool anyWaiting() const;
-  void helperLoop();
-  void stopHelper();
+  void helperLoop(int worker);
+  void stopHelpers();
 
   Work m_work;
   Deliver m_deliver;
@@ -110,7 +113,7 @@ class ComparisonBatches {
   std::condition_variable m_batchDone;
   std::deque<std::unique_ptr<Slot>> m_slots;  // in the order added; guarded by m_mutex
   bool m_stopping = false;                    // guarded by m_mutex
-  std::thread m_helper;
+  std::vector<std::thread> m_helpers;
 };
 
 }  // namespace krv

@@ -181,7 +181,8 @@ Error FolderComparator::runComparison(const std::string& firstRoot, const std::s
   const std::string firstPrefix = pathPrefixBelow(firstRoot);
   const std::string secondPrefix = pathPrefixBelow(secondRoot);
 
-  // First pass: every object of the first tree against its counterpart, worked on two threads.
+  // First pass: every object of the first tree against its counterpart, worked on several threads.
+  static_assert(kWorkers == ComparisonBatches::kMaximumHelpers + 1);
   auto comparePair = [&](int worker, const ComparisonBatches::Batch& batch, std::size_t index) {
     Worker& work = m_workers[worker];
     const std::string& name = batch.names[index];

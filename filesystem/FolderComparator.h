@@ -148,7 +148,9 @@ class FolderComparator {
                                   const Worker* openedFiles = nullptr);
   Error stopped();
 
-  Worker m_workers[2];  // the walking thread's and the helper's
+  // The walking thread's first, then the helpers' (filesystem/ComparisonBatches.h).
+  static constexpr int kWorkers = 4;
+  Worker m_workers[kWorkers];
 };
 
 }  // namespace krv
