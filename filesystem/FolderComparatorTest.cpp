@@ -12,6 +12,8 @@
 #include <string>
 #include <vector>
 
+#include "foundation/Archiver.h"
+#include "foundation/CborWriter.h"
 #include "platform/AccessControlListStorage.h"
 #include "platform/FileFlags.h"
 #include "platform/TestFileTree.h"
@@ -230,6 +232,52 @@ TEST_F(FolderComparatorTest, HooksStopTheWalkWithTheirOwnResults) {
         << first;
     EXPECT_TRUE(refused.progress.empty());
   }
+}
+
+// A file's snapshot as an archive would bring it, with a status change time and flags.
+std::shared_ptr<const KRVFileSystemObjectDescription> snapshot(std::int64_t changed,
+                                                               std::int64_t flags) {
+  Data bytes;
+  {
+    CborWriter writer(bytes);
+    writer.writeTag(kCborObjectTag);
+    writer.writeArrayHeader(18);
+    writer.writeText(KRVFileSystemObjectDescription::kClassName);
+    writer.writeText("/a/file");
+    for (std::int64_t item : std::initializer_list<std::int64_t>{0, 0100644, 0, 0, 0, 0, 0, 0,
+                                                                 changed, 0, 0, 0, 0, flags}) {
+      writer.writeNumber(Number::integer(item));
+    }
+    writer.writeMapHeader(0);
+    writer.writeBytes({});
+  }
+  Result<Value> decoded =
+      unarchiveSequential(bytes, KRVFileSystemObjectDescription::comparisonClasses());
+  EXPECT_TRUE(decoded) << decoded.error().description();
+  return std::dynamic_pointer_cast<const KRVFileSystemObjectDescription>(*decoded->asObject());
+}
+
+TEST(FolderMismatchTest, CodesComeInTheirOrderAndTheModeLeavesThemOut) {
+  FolderComparator comparator;
+  auto plain = snapshot(1, 0);
+  auto compressed = snapshot(2, 0x20);
+  EXPECT_EQ(
+      comparator.mismatchesBetween(plain.get(), compressed.get(), 0),
+      mismatchBit(FolderMismatch::Compression) | mismatchBit(FolderMismatch::StatusChangeTime));
+  EXPECT_EQ(mismatchCodes(comparator.mismatchesBetween(plain.get(), compressed.get(), 0)),
+            (Set{{Value::integer(0), Value::integer(1)}}));
+  EXPECT_EQ(comparator.mismatchesBetween(plain.get(), compressed.get(),
+                                         kFolderCompareModeIgnoreCompression),
+            mismatchBit(FolderMismatch::StatusChangeTime));
+  EXPECT_EQ(comparator.mismatchesBetween(
+                plain.get(), compressed.get(),
+                kFolderCompareModeIgnoreCompression | kFolderCompareModeIgnoreStatusChangeTime),
+            0);
+  EXPECT_EQ(comparator.mismatchesBetween(plain.get(), nullptr, 0),
+            mismatchBit(FolderMismatch::MissingInSecond));
+  EXPECT_EQ(comparator.mismatchesBetween(nullptr, plain.get(), 0),
+            mismatchBit(FolderMismatch::MissingInFirst));
+  EXPECT_EQ(comparator.mismatchesBetween(nullptr, nullptr, 0), 0);
 }
 
 }  // namespace
