@@ -39,32 +39,23 @@ ComparisonBatches::~ComparisonBatches() { stopHelpers(); }
 void ComparisonBatches::add(int firstFolderFd, int secondFolderFd, std::string_view folder,
                             std::string_view name) {
   if (m_stopped) return;
-  if (m_collecting && folder != m_current.folder) {
-    close();
-  }
+  if (m_collecting && folder != m_current.folder) close();
   if (m_stopped) return;
   if (!m_collecting) {
     Result<UniqueFd> first = sys::duplicate(firstFolderFd);
     Result<UniqueFd> second =
         secondFolderFd >= 0 ? sys::duplicate(secondFolderFd) : Result<UniqueFd>(UniqueFd());
     if (!first || !second) {
-      // Out of descriptors: this pair is worked at once, on the walk's own descriptors.
+      // Out of descriptors: this pair is worked at once, on the walk's own descriptors, after
+      // everything added before it.
+      while (!m_slots.empty() && !m_stopped) deliverOldest();
+      if (m_stopped) return;
       Batch batch;
       batch.firstFolderFd = firstFolderFd;
       batch.secondFolderFd = secondFolderFd;
       batch.folder.assign(folder);
       batch.names.emplace_back(name);
-      PairOutcome outcome = m_work(kWalkingThread, batch, 0);
-      // Earlier batches first, to keep the order.
-      std::unique_lock<std::mutex> lock(m_mutex);
-      while (!m_slots.empty() && !m_stopped) {
-        if (!workOne(lock, kWalkingThread)) {
-          m_batchDone.wait(lock, [this] { return m_slots.front()->state == State::Done; });
-        }
-        deliverFinished(lock);
-      }
-      lock.unlock();
-      if (!m_stopped && !m_deliver(std::move(outcome))) m_stopped = true;
+      if (!m_deliver(m_work(kWalkingThread, batch, 0))) m_stopped = true;
       return;
     }
     m_current.ownedFirstFolder = std::move(*first);
@@ -82,103 +73,91 @@ void ComparisonBatches::add(int firstFolderFd, int secondFolderFd, std::string_v
 
 void ComparisonBatches::finish() {
   close();
-  std::unique_lock<std::mutex> lock(m_mutex);
-  while (!m_slots.empty() && !m_stopped) {
-    if (!workOne(lock, kWalkingThread)) {
-      m_batchDone.wait(lock, [this] { return m_slots.front()->state == State::Done; });
-    }
-    deliverFinished(lock);
-  }
+  while (!m_slots.empty() && !m_stopped) deliverOldest();
 }
 
 void ComparisonBatches::close() {
   if (!m_collecting) return;
   m_collecting = false;
-  auto slot = std::make_unique<Slot>();
+  auto slot = std::make_shared<Slot>();
   slot->batch = std::exchange(m_current, Batch{});
+  slot->states.assign(slot->batch.names.size(), PairState::Open);
+  slot->outcomes.resize(slot->batch.names.size());
   push(std::move(slot));
 }
 
-// Adds a batch; keeps the number of batches bounded by working (or waiting for) the oldest ones,
-// and delivers what is finished.
-void ComparisonBatches::push(std::unique_ptr<Slot> slot) {
-  std::unique_lock<std::mutex> lock(m_mutex);
-  m_slots.push_back(std::move(slot));
+void ComparisonBatches::push(std::shared_ptr<Slot> slot) {
+  {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_slots.push_back(std::move(slot));
+  }
   m_helperWake.notify_one();
-  while (m_slots.size() > kMaximumBatches && !m_stopped) {
-    if (!workOne(lock, kWalkingThread)) {
-      m_batchDone.wait(lock, [this] { return m_slots.front()->state == State::Done; });
+  while (m_slots.size() > kMaximumBatches && !m_stopped) deliverOldest();
+}
+
+void ComparisonBatches::deliverOldest() {
+  std::shared_ptr<Slot> slot;
+  {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    slot = std::move(m_slots.front());
+    m_slots.pop_front();
+  }
+  for (std::size_t index = 0; index < slot->batch.names.size() && !m_stopped; ++index) {
+    PairOutcome outcome;
+    bool done = false;
+    {
+      std::lock_guard<std::mutex> lock(m_mutex);
+      if (slot->states[index] == PairState::Done) {
+        outcome = std::move(slot->outcomes[index]);
+        done = true;
+      } else {
+        // Not finished by a helper (perhaps one without a processor just now): worked here, and
+        // whatever the helper comes back with is dropped.
+        slot->states[index] = PairState::Dropped;
+        slot->nextOpen = std::max(slot->nextOpen, index + 1);
+      }
     }
-    deliverFinished(lock);
-  }
-  deliverFinished(lock);
-}
-
-// The outcomes of the batch's first names, as far as the copies they keep stay within bounds.
-void ComparisonBatches::workBatch(int worker, Batch& batch) {
-  std::size_t kept = 0;
-  for (std::size_t index = batch.outcomes.size(); index < batch.names.size(); ++index) {
-    if (kept > kBatchRecordBytes) return;
-    batch.outcomes.push_back(m_work(worker, batch, index));
-    kept += footprint(batch.outcomes.back());
-  }
-}
-
-// Works the oldest waiting batch with the lock released; false when none is waiting.
-bool ComparisonBatches::workOne(std::unique_lock<std::mutex>& lock, int worker) {
-  for (const std::unique_ptr<Slot>& slot : m_slots) {
-    if (slot->state != State::Waiting) continue;
-    Slot* taken = slot.get();  // the slot stays in the list (and in place) until it is delivered
-    taken->state = State::Taken;
-    lock.unlock();
-    try {
-      workBatch(worker, taken->batch);
-    } catch (...) {
-      // A batch left half worked (no memory for a copy, say) is finished on the walking thread
-      // when it is delivered, where a failure reaches the command's own handling.
-    }
-    lock.lock();
-    taken->state = State::Done;
-    m_batchDone.notify_all();
-    return true;
-  }
-  return false;
-}
-
-void ComparisonBatches::deliverBatch(Batch& batch) {
-  for (std::size_t index = 0; index < batch.names.size() && !m_stopped; ++index) {
-    // What the worker left for memory's sake is worked now, one pair at a time.
-    PairOutcome outcome = index < batch.outcomes.size() ? std::move(batch.outcomes[index])
-                                                        : m_work(kWalkingThread, batch, index);
+    if (!done) outcome = m_work(kWalkingThread, slot->batch, index);
     if (!m_deliver(std::move(outcome))) m_stopped = true;
   }
 }
 
-// Delivers the finished batches at the front, in order, with the lock released.
-void ComparisonBatches::deliverFinished(std::unique_lock<std::mutex>& lock) {
-  while (!m_slots.empty() && m_slots.front()->state == State::Done && !m_stopped) {
-    std::unique_ptr<Slot> slot = std::move(m_slots.front());
-    m_slots.pop_front();
-    lock.unlock();
-    deliverBatch(slot->batch);
-    slot.reset();
-    lock.lock();
+std::shared_ptr<ComparisonBatches::Slot> ComparisonBatches::slotForHelper() const {
+  for (auto slot = m_slots.rbegin(); slot != m_slots.rend(); ++slot) {
+    if ((*slot)->nextOpen < (*slot)->batch.names.size() &&
+        (*slot)->keptBytes <= kBatchRecordBytes) {
+      return *slot;
+    }
   }
-}
-
-bool ComparisonBatches::anyWaiting() const {
-  for (const std::unique_ptr<Slot>& slot : m_slots) {
-    if (slot->state == State::Waiting) return true;
-  }
-  return false;
+  return nullptr;
 }
 
 void ComparisonBatches::helperLoop(int worker) {
   std::unique_lock<std::mutex> lock(m_mutex);
   for (;;) {
-    m_helperWake.wait(lock, [this] { return m_stopping || anyWaiting(); });
+    std::shared_ptr<Slot> slot;
+    m_helperWake.wait(lock, [&] { return m_stopping || (slot = slotForHelper()) != nullptr; });
     if (m_stopping) return;
-    workOne(lock, worker);
+    const std::size_t index = slot->nextOpen++;
+    slot->states[index] = PairState::Working;
+    lock.unlock();
+    PairOutcome outcome;
+    bool worked = true;
+    try {
+      outcome = m_work(worker, slot->batch, index);
+    } catch (...) {
+      // No memory for a copy, say: the walking thread works the pair again when it gets there,
+      // where a failure reaches the command's own handling.
+      worked = false;
+    }
+    lock.lock();
+    if (slot->states[index] == PairState::Working) {
+      if (worked) {
+        slot->keptBytes += footprint(outcome);
+        slot->outcomes[index] = std::move(outcome);
+      }
+      slot->states[index] = worked ? PairState::Done : PairState::Open;
+    }
   }
 }
 

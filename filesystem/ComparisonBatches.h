@@ -7,18 +7,24 @@
 // The walking thread adds the pairs it meets, each as a name in an open folder of the first tree
 // and the matching folder of the second (see filesystem/FolderMirror.h). The names of one folder
 // are gathered into batches of at most kBatchObjects, which carry descriptors of both folders of
-// their own (the walk closes its descriptors when it leaves a folder). Helper threads - one for
-// each processor beyond the first, at least one and at most kMaximumHelpers - work the oldest
-// waiting batches; when too many batches are under way the walking thread works one itself.
-// Outcomes are delivered one pair at a time, strictly in the order the pairs were added; a delivery
-// that answers false ends the pass: nothing more is delivered, and what was worked ahead is dropped
-// (working changes nothing, so working ahead is harmless).
+// their own (the walk closes its descriptors when it leaves a folder). At most kMaximumBatches are
+// under way; beyond that the walking thread delivers the oldest. Outcomes are delivered one pair
+// at a time, strictly in the order the pairs were added; a delivery that answers false ends the
+// pass: nothing more is delivered, and what was worked ahead is dropped (working changes nothing,
+// so working ahead is harmless).
 //
-// Memory: a pair whose objects differ keeps copies of both snapshots until it is delivered. A
-// batch stops keeping them once they take kBatchRecordBytes; the rest of the batch is worked when
-// it is delivered, on the walking thread. So memory is bounded by kMaximumBatches batches,
+// Sharing: helper threads - one for each processor beyond the first, at least one and at most
+// kMaximumHelpers - work pairs from the newest batch back, while the walking thread delivers from
+// the oldest and works every pair it reaches that no helper has finished. It never waits for a
+// helper: a pair a helper is still working on is worked again by the walking thread, and the
+// helper's outcome is dropped. So a helper that gets no processor (a busy machine) costs the
+// comparison nothing but its own share, and one that does takes work off the walking thread.
+//
+// Memory: a pair whose objects differ keeps copies of both snapshots until it is delivered. The
+// helpers stop working a batch once the copies it keeps take kBatchRecordBytes; the walking thread
+// works the rest when it delivers the batch. So memory is bounded by kMaximumBatches batches,
 // however many attributes the objects carry. When no thread can be started, or no descriptor can
-// be had for a batch, the walking thread works each pair as it is added.
+// be had for a batch, the walking thread works every pair itself.
 //
 // Threads: add() and finish() belong to the walking thread; the work function runs on any of the
 // threads with the worker number of the thread (0 the walking thread, 1 .. kMaximumHelpers the
@@ -65,7 +71,6 @@ class ComparisonBatches {
     UniqueFd ownedSecondFolder;
     std::string folder;
     std::vector<std::string> names;
-    std::vector<PairOutcome> outcomes;  // of the first names; the work stops early for memory
   };
   using Work = std::function<PairOutcome(int worker, const Batch& batch, std::size_t index)>;
   using Deliver = std::function<bool(PairOutcome outcome)>;
@@ -86,19 +91,22 @@ class ComparisonBatches {
   bool stopped() const { return m_stopped; }
 
  private:
-  enum class State : unsigned char { Waiting, Taken, Done };
+  enum class PairState : unsigned char { Open, Working, Done, Dropped };
+  // A batch under way; the states, outcomes and counters are guarded by m_mutex. Shared with the
+  // helpers, since a helper may still be working on a pair of a batch already delivered.
   struct Slot {
     Batch batch;
-    State state = State::Waiting;
+    std::vector<PairState> states;
+    std::vector<PairOutcome> outcomes;
+    std::size_t nextOpen = 0;  // pairs below are taken, by a helper or the walking thread
+    std::size_t keptBytes = 0;
   };
 
   void close();
-  void push(std::unique_ptr<Slot> slot);
-  void workBatch(int worker, Batch& batch);
-  bool workOne(std::unique_lock<std::mutex>& lock, int worker);
-  void deliverFinished(std::unique_lock<std::mutex>& lock);
-  void deliverBatch(Batch& batch);
-  bool anyWaiting() const;
+  void push(std::shared_ptr<Slot> slot);
+  void deliverOldest();
+  // The newest batch that has a pair a helper may take.
+  std::shared_ptr<Slot> slotForHelper() const;
   void helperLoop(int worker);
   void stopHelpers();
 
@@ -110,8 +118,7 @@ class ComparisonBatches {
 
   std::mutex m_mutex;
   std::condition_variable m_helperWake;
-  std::condition_variable m_batchDone;
-  std::deque<std::unique_ptr<Slot>> m_slots;  // in the order added; guarded by m_mutex
+  std::deque<std::shared_ptr<Slot>> m_slots;  // in the order added; guarded by m_mutex
   bool m_stopping = false;                    // guarded by m_mutex
   std::vector<std::thread> m_helpers;
 };
