@@ -30,14 +30,17 @@
 
 #include <algorithm>
 #include <chrono>
+#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <iterator>
+#include <mutex>
 #include <random>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "bench/BenchServices.h"
@@ -178,6 +181,43 @@ DaemonRun compareWithDaemon(const std::string& source, const std::string& copy, 
   return run;
 }
 
+// Keeps both services from ending themselves while the tools run for minutes on the large tree:
+// a small authorized request every 20 seconds (the authorization service ends when idle for a
+// minute, the daemon after two).
+class KeepAlive {
+ public:
+  KeepAlive()
+      : m_thread([this] {
+          std::unique_lock<std::mutex> lock(m_mutex);
+          while (!m_stopping) {
+            if (m_wake.wait_for(lock, std::chrono::seconds(20), [this] { return m_stopping; })) {
+              break;
+            }
+            lock.unlock();
+            if (std::optional<KRVSecurityAgent> agent =
+                    KRVSecurityAgent::init("/run/com.tavorin.system.securityagent3.socket")) {
+              auto inspect = KRVPrivilegedCommand::privilegedCommandWithCode(15, {Value("/")});
+              (void)agent->executeAtomicPrivilegedCommand(*inspect, false);
+            }
+            lock.lock();
+          }
+        }) {}
+  ~KeepAlive() {
+    {
+      std::lock_guard<std::mutex> lock(m_mutex);
+      m_stopping = true;
+    }
+    m_wake.notify_one();
+    m_thread.join();
+  }
+
+ private:
+  std::mutex m_mutex;
+  std::condition_variable m_wake;
+  bool m_stopping = false;
+  std::thread m_thread;
+};
+
 double median(std::vector<double> values) {
   std::sort(values.begin(), values.end());
   return values.empty() ? 0 : values[values.size() / 2];
@@ -291,6 +331,7 @@ int main(int argc, char** argv) {
     ::usleep(50000);
   }
 
+  KeepAlive keepAlive;
   bool same = measure(100000, rounds, services->daemon.pid());
   if (million) same = measure(1000000, rounds, services->daemon.pid()) && same;
   return same ? 0 : 1;
