@@ -129,6 +129,12 @@ CommandResult searchNamePatterns(Executor executor, Arguments a, uid_t) {
                                                              Array(a.begin() + 2, a.end()));
 }
 
+// Code 52: the two folders, the abort marker, the expected count and the compare mode.
+CommandResult compareFolders(Executor executor, Arguments a, uid_t) {
+  return executor.compareFoldersAtPath(stringAt(a, 0), stringAt(a, 1), stringAt(a, 2), uintAt(a, 3),
+                                       uintAt(a, 4));
+}
+
 // System settings.
 CommandResult setPowerManagementOption(Executor executor, Arguments a, uid_t) {
   return executor.setPowerManagementOptionNamed(stringAt(a, 0), numberAt(a, 1).integerValue());
@@ -226,7 +232,7 @@ constexpr DispatchRecord kDispatchTable[] = {
     {kCommandExecuteUmount, withArgumentList<&E::executeUnmountCommandWithArguments>},
     {kCommandCountFileObjects, withTwoStrings<&E::countFileSystemObjectsAtPath>},
     // Folder comparison.
-    {kCommandCompareFolders, notAvailable},
+    {kCommandCompareFolders, compareFolders},
     // The daemon prepares the uninstallation itself; an executor only ever sees it from a test.
     {kCommandPrepareUninstallation, succeed},
     {kCommandExecuteTmutil, withArgumentList<&E::executeTMUtilityWithCommands>},

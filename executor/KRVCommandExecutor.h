@@ -204,8 +204,13 @@ class KRVCommandExecutor final : public TaskDelegate {
                                Dictionary* preferences, const std::string& powerSource,
                                Dictionary* profiles);
 
+  // ---- Folder comparison (FolderComparisonCommands.cpp) ----
+  CommandResult compareFoldersAtPath(const std::string& firstPath, const std::string& secondPath,
+                                     const std::string& abortMarkerPath,
+                                     std::uint64_t expectedCount, std::uint64_t compareMode);
+
   // ---- Commands whose family is not available in this version (UnavailableCommands.cpp) ----
-  // Access control lists (34, 35), folder comparison (52).
+  // Access control lists (34, 35).
   static Error commandNotAvailable();
 
  private:

@@ -79,6 +79,39 @@ void appendJsonData(std::string& out, const Data& data) {
 
 void appendJson(std::string& out, const Value& value);
 
+// The keyed items of an object, each as a member of a JSON object under construction.
+class JsonItems final : public Encoder {
+ public:
+  explicit JsonItems(std::string& out) : m_out(out) {}
+  bool isKeyed() const override { return true; }
+  void encodeValue(std::string_view key, const Value& value) override {
+    member(key);
+    appendJson(m_out, value);
+  }
+  // Names may be any bytes and JSON keys must be text: the entries become an array, each with its
+  // name under "Name".
+  void encodeNameDictionary(std::string_view key, const Dictionary& value) override {
+    member(key);
+    m_out += '[';
+    bool first = true;
+    for (const auto& [name, entry] : value) {
+      if (!first) m_out += ',';
+      first = false;
+      Dictionary named;
+      named.append("Name", nameValue(name));
+      if (const Dictionary* fields = entry.asDictionary()) {
+        for (const auto& [field, item] : *fields) named.append(field, item);
+      }
+      appendJson(m_out, Value(std::move(named)));
+    }
+    m_out += ']';
+  }
+
+ private:
+  void member(std::string_view key);
+  std::string& m_out;
+};
+
 void appendElements(std::string& out, const std::vector<Value>& elements) {
   out += '[';
   for (std::size_t i = 0; i < elements.size(); ++i) {
@@ -149,11 +182,20 @@ void appendJson(std::string& out, const Value& value) {
         appendJsonString(out, error->domain());
         out += format(",\"code\":%lld,\"userInfo\":", static_cast<long long>(error->code()));
         appendDictionary(out, error->userInfo());
+      } else {
+        JsonItems items(out);
+        object.encode(items);
       }
       out += '}';
       break;
     }
   }
+}
+
+void JsonItems::member(std::string_view key) {
+  m_out += ',';
+  appendJsonString(m_out, key);
+  m_out += ':';
 }
 
 void writeOut(int fd, std::string_view text) {
@@ -297,6 +339,10 @@ void ResultPrinter::endProgress() {
   m_progressShown = false;
 }
 
+void ResultPrinter::showComparison(std::string_view firstFolder, std::string_view secondFolder) {
+  m_comparison.emplace(firstFolder, secondFolder);
+}
+
 void ResultPrinter::report(const Error& report) {
   const Dictionary& info = report.userInfo();
   for (const std::string_view channel : {key::kOutputChannel, key::kErrorChannel}) {
@@ -318,6 +364,8 @@ void ResultPrinter::report(const Error& report) {
   bool hasPayload = false;
   for (const auto& [key, value] : info) {
     if (key == key::kCurrentProgress || value.asArray() == nullptr) continue;
+    // A comparison reports every 100 objects, mostly without records: nothing to show then.
+    if (key == key::kMismatchList && value.asArray()->empty()) continue;
     hasPayload = true;
     if (m_json) {
       Dictionary chunk;
@@ -326,11 +374,17 @@ void ResultPrinter::report(const Error& report) {
       continue;
     }
     endProgress();
+    std::string lines;
     for (const Value& element : *value.asArray()) {
-      std::string line =
-          element.asDictionary() ? describeRecord(*element.asDictionary()) : readableValue(element);
-      writeOut(STDOUT_FILENO, line + "\n");
+      if (key == key::kMismatchList && m_comparison) {
+        lines += m_comparison->line(element);
+      } else {
+        lines += element.asDictionary() ? describeRecord(*element.asDictionary())
+                                        : readableValue(element);
+      }
+      lines += '\n';
     }
+    writeOut(STDOUT_FILENO, lines);
   }
   if (!hasPayload || m_showProgress) drawProgress(fraction);
 }
@@ -345,6 +399,7 @@ void ResultPrinter::finish(const Error& result) {
     return;
   }
   std::string text;
+  if (m_comparison) writeOut(STDOUT_FILENO, m_comparison->summary() + "\n");
   if (result.code() == 0 && result.domain() != kPosixErrorDomain) {
     text = "OK\n";
   } else {
