@@ -28,6 +28,7 @@
 
 #include "executor/FolderBatches.h"
 #include "executor/KRVCommandExecutor.h"
+#include "executor/NamePatterns.h"
 #include "executor/ObjectRecords.h"
 #include "filesystem/DirectoryReader.h"
 #include "filesystem/FileManager.h"
@@ -106,72 +107,8 @@ void judgeAges(FolderBatches::Batch& batch, double threshold) {
   });
 }
 
-// The text after the last "." of a name; nothing when the name has no ".".
-std::optional<std::string_view> nameExtension(std::string_view name) {
-  std::size_t dot = name.rfind('.');
-  if (dot == std::string_view::npos) return std::nullopt;
-  return name.substr(dot + 1);
-}
-
 bool hasPrefix(std::string_view name, std::string_view prefix) {
   return !prefix.empty() && name.starts_with(prefix);
-}
-
-// One (kind, pattern) pair of the multi-pattern search.
-struct NamePattern {
-  enum class Kind : std::uint8_t { Equals, BeginsWith, Extension };
-  Kind kind;
-  std::string text;
-
-  bool matches(std::string_view name) const {
-    switch (kind) {
-      case Kind::Equals:
-        return name == text;
-      case Kind::BeginsWith:
-        return name.starts_with(text);
-      case Kind::Extension: {
-        std::optional<std::string_view> extension = nameExtension(name);
-        return extension && *extension == text;
-      }
-    }
-    return false;
-  }
-};
-
-// The pairs of the request: a non-zero even number of strings, each kind one of "0", "1", "2",
-// each pattern non-empty. Nothing when the list breaks a rule.
-std::optional<std::vector<NamePattern>> namePatterns(const Array& strings) {
-  if (strings.empty() || strings.size() % 2 != 0) return std::nullopt;
-  std::vector<NamePattern> patterns;
-  patterns.reserve(strings.size() / 2);
-  for (std::size_t i = 0; i < strings.size(); i += 2) {
-    // Kinds and patterns are read as bytes like every string argument: a pattern that is not
-    // UTF-8 matches names that are not either.
-    const std::optional<std::string> kind = nameBytes(strings[i]);
-    const std::optional<std::string> text = nameBytes(strings[i + 1]);
-    if (!kind || !text || kind->size() != 1 || text->empty()) return std::nullopt;
-    switch ((*kind)[0]) {
-      case '0':
-        patterns.push_back({NamePattern::Kind::Equals, *text});
-        break;
-      case '1':
-        patterns.push_back({NamePattern::Kind::BeginsWith, *text});
-        break;
-      case '2':
-        patterns.push_back({NamePattern::Kind::Extension, *text});
-        break;
-      default:
-        return std::nullopt;
-    }
-  }
-  return patterns;
-}
-
-bool matchesAny(const std::vector<NamePattern>& patterns, std::string_view name) {
-  for (const NamePattern& pattern : patterns) {
-    if (pattern.matches(name)) return true;
-  }
-  return false;
 }
 
 // The end of a search whose spool refused its records: nothing more is sent, the administrator

@@ -180,9 +180,12 @@ Status ComparisonArchiveWriter::finish(const Error& result) {
 
 Result<SavedComparison> readSavedComparison(const std::string& path) {
   KRV_TRY(std::string bytes, sys::readFile(path, kMaximumSavedSize));
-  KRV_TRY(Value root,
-          unarchiveKeyed({reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()},
-                         KRVFileSystemObjectDescription::comparisonClasses()));
+  return savedComparisonFromArchive(
+      {reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()});
+}
+
+Result<SavedComparison> savedComparisonFromArchive(std::span<const std::uint8_t> archive) {
+  KRV_TRY(Value root, unarchiveKeyed(archive, KRVFileSystemObjectDescription::comparisonClasses()));
   const Dictionary* fields = root.asDictionary();
   if (fields == nullptr) return archiveFault("a saved comparison is a dictionary");
   SavedComparison saved;

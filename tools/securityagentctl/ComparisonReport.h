@@ -21,6 +21,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -89,5 +90,8 @@ struct SavedComparison {
 };
 
 Result<SavedComparison> readSavedComparison(const std::string& path);
+// The same from the archive's bytes, which may come from anybody: anything but a saved comparison
+// is an archive fault.
+Result<SavedComparison> savedComparisonFromArchive(std::span<const std::uint8_t> archive);
 
 }  // namespace krv::ctl
