@@ -48,12 +48,9 @@ TEST(CommandDispatchTest, AnswersTheCommandsOfTheDispatcherItself) {
 }
 
 TEST(CommandDispatchTest, FamiliesNotInThisVersionAnswerNotAvailable) {
-  // Access control lists and folder comparison. (The system settings act on the host: their tests
-  // point them at a temporary tree, see SettingsTestSupport.h.)
+  // Folder comparison. (The system settings act on the host: their tests point them at a
+  // temporary tree, see SettingsTestSupport.h.)
   const std::pair<std::uint32_t, Array> commands[] = {
-      {kCommandModifyAclPermissions, {Value("/x"), Value(Data{1})}},
-      {kCommandPropagatePermissions,
-       {Value("/x"), Value::integer(1), Value::integer(1), Value::integer(7)}},
       {kCommandCompareFolders,
        {Value("/a"), Value("/b"), Value("/m"), Value::integer(1), Value::integer(0)}},
   };

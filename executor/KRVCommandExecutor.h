@@ -204,8 +204,20 @@ class KRVCommandExecutor final : public TaskDelegate {
                                Dictionary* preferences, const std::string& powerSource,
                                Dictionary* profiles);
 
+  // ---- Access control lists and propagated permissions (PermissionCommands.cpp) ----
+  // Sets the list of a byte form on the object (a final link followed by the rule). Code 3 for an
+  // empty path, empty data or a malformed form; otherwise FailingPath and UnderlyingErrorCode with
+  // code 20 and the errno when the list could not be set, code 0 and 0 when it was.
+  Error setAccessControlListAtPath(const std::string& path, const Data& data);
+  // Copies the folder's settings the mask names to every object the walk of the folder yields
+  // (executor/PermissionPropagation.h), reporting progress every 100 objects; nothing when the
+  // final report cannot be delivered.
+  CommandResult propagatePermissionsAtPath(const std::string& path,
+                                           std::uint64_t expectedObjectCount,
+                                           bool stayOnFileSystem, std::uint32_t settingsMask);
+
   // ---- Commands whose family is not available in this version (UnavailableCommands.cpp) ----
-  // Access control lists (34, 35), folder comparison (52).
+  // Folder comparison (52).
   static Error commandNotAvailable();
 
  private:
