@@ -16,6 +16,7 @@
 #include "executor/PermissionPropagation.h"
 #include "filesystem/FileManager.h"
 #include "filesystem/KRVDirectoryEnumerator.h"
+#include "filesystem/PathNames.h"
 #include "platform/AccessControlListStorage.h"
 #include "platform/ExtendedAcl.h"
 
@@ -63,9 +64,11 @@ CommandResult KRVCommandExecutor::propagatePermissionsAtPath(const std::string& 
   if (!folderList) return FileManager::error(folderList.error(), path);
   Result<UniqueFd> opened = folder.reopen(O_RDONLY | O_DIRECTORY | O_NOCTTY);
   if (!opened) return FileManager::error(opened.error(), path);
-  std::unique_ptr<KRVDirectoryEnumerator> walk =
-      KRVDirectoryEnumerator::enumeratorAtFolder(std::move(*opened), resolved->path,
-                                                 stayOnFileSystem);
+  // The paths of the objects begin with the folder's resolved path, without the final "." or ".."
+  // that the resolution keeps when the client's path ends so (every other component is a real
+  // folder, so the text arithmetic is right).
+  std::unique_ptr<KRVDirectoryEnumerator> walk = KRVDirectoryEnumerator::enumeratorAtFolder(
+      std::move(*opened), standardizedPath(resolved->path), stayOnFileSystem);
   if (!walk) return FileManager::error(ENOMEM, path);
 
   const PermissionPropagation propagation(folder.status(), std::move(*folderList), settingsMask,

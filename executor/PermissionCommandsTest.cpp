@@ -236,11 +236,14 @@ TEST_F(PermissionCommandTest, TheFolderIsCheckedBeforeAnythingIsWalked) {
   EXPECT_TRUE(progressValues().empty());
   EXPECT_EQ(settingsOf(path("top/file")), (Settings{0, 0, 0640}));
 
-  // A link to the folder is resolved first; its objects are named by the folder's own path.
+  // A link to the folder is resolved first; its objects are named by the folder's own path, and
+  // a path that ends in ".." names it as its parent's path would.
   ASSERT_EQ(::removexattr(folder.c_str(), kAccessControlListAttribute), 0);
   const std::string link = m_tree.makeLink("shortcut", folder);
   ASSERT_TRUE(test::setKernelFlags(folder + "/sub/deep", FS_IMMUTABLE_FL));
   expectOutcome(propagate(link, 0x20), kResultPermissionsNotChanged, folder + "/sub/deep", EPERM);
+  expectOutcome(propagate(folder + "/sub/..", 0x20), kResultPermissionsNotChanged,
+                folder + "/sub/deep", EPERM);
 }
 
 TEST_F(PermissionCommandTest, TheListStepSetsTheFoldersListOrRemovesEveryList) {
@@ -263,6 +266,9 @@ TEST_F(PermissionCommandTest, TheListStepSetsTheFoldersListOrRemovesEveryList) {
     EXPECT_EQ(storedList(path(object)), std::nullopt) << object;
   }
 
+  ASSERT_EQ(::unlink(target.c_str()), 0);
+  expectOutcome(propagate(folder, 0x01), kResultAclNotSet, path("top/link"), ENOENT);
+  m_tree.makeFile("target", "x", 0600);
   // A user's link leads only to her own objects.
   ASSERT_EQ(::lchown(path("top/link").c_str(), kUser, kUser), 0);
   expectOutcome(propagate(folder, 0x01), kResultAclNotSet, path("top/link"), EACCES);
