@@ -213,8 +213,8 @@ class KRVCommandExecutor final : public TaskDelegate {
   // (executor/PermissionPropagation.h), reporting progress every 100 objects; nothing when the
   // final report cannot be delivered.
   CommandResult propagatePermissionsAtPath(const std::string& path,
-                                           std::uint64_t expectedObjectCount,
-                                           bool stayOnFileSystem, std::uint32_t settingsMask);
+                                           std::uint64_t expectedObjectCount, bool stayOnFileSystem,
+                                           std::uint32_t settingsMask);
 
   // ---- Commands whose family is not available in this version (UnavailableCommands.cpp) ----
   // Folder comparison (52).

@@ -53,10 +53,10 @@ TEST_F(PermissionCommandsTest, PropagationReportsItsCountAndResult) {
 
   // Told to expect no objects, the daemon reports the count itself.
   std::vector<Error> reports;
-  Error result = runCommand(kCommandPropagatePermissions,
-                            {Value(path("tree")), Value::integer(0), Value::boolean(false),
-                             Value::integer(0x3E)},
-                            &reports);
+  Error result = runCommand(
+      kCommandPropagatePermissions,
+      {Value(path("tree")), Value::integer(0), Value::boolean(false), Value::integer(0x3E)},
+      &reports);
   ASSERT_TRUE(result.is(kCommandErrorDomain, kResultSuccess)) << result.description();
   std::vector<double> progress;
   for (const Error& report : reports) {
