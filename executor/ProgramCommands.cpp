@@ -5,9 +5,9 @@
 #include <mutex>
 
 #include "executor/KRVCommandExecutor.h"
-#include "protocol/CommandCodes.h"
 #include "foundation/NameValue.h"
 #include "platform/SystemPrograms.h"
+#include "protocol/CommandCodes.h"
 
 namespace krv {
 

@@ -79,7 +79,8 @@ Error KRVCommandExecutor::setPowerManagementOptionNamed(const std::string& key,
   const int stored = power.setPreferences(*preferences);
   Dictionary userInfo;
   userInfo.set(key::kUnderlyingErrorCode, Value::integer(stored));
-  return commandError(stored != 0 ? kResultPowerManagementFailed : kResultSuccess, std::move(userInfo));
+  return commandError(stored != 0 ? kResultPowerManagementFailed : kResultSuccess,
+                      std::move(userInfo));
 }
 
 Error KRVCommandExecutor::setDiskSpindownTime(std::uint64_t minutes) {

@@ -6,9 +6,9 @@
 
 #include <climits>
 
-#include "tests/support/SettingsTestSupport.h"
 #include "foundation/Sha256.h"
 #include "platform/FirmwareVariables.h"
+#include "tests/support/SettingsTestSupport.h"
 
 namespace krv {
 namespace {
