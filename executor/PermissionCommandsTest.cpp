@@ -154,7 +154,7 @@ TEST_F(PermissionCommandTest, SetIdProgramsNeverChangeHandsButTakePermissionBits
   EXPECT_EQ(settingsOf(tool), (Settings{0, 0, 04555}));
 }
 
-TEST_F(PermissionCommandTest, LinksAndSpecialFilesAreChangedThemselves) {
+TEST_F(PermissionCommandTest, LinksDevicesSocketsAndFifosAreChangedThemselves) {
   const std::string folder = makeSource("top", 0755);
   const std::string target = m_tree.makeFile("target", "x", 0600);
   const std::string link = m_tree.makeLink("top/link", target);
