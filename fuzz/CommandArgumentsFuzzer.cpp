@@ -138,10 +138,15 @@ void checkNamePatterns(const Array& arguments) {
   check(table->size() == pairs.size() / 2);
   for (const krv::NamePattern& pattern : *table) {
     check(!pattern.text.empty());
-    if (pattern.kind != krv::NamePattern::Kind::Extension) check(pattern.matches(pattern.text));
-    check(krv::matchesAny(*table, pattern.kind == krv::NamePattern::Kind::Extension
-                                      ? "name." + pattern.text
-                                      : pattern.text));
+    if (pattern.kind != krv::NamePattern::Kind::Extension) {
+      check(pattern.matches(pattern.text));
+      check(krv::matchesAny(*table, pattern.text));
+    } else if (pattern.text.find('.') == std::string::npos) {
+      check(krv::matchesAny(*table, "name." + pattern.text));
+    } else {
+      // An extension is what follows the last dot: a pattern holding a dot matches no name.
+      check(!pattern.matches("name." + pattern.text));
+    }
   }
 }
 
