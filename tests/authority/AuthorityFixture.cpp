@@ -21,7 +21,6 @@ namespace krv::test {
 
 namespace {
 
-constexpr const char* kScratch = "/tmp/krv-authority";
 constexpr const char* kServiceSocket = "/run/com.tavorin.system.authority.socket";
 
 // The sandbox is entered once per test process, before gtest starts any thread.
@@ -55,7 +54,7 @@ void AuthorityFixture::SetUp() {
       std::string(KRV_NSS_WRAPPER_LIBRARY).empty() || std::string(KRV_PAM_MATRIX_MODULE).empty()) {
     GTEST_SKIP() << "pam_wrapper, pam_matrix or nss_wrapper is not installed";
   }
-  const std::string scratch = kScratch;
+  const std::string& scratch = m_scratch;
   ::mkdir(scratch.c_str(), 0755);
   ::mkdir((scratch + "/pam.d").c_str(), 0755);
   writeText(scratch + "/passwd",
@@ -112,6 +111,7 @@ void AuthorityFixture::SetUp() {
     const rlimit lowered{*m_launchDescriptorLimit, saved.rlim_max};
     ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &lowered), 0);
   }
+  launch.confinement = m_launchConfinement;
   Result<ServiceProcess> started = ServiceProcess::start(launch);
   ::setrlimit(RLIMIT_NOFILE, &saved);
   ASSERT_TRUE(started.ok()) << started.error().description();

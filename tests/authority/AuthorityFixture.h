@@ -65,6 +65,11 @@ class AuthorityFixture : public ::testing::Test {
 
   // The soft descriptor limit the service is started with (by default the test's own).
   std::optional<rlim_t> m_launchDescriptorLimit;
+  // Where the made-up user and password databases and the PAM configuration are written; the
+  // service must see the folder (a private /tmp hides the test's).
+  std::string m_scratch = "/tmp/krv-authority";
+  // The confinement the service is started under, when a test mirrors its unit's.
+  std::optional<ServiceConfinement> m_launchConfinement;
 
  private:
   std::optional<ServiceProcess> m_service;

@@ -48,8 +48,13 @@ void DaemonTest::SetUp() {
 
 void DaemonTest::startDaemon(ThreadCreation threads) {
   m_daemon.reset();
-  Result<ServiceProcess> daemon = ServiceProcess::start(
-      {kDaemonSocketPath, binary("daemon"), {"d"}, {}, 0666, threads == ThreadCreation::Refused});
+  Result<ServiceProcess> daemon = ServiceProcess::start({kDaemonSocketPath,
+                                                         binary("daemon"),
+                                                         {"d"},
+                                                         {},
+                                                         0666,
+                                                         threads == ThreadCreation::Refused,
+                                                         m_daemonConfinement});
   ASSERT_TRUE(daemon) << daemon.error().description();
   m_daemon.emplace(std::move(*daemon));
   if (threads == ThreadCreation::Refused) return;

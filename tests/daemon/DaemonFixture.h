@@ -64,6 +64,9 @@ class DaemonTest : public testing::Test {
 
   static std::string binary(const char* name);
 
+  // The confinement the daemon is started under, when a test mirrors its unit's.
+  std::optional<ServiceConfinement> m_daemonConfinement;
+
  private:
   std::optional<ServiceProcess> m_authority;
   std::optional<ServiceProcess> m_daemon;

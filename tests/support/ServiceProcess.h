@@ -27,6 +27,19 @@
 
 namespace krv::test {
 
+// The confinement a unit puts its service under, as far as a test can mirror it without the
+// service manager: applied in the child just before it executes the service.
+struct ServiceConfinement {
+  // Capabilities kept in the bounding set (CAP_... numbers); every other one is dropped, so the
+  // service, executed as root, has only these (CapabilityBoundingSet=).
+  std::vector<int> capabilities;
+  // In a mount namespace of its own, every mount read-only but these paths (each must exist),
+  // and a fresh /tmp (ProtectSystem=strict, ProtectHome=read-only, ReadWritePaths=,
+  // PrivateTmp=).
+  bool readOnlyTree = false;
+  std::vector<std::string> writablePaths;
+};
+
 struct ServiceLaunch {
   std::string socketPath;
   std::string executable;
@@ -36,6 +49,8 @@ struct ServiceLaunch {
   // The kernel refuses every new thread of the service (its creation fails with EAGAIN) while
   // processes can still be started: what a daemon meets when it runs out of threads.
   bool refuseNewThreads = false;
+  // With a confinement the service also runs with NoNewPrivileges.
+  std::optional<ServiceConfinement> confinement = std::nullopt;
 };
 
 // A listening Unix stream socket bound at path (a stale socket file there is replaced), with the
