@@ -1,6 +1,6 @@
 // The authorization service under the confinement its unit declares (read from the shipped unit
 // file): no capability at all, NoNewPrivileges, the whole tree read-only but its rights store, a
-// private /tmp. It must still check passwords with PAM and keep its store.
+// private /tmp, no network. It must still check passwords with PAM and keep its store.
 
 #include <fcntl.h>
 #include <linux/capability.h>
@@ -49,6 +49,8 @@ TEST_F(AuthorityHardeningTest, UnderItsUnitsConfinementPamStillDecidesAndTheStor
   EXPECT_TRUE(noNewPrivilegesOf(pid));
   EXPECT_TRUE(mountReadOnlyFor(pid, "/"));
   EXPECT_FALSE(mountReadOnlyFor(pid, "/etc/com.tavorin.system.authority"));
+  ASSERT_TRUE(m_confinement.privateNetwork);
+  EXPECT_FALSE(sharesNetworkWith(pid, ::getpid())) << "clients reach it by the socket's path";
 
   // A real password check through PAM: the right password obtains the right, a wrong one not.
   Result<ChildProcess> alice = ChildProcess::start({kAlice, kAlice}, [](LineChannel& parent) {

@@ -41,6 +41,8 @@ TEST_F(DaemonHardeningTest, UnderItsUnitsConfinementTheCommandsThatNeedWhatItKee
   EXPECT_EQ(boundingSetOf(pid) & (std::uint64_t{1} << capabilityNumber("CAP_SYS_TIME")), 0u)
       << "a capability the unit leaves out is gone";
   EXPECT_TRUE(noNewPrivilegesOf(pid));
+  EXPECT_TRUE(sharesNetworkWith(pid, ::getpid()))
+      << "the MTU command changes the host's interfaces";
 
   ::mkdir(kBase, 0755);
   const std::string file = std::string(kBase) + "/file";

@@ -112,6 +112,7 @@ bool confine(const ServiceConfinement& confinement, const std::vector<const char
     }
     if (::mount("tmpfs", "/tmp", "tmpfs", MS_NOSUID | MS_NODEV, "mode=1777") != 0) return false;
   }
+  if (confinement.privateNetwork && ::unshare(CLONE_NEWNET) != 0) return false;
   // Every capability the kernel knows that is not kept leaves the bounding set; numbers past the
   // last one answer EINVAL.
   for (int capability = 0; capability < 64; ++capability) {

@@ -38,6 +38,9 @@ struct ServiceConfinement {
   // PrivateTmp=).
   bool readOnlyTree = false;
   std::vector<std::string> writablePaths;
+  // A network namespace of its own, with nothing but a loopback that is down (PrivateNetwork=);
+  // the listening socket, bound by path before, still takes connections.
+  bool privateNetwork = false;
 };
 
 struct ServiceLaunch {

@@ -1,5 +1,7 @@
 #include "tests/support/UnitConfinement.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <array>
 #include <fstream>
@@ -119,6 +121,8 @@ Result<ServiceConfinement> unitConfinement(const std::string& path) {
       std::istringstream paths(value);
       std::string writable;
       while (paths >> writable) confinement.writablePaths.push_back(writable);
+    } else if (key == "PrivateNetwork") {
+      confinement.privateNetwork = value == "yes" || value == "true" || value == "1";
     } else if (key == "NoNewPrivileges") {
       noNewPrivileges = value == "yes" || value == "true" || value == "1";
     }
@@ -153,6 +157,14 @@ std::uint64_t boundingSetMask(const ServiceConfinement& confinement) {
 }
 
 bool noNewPrivilegesOf(pid_t pid) { return statusField(pid, "NoNewPrivs") == "1"; }
+
+bool sharesNetworkWith(pid_t first, pid_t second) {
+  struct stat a {};
+  struct stat b {};
+  return ::stat(("/proc/" + std::to_string(first) + "/ns/net").c_str(), &a) == 0 &&
+         ::stat(("/proc/" + std::to_string(second) + "/ns/net").c_str(), &b) == 0 &&
+         a.st_ino == b.st_ino && a.st_dev == b.st_dev;
+}
 
 bool mountReadOnlyFor(pid_t pid, const std::string& mountPoint) {
   // Fields: id, parent id, major:minor, root, mount point, mount options, ...

@@ -3,7 +3,8 @@
 // tests that start a service under it follow every change of the unit: the capability bounding
 // set (CapabilityBoundingSet=, several lines add up, an empty assignment empties it, a leading
 // "~" keeps all but the names), ProtectSystem=strict with its ReadWritePaths= (the read-only
-// tree), and NoNewPrivileges= (which the launch always sets; a unit without it is an error here).
+// tree), PrivateNetwork=, and NoNewPrivileges= (which the launch always sets; a unit without it
+// is an error here).
 // Lines of other sections and other settings are passed over.
 
 #include <sys/types.h>
@@ -28,6 +29,7 @@ Result<ServiceConfinement> unitConfinement(const std::string& path);
 std::uint64_t boundingSetOf(pid_t pid);
 std::uint64_t boundingSetMask(const ServiceConfinement& confinement);
 bool noNewPrivilegesOf(pid_t pid);
+bool sharesNetworkWith(pid_t first, pid_t second);
 // True when the mount the process sees at mountPoint (the topmost one there) is read-only.
 bool mountReadOnlyFor(pid_t pid, const std::string& mountPoint);
 
