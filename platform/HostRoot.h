@@ -14,8 +14,10 @@ class HostRoot {
  public:
   // An empty root is the real root.
   explicit HostRoot(std::string root = "/") : m_root(std::move(root)) {
+    // (One character appended rather than assigned: g++ 12 at -O2 warns falsely about an
+    // overlapping copy for the assignment.)
     while (m_root.size() > 1 && m_root.back() == '/') m_root.pop_back();
-    if (m_root.empty()) m_root = "/";
+    if (m_root.empty()) m_root.push_back('/');
   }
 
   // The path of a host file, given by its absolute path on the real system.
