@@ -13,10 +13,13 @@
 #include "executor/KRVCommandExecutor.h"
 #include "filesystem/FileAttributes.h"
 #include "foundation/Assert.h"
+#include "foundation/CborFormat.h"
+#include "foundation/CborWriter.h"
 #include "foundation/NameValue.h"
 #include "foundation/System.h"
+#include "foundation/UserInformationKeys.h"
+#include "foundation/Utf8.h"
 #include "protocol/CommandTable.h"
-#include "protocol/KRVSecurityAgent.h"
 
 namespace krv {
 namespace {
@@ -68,14 +71,23 @@ void encode(const ObjectRecord& record, std::vector<char>& out) {
 
 enum class Decoded : std::uint8_t { Record, Incomplete, Malformed };
 
+// A record as the spool holds it; the path views the spool's bytes.
+struct SpooledRecord {
+  std::string_view path;
+  std::string_view type;
+  std::uint64_t size = 0;
+  Date modificationDate;
+  std::uint32_t posixMode = 0;
+};
+
 // Decodes the record at the start of `bytes`; `used` is its length.
-Decoded decode(std::span<const char> bytes, ObjectRecord& record, std::size_t& used) {
+Decoded decode(std::span<const char> bytes, SpooledRecord& record, std::size_t& used) {
   if (bytes.size() < 4) return Decoded::Incomplete;
   const char* in = bytes.data();
   auto pathLength = take<std::uint32_t>(in);
   if (pathLength > kLongestPath) return Decoded::Malformed;
   if (bytes.size() < kFixedPart + pathLength) return Decoded::Incomplete;
-  record.path.assign(in, pathLength);
+  record.path = std::string_view(in, pathLength);
   in += pathLength;
   auto type = take<std::uint8_t>(in);
   record.type = kTypeNames[type < std::size(kTypeNames) ? type : kUnknownTypeIndex];
@@ -84,6 +96,28 @@ Decoded decode(std::span<const char> bytes, ObjectRecord& record, std::size_t& u
   record.posixMode = take<std::uint32_t>(in);
   used = kFixedPart + pathLength;
   return Decoded::Record;
+}
+
+// The dictionary form of objectRecordValue, item for item, written without building it.
+void writeRecord(CborWriter& writer, std::string_view path, std::string_view type,
+                 std::uint64_t size, Date modificationDate, std::uint32_t posixMode) {
+  writer.writeMapHeader(5);
+  writer.writeText(key::kPath);
+  // A path travels as text when it is UTF-8 and as bytes when it is not (nameValue).
+  if (isValidUtf8(path)) {
+    writer.writeText(path);
+  } else {
+    writer.writeBytes({reinterpret_cast<const std::uint8_t*>(path.data()), path.size()});
+  }
+  writer.writeText(key::kType);
+  writer.writeText(type);
+  writer.writeText(key::kSize);
+  writer.writeNumber(Number::unsignedInteger(size));
+  writer.writeText(key::kModificationDate);
+  writer.writeTag(cbor::kDateTag);
+  writer.writeDouble(modificationDate.secondsSince1970);
+  writer.writeText(key::kPOSIXMode);
+  writer.writeNumber(Number::unsignedInteger(posixMode));
 }
 
 }  // namespace
@@ -115,6 +149,11 @@ Value objectRecordValue(ObjectRecord record) {
   return Value(std::move(dictionary));
 }
 
+void writeObjectRecord(CborWriter& writer, const ObjectRecord& record) {
+  writeRecord(writer, record.path, record.type, record.size, record.modificationDate,
+              record.posixMode);
+}
+
 bool addFileSystemObjectInfoToArray(Array& array, const std::string& path) {
   std::optional<ObjectRecord> record = objectRecordForPath(path);
   if (!record) return false;
@@ -128,8 +167,9 @@ class ObjectRecordSpool::Reader {
  public:
   explicit Reader(const ObjectRecordSpool& spool) : m_spool(spool) {}
 
-  std::optional<ObjectRecord> next() {
-    ObjectRecord record;
+  // The next record; its path is valid until the next call.
+  std::optional<SpooledRecord> next() {
+    SpooledRecord record;
     std::size_t used = 0;
     while (m_fileOffset < m_spool.m_fileLength || m_position < m_window.size()) {
       std::span<const char> rest(m_window.data() + m_position, m_window.size() - m_position);
@@ -272,22 +312,18 @@ bool ObjectRecordSpool::sendPayload(KRVCommandExecutor& executor, std::string_vi
   // A refused spool no longer holds its records: what it took is not the search's result.
   KRV_ASSERT(!m_refusal, "ObjectRecordSpool");
   Reader reader(*this);
-  // Each chunk is one payload message, built in place: the shape of the executor's payload chunks
-  // (progress first, then the records under the key), without copying the records once more.
+  PayloadChunk chunk(key);
+  // Each chunk is one payload message, written straight from the spooled form of its records.
   auto sendChunk = [&](std::uint64_t size, double progress) {
-    Array chunk;
-    chunk.reserve(static_cast<std::size_t>(size));
     for (std::uint64_t i = 0; i < size; ++i) {
-      std::optional<ObjectRecord> record = reader.next();
+      std::optional<SpooledRecord> record = reader.next();
       if (!record) break;
-      chunk.push_back(objectRecordValue(std::move(*record)));
+      chunk.add([&record](CborWriter& writer) {
+        writeRecord(writer, record->path, record->type, record->size, record->modificationDate,
+                    record->posixMode);
+      });
     }
-    Dictionary userInfo;
-    userInfo.reserve(2);
-    userInfo.append(std::string(key::kCurrentProgress), Value::real(progress));
-    userInfo.append(std::string(key), Value(std::move(chunk)));
-    return executor.sendProgressMessage(
-        KRVSecurityAgent::transportError(kTransportIntermediateReport, std::move(userInfo)));
+    return executor.sendPayloadChunk(chunk, progress);
   };
 
   const std::uint64_t count = m_count;

@@ -31,6 +31,15 @@ void growWiping(Data& buffer, std::size_t size) {
   buffer.swap(larger);
 }
 
+// The header of a block whose payload follows its kDataBlockHeaderSize bytes of room.
+void fillHeader(std::span<std::uint8_t> block) {
+  const std::span<const std::uint8_t> payload = block.subspan(kDataBlockHeaderSize);
+  std::memcpy(block.data(), kDataBlockMarker.data(), kDataBlockMarker.size());
+  storeLittleEndian(block.data() + kDataBlockLengthOffset,
+                    static_cast<std::uint32_t>(payload.size()));
+  storeLittleEndian(block.data() + kDataBlockChecksumOffset, std::uint32_t{crc16(payload)});
+}
+
 }  // namespace
 
 Status writeToPipe(int fd, std::span<const std::uint8_t> bytes, BlockSink sink) {
@@ -56,14 +65,20 @@ Status readFromPipe(int fd, std::span<std::uint8_t> buffer) {
 
 Data encodeDataBlock(std::span<const std::uint8_t> payload) {
   Data block(kDataBlockHeaderSize + payload.size());
-  std::memcpy(block.data(), kDataBlockMarker.data(), kDataBlockMarker.size());
-  storeLittleEndian(block.data() + kDataBlockLengthOffset,
-                    static_cast<std::uint32_t>(payload.size()));
-  storeLittleEndian(block.data() + kDataBlockChecksumOffset, std::uint32_t{crc16(payload)});
   if (!payload.empty()) {
     std::memcpy(block.data() + kDataBlockHeaderSize, payload.data(), payload.size());
   }
+  fillHeader(block);
   return block;
+}
+
+Status sealDataBlock(std::span<std::uint8_t> block) {
+  if (block.size() < kDataBlockHeaderSize ||
+      block.size() - kDataBlockHeaderSize > kDataBlockMaximumPayload) {
+    return Error::posix(EINVAL, "data block");
+  }
+  fillHeader(block);
+  return {};
 }
 
 Status writeDataBlock(int fd, std::span<const std::uint8_t> payload, BlockSink sink) {

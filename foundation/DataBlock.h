@@ -54,6 +54,11 @@ Status readFromPipe(int fd, std::span<std::uint8_t> buffer);
 // The block holding `payload`, header and payload in one buffer; the payload must not be larger
 // than kDataBlockMaximumPayload.
 Data encodeDataBlock(std::span<const std::uint8_t> payload);
+// A block built in place: `block` starts with kDataBlockHeaderSize bytes of room, the payload
+// follows; this fills in the header (marker, length, checksum). EINVAL when the span is shorter
+// than a header or the payload is larger than kDataBlockMaximumPayload. Writers that encode
+// straight into such a buffer send each message with one write and no copy of its payload.
+Status sealDataBlock(std::span<std::uint8_t> block);
 // Writes one block holding the payload. An empty payload writes nothing and succeeds.
 Status writeDataBlock(int fd, std::span<const std::uint8_t> payload,
                       BlockSink sink = BlockSink::Pipe);
