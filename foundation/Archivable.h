@@ -38,6 +38,12 @@ class Encoder {
   virtual void encodeDictionary(std::string_view key, const Dictionary& value) {
     encodeValue(key, Value(value));
   }
+  // A dictionary whose keys are names, which may be any bytes: the archivers write each key as
+  // text when it is UTF-8 and as a byte string when it is not (foundation/NameValue.h). Encoders
+  // that keep values in memory take it as a plain dictionary.
+  virtual void encodeNameDictionary(std::string_view key, const Dictionary& value) {
+    encodeDictionary(key, value);
+  }
 
   void encodeInteger(std::string_view key, std::int64_t value) {
     encodeValue(key, Value::integer(value));

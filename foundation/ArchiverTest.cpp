@@ -68,11 +68,33 @@ Result<ObjectRef> decodeCareless(Decoder& decoder) {
   return ObjectRef(std::make_shared<Pair>(0, 0));
 }
 
+// A class with a dictionary of names (keys of any bytes) and a plain dictionary.
+class Names final : public Archivable {
+ public:
+  Names(Dictionary names, Dictionary plain)
+      : m_names(std::move(names)), m_plain(std::move(plain)) {}
+  std::string_view className() const override { return "Names"; }
+  void encode(Encoder& encoder) const override {
+    encoder.encodeNameDictionary("names", m_names);
+    encoder.encodeDictionary("plain", m_plain);
+  }
+  static Result<ObjectRef> decode(Decoder& decoder) {
+    KRV_TRY(Dictionary names, decoder.decodeNameDictionary("names"));
+    KRV_TRY(Dictionary plain, decoder.decodeDictionary("plain"));
+    return ObjectRef(std::make_shared<Names>(std::move(names), std::move(plain)));
+  }
+
+ private:
+  Dictionary m_names;
+  Dictionary m_plain;
+};
+
 const ClassRegistry& testClasses() {
   static const ClassRegistry registry = [] {
     ClassRegistry classes;
     classes.add(Error::kClassName, &Error::decode);
     classes.add("Pair", &Pair::decode);
+    classes.add("Names", &Names::decode);
     classes.add("Careless", &decodeCareless);
     return classes;
   }();
@@ -231,6 +253,33 @@ TEST(ArchiverTest, RejectsHostilePayloadsAsArchiveFaults) {
 // Equal elements are found through their canonical forms: a set of two equal large sets or maps
 // is refused at once, not after comparing every element with every other. Elements holding a NaN
 // date are never equal, however alike they look.
+// Names that are not UTF-8 are byte-string keys, and only in a dictionary of names.
+TEST(ArchiverTest, ByteStringKeysOnlyInDictionariesOfNames) {
+  const Value names(ObjectRef(std::make_shared<Names>(
+      dictionaryOf({{"user.\xff", Value::integer(1)}, {"user.x", Value::integer(2)}}),
+      dictionaryOf({{"a", Value::integer(3)}}))));
+  EXPECT_EQ(archiveSequential(names),
+            hex("d81b 83 65 'Names' a2 46 'user.' ff 01 66 'user.x' 02 a1 61 'a' 03"));
+  for (ArchiveForm form : kBothForms) {
+    Result<Value> decoded = unarchive(archive(names, form), form);
+    ASSERT_TRUE(decoded) << decoded.error().description();
+    EXPECT_EQ(*decoded, names);
+  }
+  const char* const refused[] = {
+      "d81b 83 65 'Names' a0 a1 41 ff 01",           // in the plain dictionary
+      "d81b 83 65 'Names' a1 41 ff a1 41 fe 01 a0",  // nested below a name
+      "d81b 83 65 'Names' a1 41 'a' 01 a0",          // UTF-8 bytes, which must be text
+      "a1 41 ff 01",                                 // anywhere else
+  };
+  for (const char* payload : refused) {
+    Result<Value> decoded = unarchiveSequential(hex(payload), testClasses());
+    ASSERT_FALSE(decoded) << payload;
+    EXPECT_EQ(decoded.error().code(), EIO);
+  }
+  EXPECT_FALSE(unarchiveKeyed(hex("d81b 82 65 'Names' a2 65 'names' a0 65 'plain' a1 41 ff 01"),
+                              testClasses()));
+}
+
 TEST(ArchiverTest, FindsEqualLargeSetElementsInLinearithmicTime) {
   constexpr std::int64_t kCount = 50000;
   Set numbers;

@@ -13,6 +13,7 @@
 #include "foundation/Archiver.h"
 #include "foundation/ByteOrder.h"
 #include "foundation/CborFormat.h"
+#include "foundation/NameValue.h"
 #include "foundation/Utf8.h"
 
 namespace krv {
@@ -143,6 +144,17 @@ class CborReader::SequentialItems final : public Decoder {
     return value;
   }
 
+  Result<Dictionary> decodeNameDictionary(std::string_view) override {
+    if (m_reader.m_failure) return *m_reader.m_failure;
+    if (m_remaining == 0) return archiveFault("object has fewer items than its class reads");
+    --m_remaining;
+    Value value{Number()};
+    if (!m_reader.readValue(m_depth, value, MapKeys::Names)) return *m_reader.m_failure;
+    Dictionary* dictionary = value.asDictionary();
+    if (dictionary == nullptr) return archiveFault("item is not a dictionary");
+    return std::move(*dictionary);
+  }
+
   bool allTaken() const { return m_remaining == 0; }
 
  private:
@@ -159,7 +171,30 @@ class CborReader::KeyedItems final : public Decoder {
 
   bool isKeyed() const override { return true; }
 
+  // The items were read before the class could say which of them are dictionaries of names, so
+  // each dictionary item was allowed name keys; an item taken as anything else must have text keys
+  // only (a key that is not UTF-8 can only have come as a byte string).
   Result<Value> decodeValue(std::string_view key) override {
+    KRV_TRY(Value value, take(key));
+    if (const Dictionary* dictionary = value.asDictionary()) {
+      for (const Dictionary::Entry& entry : *dictionary) {
+        if (!isValidUtf8(entry.first)) return archiveFault("map key is not a text string");
+      }
+    }
+    return value;
+  }
+
+  Result<Dictionary> decodeNameDictionary(std::string_view key) override {
+    KRV_TRY(Value value, take(key));
+    Dictionary* dictionary = value.asDictionary();
+    if (dictionary == nullptr) return archiveFault("item is not a dictionary");
+    return std::move(*dictionary);
+  }
+
+  bool allTaken() const { return m_takenCount == m_entries.size(); }
+
+ private:
+  Result<Value> take(std::string_view key) {
     for (std::size_t i = 0; i < m_entries.size(); ++i) {
       if (m_entries[i].first != key) continue;
       if (m_taken[i]) break;
@@ -173,9 +208,6 @@ class CborReader::KeyedItems final : public Decoder {
     return archiveFault(reason);
   }
 
-  bool allTaken() const { return m_takenCount == m_entries.size(); }
-
- private:
   std::vector<Dictionary::Entry>& m_entries;
   std::vector<bool> m_taken;
   std::size_t m_takenCount = 0;
@@ -265,7 +297,7 @@ bool CborReader::enter(int depth) {
   return true;
 }
 
-bool CborReader::readValue(int depth, Value& out) {
+bool CborReader::readValue(int depth, Value& out, MapKeys keys) {
   Head head;
   if (!readHead(head)) return false;
   switch (head.major) {
@@ -296,7 +328,7 @@ bool CborReader::readValue(int depth, Value& out) {
     }
     case kMajorMap: {
       Dictionary dictionary;
-      if (!readMap(head.argument, depth, dictionary)) return false;
+      if (!readMap(head.argument, depth, dictionary, keys)) return false;
       out = Value(std::move(dictionary));
       return true;
     }
@@ -340,20 +372,35 @@ bool CborReader::readArray(std::uint64_t count, int depth, Array& out) {
   return true;
 }
 
+bool CborReader::readKey(MapKeys keys, std::string_view& key) {
+  Head head;
+  if (!readHead(head)) return false;
+  if (head.major == kMajorText) return takeText(head.argument, key);
+  if (head.major != kMajorBytes || keys != MapKeys::Names) {
+    return fail("map key is not a text string");
+  }
+  // A name travels as bytes only when it is not UTF-8: every name has exactly one form, so equal
+  // names are equal keys.
+  const std::uint8_t* bytes = nullptr;
+  if (!takeBytes(head.argument, bytes)) return false;
+  const auto size = static_cast<std::size_t>(head.argument);
+  key = std::string_view(reinterpret_cast<const char*>(bytes), size);
+  if (isValidUtf8(key)) return fail("name key of UTF-8 bytes is not a text string");
+  return true;
+}
+
 template <class Entries>
-bool CborReader::readMap(std::uint64_t count, int depth, Entries& out) {
+bool CborReader::readMap(std::uint64_t count, int depth, Entries& out, MapKeys keys,
+                         MapKeys valueKeys) {
   if (!enter(depth)) return false;
   // Every entry takes at least two bytes.
   if (count > remaining() / 2) return fail("map length runs past the end");
   out.reserve(static_cast<std::size_t>(std::min(count, kMaximumReservation)));
   for (std::uint64_t i = 0; i < count; ++i) {
-    Head keyHead;
-    if (!readHead(keyHead)) return false;
-    if (keyHead.major != kMajorText) return fail("map key is not a text string");
     std::string_view key;
-    if (!takeText(keyHead.argument, key)) return false;
+    if (!readKey(keys, key)) return false;
     Value value{Number()};
-    if (!readValue(depth + 1, value)) return false;
+    if (!readValue(depth + 1, value, valueKeys)) return false;
     out.append(std::string(key), std::move(value));
   }
   if (findDuplicateKey(out.entries())) return fail("duplicate map key");
@@ -467,7 +514,7 @@ bool CborReader::readObject(int depth, Value& out) {
   if (!readHead(mapHead)) return false;
   if (mapHead.major != kMajorMap) return fail("keyed object without a map of items");
   EntryList entries;
-  if (!readMap(mapHead.argument, depth + 1, entries)) return false;
+  if (!readMap(mapHead.argument, depth + 1, entries, MapKeys::Text, MapKeys::Names)) return false;
   KeyedItems items(entries.entries());
   Result<ObjectRef> object = decode(items);
   return finishObject(std::move(object), items.allTaken(), out);

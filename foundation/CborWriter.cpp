@@ -10,6 +10,7 @@
 #include "foundation/Assert.h"
 #include "foundation/ByteOrder.h"
 #include "foundation/CborFormat.h"
+#include "foundation/NameValue.h"
 
 namespace krv {
 
@@ -61,6 +62,10 @@ class ItemWriter final : public Encoder {
   void encodeDictionary(std::string_view key, const Dictionary& value) override {
     writeKey(key);
     m_writer.writeDictionary(value, m_form);
+  }
+  void encodeNameDictionary(std::string_view key, const Dictionary& value) override {
+    writeKey(key);
+    m_writer.writeNameDictionary(value, m_form);
   }
 
   std::size_t written() const { return m_written; }
@@ -346,6 +351,18 @@ void CborWriter::writeDictionary(const Dictionary& dictionary, ArchiveForm form)
   writeMapHeader(dictionary.size());
   for (const auto& [key, element] : dictionary) {
     writeText(key);
+    writeValue(element, form);
+  }
+}
+
+void CborWriter::writeNameDictionary(const Dictionary& dictionary, ArchiveForm form) {
+  writeMapHeader(dictionary.size());
+  for (const auto& [key, element] : dictionary) {
+    if (isValidUtf8(key)) {
+      writeText(key);
+    } else {
+      writeBytes({reinterpret_cast<const std::uint8_t*>(key.data()), key.size()});
+    }
     writeValue(element, form);
   }
 }

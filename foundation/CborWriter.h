@@ -56,6 +56,8 @@ class CborWriter {
 
   void writeArray(const Array& array, ArchiveForm form);
   void writeDictionary(const Dictionary& dictionary, ArchiveForm form);
+  // Keys by the names rule: text when they are UTF-8, byte strings otherwise.
+  void writeNameDictionary(const Dictionary& dictionary, ArchiveForm form);
   void writeSet(const Set& set, ArchiveForm form);
 
   // A byte string that is equal for two values exactly when the values are equal (Value's

@@ -46,6 +46,13 @@ class Decoder {
   Result<Data> decodeData(std::string_view key);
   Result<Array> decodeArray(std::string_view key);
   Result<Dictionary> decodeDictionary(std::string_view key);
+  // A dictionary whose keys are names (a snapshot's extended attributes): each key came as text or,
+  // when its bytes are not UTF-8, as a byte string (foundation/NameValue.h); the keys hold the
+  // bytes. This is the one place where a map key may be other than text. Decoders that cannot
+  // tell the forms apart take a dictionary of text keys.
+  virtual Result<Dictionary> decodeNameDictionary(std::string_view key) {
+    return decodeDictionary(key);
+  }
 };
 
 using DecodeFunction = Result<ObjectRef> (*)(Decoder&);

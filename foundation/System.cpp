@@ -67,6 +67,14 @@ Result<std::size_t> readAt(int fd, std::span<std::uint8_t> buffer, off_t offset)
   }
 }
 
+Result<std::size_t> writeAt(int fd, std::span<const std::uint8_t> buffer, off_t offset) {
+  for (;;) {
+    ssize_t count = ::pwrite(fd, buffer.data(), buffer.size(), offset);
+    if (count >= 0) return static_cast<std::size_t>(count);
+    if (errno != EINTR) return Error::fromErrno("pwrite");
+  }
+}
+
 Result<std::size_t> write(int fd, std::span<const std::uint8_t> buffer) {
   for (;;) {
     ssize_t count = ::write(fd, buffer.data(), buffer.size());

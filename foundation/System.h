@@ -46,6 +46,8 @@ Result<std::size_t> read(int fd, std::span<std::uint8_t> buffer);
 Result<std::size_t> write(int fd, std::span<const std::uint8_t> buffer);
 // pread: one read at `offset` without moving the file position, retried on EINTR.
 Result<std::size_t> readAt(int fd, std::span<std::uint8_t> buffer, off_t offset);
+// pwrite: one write at `offset` without moving the file position, retried on EINTR.
+Result<std::size_t> writeAt(int fd, std::span<const std::uint8_t> buffer, off_t offset);
 // Writes the whole buffer; a write of 0 bytes is EPIPE.
 Status writeAll(int fd, std::span<const std::uint8_t> buffer);
 // Reads a whole (small) file; refuses files larger than maxSize with EFBIG.

@@ -3,9 +3,11 @@
 #include <fcntl.h>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
+#include <sys/syscall.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -13,6 +15,55 @@
 #include "foundation/System.h"
 
 namespace krv::sys {
+
+namespace {
+
+// The numbers of getxattrat and listxattrat, the same on every architecture of the shared table.
+constexpr long kGetXattrAtCall = 464;
+constexpr long kListXattrAtCall = 465;
+
+// The argument block of getxattrat.
+struct XattrArguments {
+  std::uint64_t value;
+  std::uint32_t size;
+  std::uint32_t flags;
+};
+
+// Cleared once the kernel (or a sandbox) turns out to refuse the *xattrat calls.
+std::atomic<bool> g_hasXattrAtCalls{true};
+
+// The path a path-based call takes for `path` relative to directoryFd.
+std::string pathFromFolder(int directoryFd, const char* path) {
+  if (directoryFd == AT_FDCWD || path[0] == '/') return path;
+  std::string result = "/proc/self/fd/" + std::to_string(directoryFd);
+  if (path[0] != '\0') {
+    result += '/';
+    result += path;
+  }
+  return result;
+}
+
+// Runs the *xattrat form while the kernel has it, else (or when it turns out to be missing or
+// refused by a sandbox) the path-based form.
+template <class AtCall, class PathCall>
+Result<std::size_t> xattrCall(const char* name, AtCall atCall, PathCall pathCall) {
+  if (g_hasXattrAtCalls.load(std::memory_order_relaxed)) {
+    long result = atCall();
+    if (result >= 0) return static_cast<std::size_t>(result);
+    if (errno != ENOSYS && errno != EPERM) return Error::fromErrno(name);
+    const bool missing = errno == ENOSYS;
+    ssize_t fallback = pathCall();
+    // A sandbox answers EPERM for calls it does not know; the call itself never does.
+    if (missing || fallback >= 0) g_hasXattrAtCalls.store(false, std::memory_order_relaxed);
+    if (fallback >= 0) return static_cast<std::size_t>(fallback);
+    return Error::fromErrno(name);
+  }
+  ssize_t result = pathCall();
+  if (result >= 0) return static_cast<std::size_t>(result);
+  return Error::fromErrno(name);
+}
+
+}  // namespace
 
 Result<struct statx> statxAt(int directoryFd, const char* path, int flags, unsigned mask) {
   struct statx status {};
@@ -180,6 +231,50 @@ Result<std::vector<std::string>> listExtendedAttributes(const char* path, LinkHa
     return names;
   }
   return Error::posix(ERANGE, "listxattr");
+}
+
+Result<std::size_t> listExtendedAttributesAt(int directoryFd, const char* path, LinkHandling links,
+                                             std::span<char> buffer) {
+  if (path[0] == '\0') {
+    const ssize_t length = ::flistxattr(directoryFd, buffer.data(), buffer.size());
+    if (length < 0) return Error::fromErrno("flistxattr");
+    return static_cast<std::size_t>(length);
+  }
+  const bool follow = links == LinkHandling::Follow;
+  return xattrCall(
+      "listxattrat",
+      [&] {
+        return ::syscall(kListXattrAtCall, directoryFd, path, follow ? 0 : AT_SYMLINK_NOFOLLOW,
+                         buffer.data(), buffer.size());
+      },
+      [&] {
+        const std::string target = pathFromFolder(directoryFd, path);
+        return follow ? ::listxattr(target.c_str(), buffer.data(), buffer.size())
+                      : ::llistxattr(target.c_str(), buffer.data(), buffer.size());
+      });
+}
+
+Result<std::size_t> getExtendedAttributeAt(int directoryFd, const char* path, const char* name,
+                                           LinkHandling links, std::span<std::uint8_t> buffer) {
+  if (path[0] == '\0') {
+    const ssize_t length = ::fgetxattr(directoryFd, name, buffer.data(), buffer.size());
+    if (length < 0) return Error::fromErrno("fgetxattr");
+    return static_cast<std::size_t>(length);
+  }
+  const bool follow = links == LinkHandling::Follow;
+  return xattrCall(
+      "getxattrat",
+      [&] {
+        XattrArguments arguments{reinterpret_cast<std::uintptr_t>(buffer.data()),
+                                 static_cast<std::uint32_t>(buffer.size()), 0};
+        return ::syscall(kGetXattrAtCall, directoryFd, path, follow ? 0 : AT_SYMLINK_NOFOLLOW, name,
+                         &arguments, sizeof arguments);
+      },
+      [&] {
+        const std::string target = pathFromFolder(directoryFd, path);
+        return follow ? ::getxattr(target.c_str(), name, buffer.data(), buffer.size())
+                      : ::lgetxattr(target.c_str(), name, buffer.data(), buffer.size());
+      });
 }
 
 Result<int> getInodeFlags(int fd) {

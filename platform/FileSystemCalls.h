@@ -78,6 +78,19 @@ Status removeExtendedAttribute(const char* path, const char* name, LinkHandling 
 // The names of an object's attributes; a file system without attributes lists none.
 Result<std::vector<std::string>> listExtendedAttributes(const char* path, LinkHandling links);
 
+// Extended attributes of `path` relative to an open folder, as the *at() calls take it (AT_FDCWD
+// and absolute paths work too), one call each: the kernel's getxattrat and listxattrat (Linux
+// 6.13), or where it has none (or a sandbox refuses them) the path-based calls through the
+// folder's /proc/self/fd path. The kernel's answer is passed on as it is: the length, ERANGE for a
+// buffer that is too small, ENODATA for a missing attribute, EOPNOTSUPP where the file system keeps
+// none. An empty buffer asks for the length. The kernel prepares room for the whole buffer, so
+// callers start small and grow on ERANGE. An empty path means the object open at directoryFd (an
+// ordinary descriptor, not O_PATH), whose attributes are read through it.
+Result<std::size_t> listExtendedAttributesAt(int directoryFd, const char* path, LinkHandling links,
+                                             std::span<char> buffer);
+Result<std::size_t> getExtendedAttributeAt(int directoryFd, const char* path, const char* name,
+                                           LinkHandling links, std::span<std::uint8_t> buffer);
+
 // FS_IOC_GETFLAGS / FS_IOC_SETFLAGS on a descriptor opened for reading. The errno of the kernel
 // is passed on unchanged (ENOTTY: the file system has no inode flags).
 Result<int> getInodeFlags(int fd);

@@ -36,12 +36,13 @@ class ExecutorWithPipe {
     auto command = KRVPrivilegedCommand::privilegedCommandWithCode(code, std::move(arguments));
     return m_executor.executeCommand(*command);
   }
-  // Every message written since the last call.
-  std::vector<Error> messages() {
+  // Every message written since the last call (of the classes given).
+  std::vector<Error> messages(
+      const ClassRegistry& classes = KRVPrivilegedCommand::transportClasses()) {
     std::vector<Error> result;
     (void)sys::setNonBlocking(m_reader.get(), true);
     for (;;) {
-      Result<Value> object = KRVSecurityAgent::readObject(m_reader.get());
+      Result<Value> object = KRVSecurityAgent::readObject(m_reader.get(), classes);
       if (!object || object->objectAs<Error>() == nullptr) break;
       result.push_back(*object->objectAs<Error>());
     }

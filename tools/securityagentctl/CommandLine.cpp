@@ -133,16 +133,24 @@ Result<Options> parseCommandLine(const std::vector<std::string>& words) {
     } else if (word == "--socket") {
       if (++index >= words.size()) return usageError("--socket needs a path");
       options.socketPath = words[index];
+    } else if (word == "--save" || word == "--show") {
+      if (++index >= words.size() || words[index].empty()) {
+        return usageError(word + " needs a file");
+      }
+      (word == "--save" ? options.saveFile : options.showFile) = words[index];
     } else {
       return usageError("unknown option " + word);
     }
   }
-  if (options.help || options.listCommands) return options;
+  if (options.help || options.listCommands || !options.showFile.empty()) return options;
   if (index >= words.size()) return usageError("no command given");
 
   std::optional<std::uint32_t> code = codeForName(words[index]);
   if (!code) return usageError("unknown command " + words[index]);
   options.commandCode = *code;
+  if (!options.saveFile.empty() && *code != kCompareFoldersCode) {
+    return usageError("--save keeps the result of compare-folders only");
+  }
   const CommandRecord* record = commandRecord(*code);
   std::vector<std::string> texts(words.begin() + static_cast<std::ptrdiff_t>(index) + 1,
                                  words.end());
@@ -164,6 +172,8 @@ Result<Options> parseCommandLine(const std::vector<std::string>& words) {
 std::string usage() {
   return "usage: securityagentctl [--json] [--quiet] [--deauthorize] [--socket PATH] COMMAND "
          "[ARGUMENT ...]\n"
+         "       securityagentctl [--save FILE] compare-folders FIRST SECOND MARKER COUNT MODE\n"
+         "       securityagentctl [--json] --show FILE\n"
          "       securityagentctl --list\n"
          "COMMAND is a code or a name from --list. Number arguments take integers, reals or\n"
          "true/false; data arguments take @FILE, hex:DIGITS or plain text.\n";

@@ -22,6 +22,9 @@
 
 namespace krv::ctl {
 
+// The folder comparison, whose records the client shows as lines and can save.
+inline constexpr std::uint32_t kCompareFoldersCode = 52;
+
 struct Options {
   bool json = false;
   bool quiet = false;
@@ -29,6 +32,8 @@ struct Options {
   bool listCommands = false;
   bool help = false;
   std::string socketPath;
+  std::string saveFile;  // --save FILE: keep a folder comparison's result there
+  std::string showFile;  // --show FILE: show a saved comparison instead of running a command
   std::uint32_t commandCode = 0;
   Array arguments;
 };

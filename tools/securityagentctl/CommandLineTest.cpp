@@ -79,6 +79,19 @@ TEST(CommandLineTest, RefusesWrongCountsAndBadNumbers) {
   EXPECT_TRUE(parseCommandLine({"delete-file-objects"}));  // any number, zero included
 }
 
+TEST(CommandLineTest, SavesAndShowsComparisonsOnly) {
+  Result<Options> saving =
+      parseCommandLine({"--save", "/tmp/c", "compare-folders", "/a", "/b", "/m", "10", "3"});
+  ASSERT_TRUE(saving);
+  EXPECT_EQ(saving->saveFile, "/tmp/c");
+  EXPECT_EQ(saving->commandCode, 52u);
+  EXPECT_FALSE(parseCommandLine({"--save", "/tmp/c", "version"}));
+  EXPECT_FALSE(parseCommandLine({"--save"}));
+  Result<Options> showing = parseCommandLine({"--json", "--show", "/tmp/c"});
+  ASSERT_TRUE(showing);
+  EXPECT_EQ(showing->showFile, "/tmp/c");
+}
+
 TEST(ResultPrinterTest, RendersResultsAsJson) {
   Dictionary info;
   info.set("AgentVersionBuild", Value("121004"));

@@ -79,6 +79,39 @@ void appendJsonData(std::string& out, const Data& data) {
 
 void appendJson(std::string& out, const Value& value);
 
+// The keyed items of an object, each as a member of a JSON object under construction.
+class JsonItems final : public Encoder {
+ public:
+  explicit JsonItems(std::string& out) : m_out(out) {}
+  bool isKeyed() const override { return true; }
+  void encodeValue(std::string_view key, const Value& value) override {
+    member(key);
+    appendJson(m_out, value);
+  }
+  // Names may be any bytes and JSON keys must be text: the entries become an array, each with its
+  // name under "Name".
+  void encodeNameDictionary(std::string_view key, const Dictionary& value) override {
+    member(key);
+    m_out += '[';
+    bool first = true;
+    for (const auto& [name, entry] : value) {
+      if (!first) m_out += ',';
+      first = false;
+      Dictionary named;
+      named.append("Name", nameValue(name));
+      if (const Dictionary* fields = entry.asDictionary()) {
+        for (const auto& [field, item] : *fields) named.append(field, item);
+      }
+      appendJson(m_out, Value(std::move(named)));
+    }
+    m_out += ']';
+  }
+
+ private:
+  void member(std::string_view key);
+  std::string& m_out;
+};
+
 void appendElements(std::string& out, const std::vector<Value>& elements) {
   out += '[';
   for (std::size_t i = 0; i < elements.size(); ++i) {
@@ -149,11 +182,20 @@ void appendJson(std::string& out, const Value& value) {
         appendJsonString(out, error->domain());
         out += format(",\"code\":%lld,\"userInfo\":", static_cast<long long>(error->code()));
         appendDictionary(out, error->userInfo());
+      } else {
+        JsonItems items(out);
+        object.encode(items);
       }
       out += '}';
       break;
     }
   }
+}
+
+void JsonItems::member(std::string_view key) {
+  m_out += ',';
+  appendJsonString(m_out, key);
+  m_out += ':';
 }
 
 void writeOut(int fd, std::string_view text) {
@@ -214,6 +256,17 @@ std::string resultToJson(const Error& result) {
   return out;
 }
 
+namespace {
+
+// ": " and the text of the result's UnderlyingErrorCode, an errno; "" without one.
+std::string underlyingErrorText(const Error& result) {
+  const Value* code = result.userInfo().find(key::kUnderlyingErrorCode);
+  if (code == nullptr || code->asNumber() == nullptr) return "";
+  return ": " + sys::errorText(code->asNumber()->intValue());
+}
+
+}  // namespace
+
 std::string explainResult(const Error& result) {
   const std::int64_t code = result.code();
   if (result.domain() == kPosixErrorDomain) {
@@ -268,6 +321,12 @@ std::string explainResult(const Error& result) {
         return "the program is not safe to run";
       case kResultProgramFailed:
         return "the program failed";
+      case kResultAclNotSet:
+        return "the access control list could not be set" + underlyingErrorText(result);
+      case kResultStatusNotRead:
+        return "the object could not be read" + underlyingErrorText(result);
+      case kResultPermissionsNotChanged:
+        return "the owner, group or permissions could not be changed" + underlyingErrorText(result);
       default:
         return "";
     }
@@ -281,6 +340,13 @@ ResultPrinter::ResultPrinter(bool json, bool quiet)
 void ResultPrinter::drawProgress(double progress) {
   if (!m_showProgress) return;
   if (!(progress >= 0.0)) progress = 0.0;
+  // A command that could not know its total reports a count instead (a propagation of
+  // permissions told to expect no objects): shown as the number it is.
+  if (progress > 1.0 && std::isfinite(progress)) {
+    writeOut(STDERR_FILENO, format("\r%.0f", progress));
+    m_progressShown = true;
+    return;
+  }
   if (progress > 1.0) progress = 1.0;
   constexpr int kWidth = 40;
   int filled = static_cast<int>(progress * kWidth);
@@ -295,6 +361,10 @@ void ResultPrinter::endProgress() {
   if (!m_progressShown) return;
   writeOut(STDERR_FILENO, "\n");
   m_progressShown = false;
+}
+
+void ResultPrinter::showComparison(std::string_view firstFolder, std::string_view secondFolder) {
+  m_comparison.emplace(firstFolder, secondFolder);
 }
 
 void ResultPrinter::report(const Error& report) {
@@ -318,6 +388,8 @@ void ResultPrinter::report(const Error& report) {
   bool hasPayload = false;
   for (const auto& [key, value] : info) {
     if (key == key::kCurrentProgress || value.asArray() == nullptr) continue;
+    // A comparison reports every 100 objects, mostly without records: nothing to show then.
+    if (key == key::kMismatchList && value.asArray()->empty()) continue;
     hasPayload = true;
     if (m_json) {
       Dictionary chunk;
@@ -326,11 +398,17 @@ void ResultPrinter::report(const Error& report) {
       continue;
     }
     endProgress();
+    std::string lines;
     for (const Value& element : *value.asArray()) {
-      std::string line =
-          element.asDictionary() ? describeRecord(*element.asDictionary()) : readableValue(element);
-      writeOut(STDOUT_FILENO, line + "\n");
+      if (key == key::kMismatchList && m_comparison) {
+        lines += m_comparison->line(element);
+      } else {
+        lines += element.asDictionary() ? describeRecord(*element.asDictionary())
+                                        : readableValue(element);
+      }
+      lines += '\n';
     }
+    writeOut(STDOUT_FILENO, lines);
   }
   if (!hasPayload || m_showProgress) drawProgress(fraction);
 }
@@ -345,6 +423,7 @@ void ResultPrinter::finish(const Error& result) {
     return;
   }
   std::string text;
+  if (m_comparison) writeOut(STDOUT_FILENO, m_comparison->summary() + "\n");
   if (result.code() == 0 && result.domain() != kPosixErrorDomain) {
     text = "OK\n";
   } else {

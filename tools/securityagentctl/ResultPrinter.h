@@ -6,15 +6,19 @@
 // values as they came. Used by the client's one thread.
 
 #include <cstdio>
+#include <optional>
 #include <string>
+#include <string_view>
 
 #include "foundation/Error.h"
+#include "tools/securityagentctl/ComparisonReport.h"
 
 namespace krv::ctl {
 
 // A value as JSON (pure ASCII): text as strings, byte strings (data, and names that are not UTF-8)
 // as {"base64": text}, dates as ISO 8601 UTC text, sets as arrays, objects as
-// {"class": name, items...}.
+// {"class": name, items...} (the keyed items; a dictionary of names, whose keys may be any bytes,
+// as an array of its entries with "Name" added).
 std::string toJson(const Value& value);
 // The final result as one JSON document: {"domain": ..., "code": ..., "userInfo": {...}}.
 std::string resultToJson(const Error& result);
@@ -24,6 +28,9 @@ std::string explainResult(const Error& result);
 class ResultPrinter {
  public:
   ResultPrinter(bool json, bool quiet);
+
+  // Shows the records of a folder comparison of these folders as lines, with a summary at the end.
+  void showComparison(std::string_view firstFolder, std::string_view secondFolder);
 
   void report(const Error& report);
   void finish(const Error& result);
@@ -35,6 +42,7 @@ class ResultPrinter {
   bool m_json;
   bool m_showProgress;
   bool m_progressShown = false;
+  std::optional<ComparisonLines> m_comparison;
 };
 
 }  // namespace krv::ctl

@@ -3,15 +3,46 @@
 // 2 for a usage error, 3 when the daemon cannot be reached.
 
 #include <cstdio>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "filesystem/KRVFileSystemObjectDescription.h"
+#include "foundation/NameValue.h"
+#include "protocol/CommandTable.h"
 #include "protocol/KRVSecurityAgent.h"
 #include "tools/securityagentctl/CommandLine.h"
+#include "tools/securityagentctl/ComparisonReport.h"
 #include "tools/securityagentctl/ResultPrinter.h"
 
+namespace {
+
+using namespace krv;
+
+bool succeeded(const Error& result) {
+  return result.code() == 0 && result.domain() != kPosixErrorDomain;
+}
+
+// --show FILE: a saved comparison, shown as when it ran.
+int showSavedComparison(const ctl::Options& options) {
+  Result<ctl::SavedComparison> saved = ctl::readSavedComparison(options.showFile);
+  if (!saved) {
+    std::fprintf(stderr, "securityagentctl: cannot read %s: %s\n",
+                 escapedName(options.showFile).c_str(), saved.error().description().c_str());
+    return 1;
+  }
+  ctl::ResultPrinter printer(options.json, true);
+  printer.showComparison(saved->firstFolder, saved->secondFolder);
+  Dictionary records;
+  records.append(std::string(key::kMismatchList), Value(std::move(saved->records)));
+  printer.report(Error(std::string(kTransportErrorDomain), 1, std::move(records)));
+  printer.finish(saved->result);
+  return succeeded(saved->result) ? 0 : 1;
+}
+
+}  // namespace
+
 int main(int argc, char** argv) {
-  using namespace krv;
   std::vector<std::string> words(argv + 1, argv + argc);
   Result<ctl::Options> options = ctl::parseCommandLine(words);
   if (!options) {
@@ -27,6 +58,7 @@ int main(int argc, char** argv) {
     std::fputs(ctl::commandList().c_str(), stdout);
     return 0;
   }
+  if (!options->showFile.empty()) return showSavedComparison(*options);
 
   std::string socketPath = options->socketPath.empty()
                                ? KRVSecurityAgent::pathForCommunicationSocket()
@@ -37,11 +69,47 @@ int main(int argc, char** argv) {
                  socketPath.c_str());
     return 3;
   }
+  ctl::ResultPrinter printer(options->json, options->quiet);
+  std::optional<ctl::ComparisonArchiveWriter> archive;
+  std::optional<Error> archiveFailure;
+  if (options->commandCode == ctl::kCompareFoldersCode) {
+    // The reports carry snapshots; the arguments are the folders and the mode.
+    agent->setResponseClasses(&KRVFileSystemObjectDescription::comparisonClasses());
+    const std::string first = nameBytes(options->arguments[0]).value_or(std::string());
+    const std::string second = nameBytes(options->arguments[1]).value_or(std::string());
+    printer.showComparison(first, second);
+    if (!options->saveFile.empty()) {
+      const Number* mode = options->arguments[4].asNumber();
+      Result<ctl::ComparisonArchiveWriter> writer = ctl::ComparisonArchiveWriter::create(
+          options->saveFile, first, second, mode != nullptr ? mode->unsignedIntegerValue() : 0);
+      if (!writer) {
+        std::fprintf(stderr, "securityagentctl: cannot save to %s: %s\n",
+                     escapedName(options->saveFile).c_str(), writer.error().description().c_str());
+        return 1;
+      }
+      archive.emplace(std::move(*writer));
+    }
+  }
   std::unique_ptr<KRVPrivilegedCommand> command = KRVPrivilegedCommand::privilegedCommandWithCode(
       options->commandCode, std::move(options->arguments));
-  ctl::ResultPrinter printer(options->json, options->quiet);
-  agent->setReportHandler([&printer](const Error& report) { printer.report(report); });
+  agent->setReportHandler([&](const Error& report) {
+    printer.report(report);
+    const Value* records = report.userInfo().find(key::kMismatchList);
+    if (archive && !archiveFailure && records != nullptr && records->asArray() != nullptr) {
+      if (Status added = archive->addRecords(*records->asArray()); !added) {
+        archiveFailure = std::move(added).error();
+      }
+    }
+  });
   Error result = agent->executeAtomicPrivilegedCommand(*command, options->deauthorize);
   printer.finish(result);
-  return result.code() == 0 && result.domain() != kPosixErrorDomain ? 0 : 1;
+  if (archive && !archiveFailure) {
+    if (Status finished = archive->finish(result); !finished) archiveFailure = finished.error();
+  }
+  if (archiveFailure) {
+    std::fprintf(stderr, "securityagentctl: cannot save to %s: %s\n",
+                 escapedName(options->saveFile).c_str(), archiveFailure->description().c_str());
+    return 1;
+  }
+  return succeeded(result) ? 0 : 1;
 }
