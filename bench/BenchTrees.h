@@ -8,6 +8,7 @@
 
 #include <fcntl.h>
 #include <spawn.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -94,9 +95,15 @@ bool ensureTree(const std::string& base, Make make) {
   return make(base);
 }
 
-// Runs a program with its standard output on `outputFd` and its standard error on /dev/null, and
-// answers its wall time in seconds (negative when it could not be started or did not exit 0).
-inline double timeProgram(const std::vector<std::string>& words, int outputFd) {
+// The wall time of a program's run and the processor time it used (user and system, all its
+// threads), in seconds; seconds is negative when it could not be started or did not exit 0.
+struct ProgramTime {
+  double seconds = -1;
+  double processorSeconds = 0;
+};
+
+// Runs a program with its standard output on `outputFd` and its standard error on /dev/null.
+inline ProgramTime runProgram(const std::vector<std::string>& words, int outputFd) {
   std::vector<char*> argv;
   for (const std::string& word : words) argv.push_back(const_cast<char*>(word.c_str()));
   argv.push_back(nullptr);
@@ -108,12 +115,22 @@ inline double timeProgram(const std::vector<std::string>& words, int outputFd) {
   pid_t pid = 0;
   const int spawned = ::posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ);
   posix_spawn_file_actions_destroy(&actions);
-  if (spawned != 0) return -1;
+  if (spawned != 0) return {};
   int status = 0;
-  ::waitpid(pid, &status, 0);
-  const double seconds =
-      std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-  return WIFEXITED(status) && WEXITSTATUS(status) == 0 ? seconds : -1;
+  struct rusage usage {};
+  ::wait4(pid, &status, 0, &usage);
+  ProgramTime time;
+  time.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  time.processorSeconds =
+      static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+      static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) time.seconds = -1;
+  return time;
+}
+
+// The wall time alone.
+inline double timeProgram(const std::vector<std::string>& words, int outputFd) {
+  return runProgram(words, outputFd).seconds;
 }
 
 }  // namespace krv::bench

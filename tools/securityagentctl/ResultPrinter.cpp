@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <charconv>
 #include <cmath>
 #include <cstring>
 
@@ -220,6 +221,40 @@ std::string readableValue(const Value& value, std::string_view key = {}) {
   return toJson(value);
 }
 
+// A name as escapedName writes it, without a copy where that is the name itself: printable ASCII
+// other than the backslash stands for itself.
+void appendEscapedName(std::string& out, std::string_view bytes) {
+  for (const char byte : bytes) {
+    if (byte < 0x20 || byte > 0x7E || byte == '\\') {
+      out += escapedName(bytes);
+      return;
+    }
+  }
+  out += bytes;
+}
+
+// The digits of `value` in `base`, at least `width` of them (zeros in front).
+void appendUnsigned(std::string& out, std::uint64_t value, int base, std::size_t width) {
+  char digits[64];
+  const std::to_chars_result end = std::to_chars(digits, digits + sizeof digits, value, base);
+  const auto length = static_cast<std::size_t>(end.ptr - digits);
+  if (length < width) out.append(width - length, '0');
+  out.append(digits, length);
+}
+
+// The line describeRecord writes for the record's dictionary.
+void appendRecordLine(std::string& out, const ObjectRecordView& record) {
+  appendEscapedName(out, record.path);
+  out += '\t';
+  appendEscapedName(out, record.type);
+  out += '\t';
+  appendUnsigned(out, record.size, 10, 1);
+  out += '\t';
+  if (!appendIsoDate(out, record.modificationDate)) out += isoDate(Date{record.modificationDate});
+  out += '\t';
+  appendUnsigned(out, record.posixMode, 8, 4);  // "%04llo"
+}
+
 std::string describeRecord(const Dictionary& record) {
   std::string line;
   for (const auto& [key, value] : record) {
@@ -411,6 +446,17 @@ void ResultPrinter::report(const Error& report) {
     writeOut(STDOUT_FILENO, lines);
   }
   if (!hasPayload || m_showProgress) drawProgress(fraction);
+}
+
+void ResultPrinter::reportRecords(double progress, std::span<const ObjectRecordView> records) {
+  endProgress();
+  m_lines.clear();
+  for (const ObjectRecordView& record : records) {
+    appendRecordLine(m_lines, record);
+    m_lines += '\n';
+  }
+  writeOut(STDOUT_FILENO, m_lines);
+  if (m_showProgress) drawProgress(progress);
 }
 
 void ResultPrinter::finish(const Error& result) {

@@ -7,10 +7,12 @@
 
 #include <cstdio>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 
 #include "foundation/Error.h"
+#include "protocol/ObjectRecordChunk.h"
 #include "tools/securityagentctl/ComparisonReport.h"
 
 namespace krv::ctl {
@@ -33,6 +35,11 @@ class ResultPrinter {
   void showComparison(std::string_view firstFolder, std::string_view secondFolder);
 
   void report(const Error& report);
+  // A payload chunk of object records read in place: shown exactly as report() shows the same
+  // chunk, one line per record, written with one write.
+  void reportRecords(double progress, std::span<const ObjectRecordView> records);
+  // Whether reportRecords may be given the chunks (the text output; the JSON output takes values).
+  bool showsRecordViews() const { return !m_json; }
   void finish(const Error& result);
 
  private:
@@ -42,6 +49,7 @@ class ResultPrinter {
   bool m_json;
   bool m_showProgress;
   bool m_progressShown = false;
+  std::string m_lines;  // the lines of one chunk, kept between chunks for its capacity
   std::optional<ComparisonLines> m_comparison;
 };
 

@@ -101,6 +101,11 @@ int main(int argc, char** argv) {
       }
     }
   });
+  if (printer.showsRecordViews()) {
+    agent->setRecordChunkHandler([&](double progress, std::span<const ObjectRecordView> records) {
+      printer.reportRecords(progress, records);
+    });
+  }
   Error result = agent->executeAtomicPrivilegedCommand(*command, options->deauthorize);
   printer.finish(result);
   if (archive && !archiveFailure) {
