@@ -6,6 +6,7 @@
 #include <limits.h>
 
 #include <algorithm>
+#include <bit>
 #include <cerrno>
 #include <cstring>
 #include <span>
@@ -13,6 +14,7 @@
 #include "executor/KRVCommandExecutor.h"
 #include "filesystem/FileAttributes.h"
 #include "foundation/Assert.h"
+#include "foundation/ByteOrder.h"
 #include "foundation/CborFormat.h"
 #include "foundation/CborWriter.h"
 #include "foundation/NameValue.h"
@@ -98,13 +100,76 @@ Decoded decode(std::span<const char> bytes, SpooledRecord& record, std::size_t& 
   return Decoded::Record;
 }
 
+// A CBOR head in its shortest form at `at`; answers the end.
+std::uint8_t* putHead(std::uint8_t* at, std::uint8_t major, std::uint64_t argument) {
+  using namespace cbor;
+  if (argument < kInfoOneByte) {
+    *at = initialByte(major, static_cast<std::uint8_t>(argument));
+    return at + 1;
+  }
+  std::size_t width = 8;
+  std::uint8_t info = kInfoEightBytes;
+  if (argument <= 0xFF) {
+    width = 1;
+    info = kInfoOneByte;
+  } else if (argument <= 0xFFFF) {
+    width = 2;
+    info = kInfoTwoBytes;
+  } else if (argument <= 0xFFFFFFFF) {
+    width = 4;
+    info = kInfoFourBytes;
+  }
+  *at++ = initialByte(major, info);
+  for (std::size_t i = width; i > 0; --i)
+    *at++ = static_cast<std::uint8_t>(argument >> (8 * (i - 1)));
+  return at;
+}
+
+// A text key with its head (every key here is shorter than 24 bytes).
+std::uint8_t* putKey(std::uint8_t* at, std::string_view key) {
+  *at++ = cbor::initialByte(cbor::kMajorText, static_cast<std::uint8_t>(key.size()));
+  std::memcpy(at, key.data(), key.size());
+  return at + key.size();
+}
+
+std::uint8_t* putString(std::uint8_t* at, std::uint8_t major, std::string_view bytes) {
+  at = putHead(at, major, bytes.size());
+  if (!bytes.empty()) std::memcpy(at, bytes.data(), bytes.size());
+  return at + bytes.size();
+}
+
+// The most bytes a record takes beyond its path and type: the map head, the five keys, the heads
+// of path, type, size and mode at their widest, the date's tag and float.
+constexpr std::size_t kRecordOverhead = 1 + 5 + 5 + 5 + 17 + 10 + 9 + 9 + 9 + 2 + 8 + 9;
+// Records up to this size are put together on the stack and appended with one copy.
+constexpr std::size_t kRecordBuffer = 1024;
+
 // The dictionary form of objectRecordValue, item for item, written without building it.
 void writeRecord(CborWriter& writer, std::string_view path, std::string_view type,
                  std::uint64_t size, Date modificationDate, std::uint32_t posixMode) {
+  static_assert(key::kPath.size() < 24 && key::kModificationDate.size() < 24 &&
+                key::kPOSIXMode.size() < 24);
+  // A path travels as text when it is UTF-8 and as bytes when it is not (nameValue).
+  const std::uint8_t pathMajor = isValidUtf8(path) ? cbor::kMajorText : cbor::kMajorBytes;
+  if (path.size() + type.size() + kRecordOverhead <= kRecordBuffer) {
+    std::uint8_t buffer[kRecordBuffer];
+    std::uint8_t* at = buffer;
+    *at++ = cbor::initialByte(cbor::kMajorMap, 5);
+    at = putString(putKey(at, key::kPath), pathMajor, path);
+    at = putString(putKey(at, key::kType), cbor::kMajorText, type);
+    at = putHead(putKey(at, key::kSize), cbor::kMajorUnsigned, size);
+    at = putKey(at, key::kModificationDate);
+    *at++ = cbor::initialByte(cbor::kMajorTag, static_cast<std::uint8_t>(cbor::kDateTag));
+    *at++ = cbor::kFloat64;
+    storeBigEndian(at, std::bit_cast<std::uint64_t>(modificationDate.secondsSince1970));
+    at += 8;
+    at = putHead(putKey(at, key::kPOSIXMode), cbor::kMajorUnsigned, posixMode);
+    writer.writeEncoded({buffer, static_cast<std::size_t>(at - buffer)});
+    return;
+  }
   writer.writeMapHeader(5);
   writer.writeText(key::kPath);
-  // A path travels as text when it is UTF-8 and as bytes when it is not (nameValue).
-  if (isValidUtf8(path)) {
+  if (pathMajor == cbor::kMajorText) {
     writer.writeText(path);
   } else {
     writer.writeBytes({reinterpret_cast<const std::uint8_t*>(path.data()), path.size()});
