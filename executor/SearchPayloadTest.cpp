@@ -44,6 +44,13 @@ class SearchPayloadTest : public test::FileCommandTest {
     m_tree.makeFile("base/line\nfeed\ttab.dat");
     m_tree.makeFolder("base/sticky", 01777);
     make({"base/link.dat -> length-1.dat", "base/fifo.dat|", "base/no-extension"});
+    // Paths around the size up to which a record is put together on the stack (about 1 KiB).
+    std::string deep = "base";
+    for (int level = 0; level < 5; ++level) {
+      deep += "/" + std::string(200, static_cast<char>('k' + level));
+      m_tree.makeFolder(deep);
+      m_tree.makeFile(deep + "/f.dat");
+    }
     // Enough objects for several chunks of every search, in three folders.
     for (int folder = 0; folder < 3; ++folder) {
       const std::string name = "base/folder-" + std::to_string(folder);
