@@ -49,12 +49,6 @@ std::uint8_t typeIndex(std::string_view type) {
 }
 
 template <class T>
-void put(std::vector<char>& out, const T& value) {
-  const char* bytes = reinterpret_cast<const char*>(&value);
-  out.insert(out.end(), bytes, bytes + sizeof value);
-}
-
-template <class T>
 T take(const char*& in) {
   T value;
   std::memcpy(&value, in, sizeof value);
@@ -62,13 +56,27 @@ T take(const char*& in) {
   return value;
 }
 
+// Appends the compact form: path length, path, type index, size, date, mode (kFixedPart bytes
+// besides the path), with one resize and a copy per field.
 void encode(const ObjectRecord& record, std::vector<char>& out) {
-  put(out, static_cast<std::uint32_t>(record.path.size()));
-  out.insert(out.end(), record.path.begin(), record.path.end());
-  put(out, typeIndex(record.type));
-  put(out, record.size);
-  put(out, record.modificationDate.secondsSince1970);
-  put(out, record.posixMode);
+  const auto pathLength = static_cast<std::uint32_t>(record.path.size());
+  const std::uint8_t type = typeIndex(record.type);
+  const double date = record.modificationDate.secondsSince1970;
+  static_assert(kFixedPart == sizeof pathLength + sizeof type + sizeof record.size + sizeof date +
+                                  sizeof record.posixMode);
+  const std::size_t start = out.size();
+  out.resize(start + kFixedPart + record.path.size());
+  char* at = out.data() + start;
+  const auto put = [&at](const void* bytes, std::size_t count) {
+    std::memcpy(at, bytes, count);
+    at += count;
+  };
+  put(&pathLength, sizeof pathLength);
+  put(record.path.data(), record.path.size());
+  put(&type, sizeof type);
+  put(&record.size, sizeof record.size);
+  put(&date, sizeof date);
+  put(&record.posixMode, sizeof record.posixMode);
 }
 
 enum class Decoded : std::uint8_t { Record, Incomplete, Malformed };
