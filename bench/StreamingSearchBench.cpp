@@ -6,9 +6,10 @@
 //   multi-pattern search (46), *.dat find DIR -xdev -name '*.dat' -printf (same fields)
 //   prefix search (16), one folder   ls -f FOLDER
 //
-// each as a ratio of wall times (medians of rounds in which the contenders alternate), plus the
-// age search with --json (for information) and the daemon's peak resident memory (VmHWM) at the
-// end. Before the rounds every pair is run once into a pipe and its lines counted, so that a
+// each as a ratio of wall times (medians of rounds in which the contenders alternate) with the
+// processor time each side used (the daemon's share of a run and the client's, the tool's), plus
+// the age search with --json (for information) and the daemon's peak resident memory (VmHWM) at
+// the end. Before the rounds every pair is run once into a pipe and its lines counted, so that a
 // ratio is never reported for results that differ.
 //
 //   StreamingSearchBench [OBJECTS [ROUNDS [BINARY_DIR]]]   (defaults: 100000, 7, the build dir)
