@@ -69,10 +69,6 @@ CommandResult succeed(Executor, Arguments, uid_t) { return commandSuccess(); }
 CommandResult refuseUnknown(Executor, Arguments, uid_t) {
   return commandError(kResultUnknownCommand);
 }
-// A family this version does not carry: its records point here until its functions exist.
-CommandResult notAvailable(Executor, Arguments, uid_t) {
-  return KRVCommandExecutor::commandNotAvailable();
-}
 
 CommandResult getVersion(Executor executor, Arguments, uid_t) {
   return executor.getVersionInformation();
@@ -160,6 +156,15 @@ CommandResult setSystemConfig(Executor executor, Arguments a, uid_t) {
 CommandResult stopProcess(Executor executor, Arguments a, uid_t) {
   return executor.terminateProcessWithID(numberAt(a, 0).intValue());
 }
+
+// Permissions. The settings mask is 32 bits wide: a larger number keeps its low 32 bits.
+CommandResult setAccessControlList(Executor executor, Arguments a, uid_t) {
+  return executor.setAccessControlListAtPath(stringAt(a, 0), dataAt(a, 1));
+}
+CommandResult propagatePermissions(Executor executor, Arguments a, uid_t) {
+  return executor.propagatePermissionsAtPath(stringAt(a, 0), uintAt(a, 1), boolAt(a, 2),
+                                             static_cast<std::uint32_t>(uintAt(a, 3)));
+}
 template <Error (KRVCommandExecutor::*method)()>
 CommandResult withoutArguments(Executor executor, Arguments, uid_t) {
   return (executor.*method)();
@@ -207,12 +212,12 @@ constexpr DispatchRecord kDispatchTable[] = {
     {kCommandStopStartsoundControl, withoutArguments<&E::shutdownKWSAudioControlTool>},
     {kCommandStopProcess, stopProcess},
     {kCommandFlushLookupCache, withoutArguments<&E::flushLookupCache>},
-    // Permissions: the tools run as programs; access control lists are not available yet.
+    // Permissions: the tools run as programs; lists and propagation are the daemon's own.
     {kCommandManageAclSupport, withArgumentList<&E::manageACLSupportWithArguments>},
     {kCommandModifyPosixPermissions, withArgumentList<&E::changePOSIXPermissionsWithArguments>},
     {kCommandModifyOwnership, withArgumentList<&E::changeOwnerWithArguments>},
-    {kCommandModifyAclPermissions, notAvailable},
-    {kCommandPropagatePermissions, notAvailable},
+    {kCommandModifyAclPermissions, setAccessControlList},
+    {kCommandPropagatePermissions, propagatePermissions},
     // System programs.
     {kCommandUpdateDyldCache, withArgumentList<&E::updateDyLdCacheWithArguments>},
     {kCommandExecuteDitto, withArgumentList<&E::executeDittoWithArguments>},

@@ -47,22 +47,6 @@ TEST(CommandDispatchTest, AnswersTheCommandsOfTheDispatcherItself) {
   EXPECT_TRUE(run(kCommandReserved, {})->is(kCommandErrorDomain, kResultUnknownCommand));
 }
 
-TEST(CommandDispatchTest, FamiliesNotInThisVersionAnswerNotAvailable) {
-  // Access control lists. (The system settings act on the host: their tests point them at a
-  // temporary tree, see SettingsTestSupport.h.)
-  const std::pair<std::uint32_t, Array> commands[] = {
-      {kCommandModifyAclPermissions, {Value("/x"), Value(Data{1})}},
-      {kCommandPropagatePermissions,
-       {Value("/x"), Value::integer(1), Value::integer(1), Value::integer(7)}},
-  };
-  for (const auto& [code, arguments] : commands) {
-    CommandResult result = run(code, arguments);
-    ASSERT_TRUE(result) << code;
-    EXPECT_TRUE(result->is(kPosixErrorDomain, ENOSYS)) << code;
-    EXPECT_NE(result->userInfo().find("UnderlyingErrorMessage"), nullptr) << code;
-  }
-}
-
 TEST(CommandDispatchTest, RestoresTheFileCreationMask) {
   mode_t before = ::umask(022);
   run(kCommandGetVersion, {});

@@ -209,9 +209,17 @@ class KRVCommandExecutor final : public TaskDelegate {
                                      const std::string& abortMarkerPath,
                                      std::uint64_t expectedCount, std::uint64_t compareMode);
 
-  // ---- Commands whose family is not available in this version (UnavailableCommands.cpp) ----
-  // Access control lists (34, 35).
-  static Error commandNotAvailable();
+  // ---- Access control lists and propagated permissions (PermissionCommands.cpp) ----
+  // Sets the list of a byte form on the object (a final link followed by the rule). Code 3 for an
+  // empty path, empty data or a malformed form; otherwise FailingPath and UnderlyingErrorCode with
+  // code 20 and the errno when the list could not be set, code 0 and 0 when it was.
+  Error setAccessControlListAtPath(const std::string& path, const Data& data);
+  // Copies the folder's settings the mask names to every object the walk of the folder yields
+  // (executor/PermissionPropagation.h), reporting progress every 100 objects; nothing when the
+  // final report cannot be delivered.
+  CommandResult propagatePermissionsAtPath(const std::string& path,
+                                           std::uint64_t expectedObjectCount, bool stayOnFileSystem,
+                                           std::uint32_t settingsMask);
 
  private:
   // The start routine of startThread's threads (the argument is the work handed over); it runs

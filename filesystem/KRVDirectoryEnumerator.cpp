@@ -50,22 +50,36 @@ std::unique_ptr<KRVDirectoryEnumerator> KRVDirectoryEnumerator::enumeratorAtPath
     return nullptr;
   }
 
+  // Level 0 is open even when the base cannot be read; the walk then yields nothing.
+  Result<UniqueFd> base = sys::open(path, O_RDONLY | O_DIRECTORY | O_NOCTTY);
+  std::optional<dev_t> device;
+  if (stayOnFileSystem) {
+    if (Result<struct stat> status = sys::lstat(path)) device = status->st_dev;
+  }
+  return startAt(base ? std::move(*base) : UniqueFd(), path, device);
+}
+
+std::unique_ptr<KRVDirectoryEnumerator> KRVDirectoryEnumerator::enumeratorAtFolder(
+    UniqueFd folder, const std::string& path, bool stayOnFileSystem) {
+  std::optional<dev_t> device;
+  if (stayOnFileSystem && folder.valid()) {
+    if (Result<struct stat> status = sys::fstat(folder.get())) device = status->st_dev;
+  }
+  return startAt(std::move(folder), path, device);
+}
+
+std::unique_ptr<KRVDirectoryEnumerator> KRVDirectoryEnumerator::startAt(
+    UniqueFd base, const std::string& path, std::optional<dev_t> baseDevice) {
   Result<DirectoryReader> reader = DirectoryReader::create(kMaximumOpenLevels);
   if (!reader) return nullptr;
   std::unique_ptr<KRVDirectoryEnumerator> enumerator(
       new KRVDirectoryEnumerator(std::move(*reader), path));
-
-  // Level 0 is open even when the base cannot be read; the walk then yields nothing.
-  Result<UniqueFd> base = sys::open(path, O_RDONLY | O_DIRECTORY | O_NOCTTY);
-  if (base) enumerator->m_guard.beginAt(base->get());
-  enumerator->m_reader.push(base ? std::move(*base) : UniqueFd());
+  if (base.valid()) enumerator->m_guard.beginAt(base.get());
+  enumerator->m_reader.push(std::move(base));
   enumerator->m_topIndex = 0;
-
-  if (stayOnFileSystem) {
-    if (Result<struct stat> status = sys::lstat(path)) {
-      enumerator->m_stayOnFileSystem = true;
-      enumerator->m_baseFileSystemId = status->st_dev;
-    }
+  if (baseDevice) {
+    enumerator->m_stayOnFileSystem = true;
+    enumerator->m_baseFileSystemId = *baseDevice;
   }
   return enumerator;
 }

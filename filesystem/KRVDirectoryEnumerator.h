@@ -61,6 +61,7 @@
 
 #include "filesystem/DirectoryReader.h"
 #include "filesystem/WalkGuard.h"
+#include "foundation/UniqueFd.h"
 
 namespace krv {
 
@@ -81,6 +82,14 @@ class KRVDirectoryEnumerator {
   // cleared.
   static std::unique_ptr<KRVDirectoryEnumerator> enumeratorAtPath(const std::string& path,
                                                                   bool stayOnFileSystem = false);
+  // A walk of a folder the caller has already pinned and opened for reading (`folder`), for walks
+  // whose base must not be looked up again by path. `path` is only the text the absolute paths
+  // begin with (and that the "/.vol" rule reads); it is never looked up. With stayOnFileSystem the
+  // device is the open folder's. An invalid descriptor gives an enumerator that returns nothing;
+  // nullptr only when no memory can be had for the buffers.
+  static std::unique_ptr<KRVDirectoryEnumerator> enumeratorAtFolder(UniqueFd folder,
+                                                                    const std::string& path,
+                                                                    bool stayOnFileSystem = false);
 
   ~KRVDirectoryEnumerator();
   KRVDirectoryEnumerator(const KRVDirectoryEnumerator&) = delete;
@@ -119,6 +128,9 @@ class KRVDirectoryEnumerator {
   friend class KRVDirectoryEnumeratorTestPeer;
 
   KRVDirectoryEnumerator(DirectoryReader reader, const std::string& basePath);
+  // The walk of the open base (level 0 even when `base` is invalid), on `baseDevice` when given.
+  static std::unique_ptr<KRVDirectoryEnumerator> startAt(UniqueFd base, const std::string& path,
+                                                         std::optional<dev_t> baseDevice);
   bool shouldEnter(int level, std::size_t nameOffset, std::size_t nameLength,
                    unsigned char directoryType);
   bool pushDirectory(std::size_t nameOffset, std::size_t nameLength, mode_t fileType);

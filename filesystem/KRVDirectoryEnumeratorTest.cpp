@@ -459,6 +459,28 @@ TEST_F(KRVDirectoryEnumeratorTreeTest, StayOnFileSystemStopsAtAMountPoint) {
   EXPECT_TRUE(crossing->has("mnt/sub"));
 }
 
+TEST_F(KRVDirectoryEnumeratorTreeTest, WalkOfAnOpenFolderNeverLooksItsPathUpAgain) {
+  makeTree({"pinned/", "pinned/a/", "pinned/a/x", "other/", "other/decoy"});
+  UniqueFd folder(::open(path("pinned").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  ASSERT_TRUE(folder.valid());
+  // Whatever the path names by now, the walk is of the folder that was opened.
+  ASSERT_EQ(::rename(path("pinned").c_str(), path("moved").c_str()), 0);
+  ASSERT_EQ(::rename(path("other").c_str(), path("pinned").c_str()), 0);
+  std::unique_ptr<KRVDirectoryEnumerator> walk =
+      KRVDirectoryEnumerator::enumeratorAtFolder(std::move(folder), path("pinned"), true);
+  ASSERT_NE(walk, nullptr);
+  EXPECT_TRUE(walk->shouldStayOnFileSystem());
+  ASSERT_TRUE(walk->nextObject());
+  EXPECT_EQ(walk->currentAbsolutePath(), path("pinned/a"));
+  EXPECT_EQ(walk->allObjects(), std::vector<std::string>{"a/x"});
+
+  // No folder at all: a walk that yields nothing.
+  walk = KRVDirectoryEnumerator::enumeratorAtFolder(UniqueFd(), path("pinned"), true);
+  ASSERT_NE(walk, nullptr);
+  EXPECT_FALSE(walk->shouldStayOnFileSystem());
+  EXPECT_FALSE(walk->nextObject());
+}
+
 TEST_F(KRVDirectoryEnumeratorTreeTest, RootBaseGetsNoExtraSeparatorAndVolumePrefixIsNotEntered) {
   makeTree({".vol/", ".vol/inside", ".volumes/", ".volumes/inside", ".vo/", ".vo/inside", "plain/",
             "plain/inside"});

@@ -92,6 +92,12 @@ enum CommandResultCode : std::int64_t {
   kResultNotStored = 16,               // preference or system configuration values not stored
   kResultNoProcessInRunFile = 18,      // the run file named no process
   kResultSignalNotSent = 19,           // the signal could not be sent
+  // With FailingPath and UnderlyingErrorCode (the errno): an object's access control list could
+  // not be set or removed; an object inside a folder whose permissions are propagated could not be
+  // read; its owner, group or permission bits could not be changed.
+  kResultAclNotSet = 20,
+  kResultStatusNotRead = 22,
+  kResultPermissionsNotChanged = 24,
 };
 
 }  // namespace krv

@@ -256,6 +256,17 @@ std::string resultToJson(const Error& result) {
   return out;
 }
 
+namespace {
+
+// ": " and the text of the result's UnderlyingErrorCode, an errno; "" without one.
+std::string underlyingErrorText(const Error& result) {
+  const Value* code = result.userInfo().find(key::kUnderlyingErrorCode);
+  if (code == nullptr || code->asNumber() == nullptr) return "";
+  return ": " + sys::errorText(code->asNumber()->intValue());
+}
+
+}  // namespace
+
 std::string explainResult(const Error& result) {
   const std::int64_t code = result.code();
   if (result.domain() == kPosixErrorDomain) {
@@ -310,6 +321,12 @@ std::string explainResult(const Error& result) {
         return "the program is not safe to run";
       case kResultProgramFailed:
         return "the program failed";
+      case kResultAclNotSet:
+        return "the access control list could not be set" + underlyingErrorText(result);
+      case kResultStatusNotRead:
+        return "the object could not be read" + underlyingErrorText(result);
+      case kResultPermissionsNotChanged:
+        return "the owner, group or permissions could not be changed" + underlyingErrorText(result);
       default:
         return "";
     }
@@ -323,6 +340,13 @@ ResultPrinter::ResultPrinter(bool json, bool quiet)
 void ResultPrinter::drawProgress(double progress) {
   if (!m_showProgress) return;
   if (!(progress >= 0.0)) progress = 0.0;
+  // A command that could not know its total reports a count instead (a propagation of
+  // permissions told to expect no objects): shown as the number it is.
+  if (progress > 1.0 && std::isfinite(progress)) {
+    writeOut(STDERR_FILENO, format("\r%.0f", progress));
+    m_progressShown = true;
+    return;
+  }
   if (progress > 1.0) progress = 1.0;
   constexpr int kWidth = 40;
   int filled = static_cast<int>(progress * kWidth);
