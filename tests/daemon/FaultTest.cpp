@@ -25,6 +25,7 @@
 #include "protocol/KRVSecurityAgent.h"
 #include "tests/daemon/DaemonFixture.h"
 #include "tests/daemon/DaemonProbe.h"
+#include "tests/support/Sandbox.h"
 
 namespace krv::test {
 namespace {
@@ -95,6 +96,13 @@ std::int64_t errnoOf(const Error& result) {
 
 class FaultTest : public DaemonTest {
  protected:
+  void SetUp() override {
+    // A fresh /tmp and /run for each scenario.
+    Status sandbox = enterPrivateSandbox();
+    if (!sandbox) GTEST_SKIP() << "no private sandbox: " << sandbox.error().description();
+    DaemonTest::SetUp();
+  }
+
   // Runs a command through the client library; the daemon is killed (SIGKILL) from the client's
   // handler of its `killAt`-th intermediate report, so the command is certainly under way.
   Error runKilledAtReport(std::uint32_t code, Array arguments, int killAt = 1) {

@@ -29,6 +29,7 @@
 #include "protocol/KRVSecurityAgent.h"
 #include "tests/daemon/DaemonFixture.h"
 #include "tests/daemon/DaemonProbe.h"
+#include "tests/support/Sandbox.h"
 
 namespace krv::test {
 namespace {
@@ -80,6 +81,9 @@ std::int64_t underlyingCode(const Error& error) {
 class HostileClientTest : public DaemonTest {
  protected:
   void SetUp() override {
+    // A fresh /tmp and /run for each scenario.
+    Status sandbox = enterPrivateSandbox();
+    if (!sandbox) GTEST_SKIP() << "no private sandbox: " << sandbox.error().description();
     DaemonTest::SetUp();
     if (HasFatalFailure() || IsSkipped()) return;
     // The start-up's version command has counted itself out once its thread has ended.
@@ -204,9 +208,10 @@ TEST_F(HostileClientTest, BlocksThatLieAboutThemselvesAreRefusedWithoutHarm) {
   const Data shortToken = requestPayload(kCommandGetVersion, {}, Data(31, 1));
   const Data bigUser = requestPayload(kCommandGetVersion, {}, Data(32, 0), std::uint64_t{1} << 33);
 
+  const Data whole = block(request);
   const std::vector<std::pair<const char*, Data>> cases = {
       {"nothing at all", Data{}},
-      {"half a header", Data(block(request).begin(), block(request).begin() + 20)},
+      {"half a header", Data(whole.begin(), whole.begin() + 20)},
       {"a wrong marker", block(request, std::nullopt, std::nullopt, "***KRVSecurityAgentDataBlocK")},
       {"a length claim of 4 GiB", block({}, 0xFFFFFFFFu)},
       {"a length claim one past the limit", block({}, kDataBlockMaximumSize + 1)},
@@ -361,12 +366,24 @@ TEST_F(HostileClientTest, ForgedReplayedAndFreedTokensAreRefusedAndStartNothing)
 }
 
 TEST_F(HostileClientTest, AFloodFromOneUserIsThrottledAndEveryRequestIsServed) {
+  // Forty commands at once from one user, authorized beforehand (the authorization service bounds
+  // a user's concurrent connections on its own): the daemon delays, and serves every one.
   constexpr std::size_t kClients = 40;
-  std::vector<std::future<Error>> results;
+  std::vector<std::unique_ptr<KRVPrivilegedCommand>> commands;
   for (std::size_t i = 0; i < kClients; ++i) {
-    results.push_back(std::async(std::launch::async, [this, i] {
-      return i % 4 == 0 ? runCommand(kCommandGetVersion, {})
-                        : runCommand(kCommandWhoAmI, {Value::integer(1)});
+    commands.push_back(KRVPrivilegedCommand::privilegedCommandWithCode(
+        i % 4 == 0 ? kCommandGetVersion : kCommandWhoAmI,
+        i % 4 == 0 ? Array{} : Array{Value::integer(1)}));
+    if (commands.back()->isNeedingAuthorization()) {
+      ASSERT_TRUE(commands.back()->preAuthorizeOnClient()) << i;
+    }
+  }
+  std::vector<std::future<Error>> results;
+  for (auto& command : commands) {
+    results.push_back(std::async(std::launch::async, [&command] {
+      std::optional<KRVSecurityAgent> agent = KRVSecurityAgent::init(kDaemonSocketPath);
+      return agent ? agent->executeAtomicPrivilegedCommand(*command, true)
+                   : Error::posix(ENOENT, "no daemon socket");
     }));
   }
   for (auto& result : results) {
@@ -380,33 +397,37 @@ TEST_F(HostileClientTest, AFloodFromOneUserIsThrottledAndEveryRequestIsServed) {
 
 TEST_F(HostileClientTest, PathsAtAndPastTheLimitsAndNamesThatAreNotText) {
   ASSERT_EQ(::mkdir("/tmp/names", 0755), 0);
-  auto errnoOf = [this](std::uint32_t code, Array arguments) -> std::int64_t {
-    Error result = runCommand(code, std::move(arguments));
-    if (result.is(kCommandErrorDomain, kResultSuccess)) return 0;
-    if (result.isPosix()) return result.code();
-    const Value* underlying = result.userInfo().find("UnderlyingErrorCode");
-    if (underlying != nullptr && underlying->asNumber() != nullptr) {
-      return underlying->asNumber()->integerValue();
+  // What is at a path: 0 nothing, 1 a folder, 2 anything else.
+  auto existence = [this](const std::string& path) -> std::int64_t {
+    Error result = runCommand(kCommandInspectFileObject, {nameValue(path)});
+    const Value* info = result.userInfo().find("ExistenceInfo");
+    if (!result.is(kCommandErrorDomain, kResultSuccess) || info == nullptr) return -1;
+    return info->asNumber()->integerValue();
+  };
+  // A file that cannot be created is code 8 naming the path; a folder answers its errno.
+  auto createFile = [this](const std::string& path) {
+    Error result = runCommand(kCommandCreateFileObject, {nameValue(path), Value("F")});
+    if (result.is(kCommandErrorDomain, kResultNotWritten)) {
+      const Value* failing = result.userInfo().find("FailingPath");
+      EXPECT_TRUE(failing != nullptr && nameBytes(*failing) == path);
     }
-    ADD_FAILURE() << result.description();
-    return -1;
+    return result.code();
   };
-  auto create = [&](const std::string& path) {
-    return errnoOf(kCommandCreateFileObject, {nameValue(path), Value("F")});
-  };
-  auto inspect = [&](const std::string& path) {
-    return errnoOf(kCommandInspectFileObject, {nameValue(path)});
+  auto createFolder = [this](const std::string& path) -> std::int64_t {
+    Error result = runCommand(kCommandCreateFileObject, {nameValue(path), Value("D")});
+    return result.is(kCommandErrorDomain, kResultSuccess) ? 0 : result.isPosix() ? result.code() : -1;
   };
 
   // Components of 255 bytes are names; 256 is too long.
-  const std::string longest = "/tmp/names/" + std::string(255, 'n');
-  EXPECT_EQ(create(longest), 0);
-  EXPECT_EQ(inspect(longest), 0);
-  EXPECT_EQ(create("/tmp/names/" + std::string(256, 'n')), ENAMETOOLONG);
-  EXPECT_EQ(inspect("/tmp/names/" + std::string(256, 'n')), ENAMETOOLONG);
+  const std::string name255 = "/tmp/names/" + std::string(255, 'n');
+  const std::string name256 = name255 + "n";
+  EXPECT_EQ(createFile(name255), kResultSuccess);
+  EXPECT_EQ(existence(name255), 2);
+  EXPECT_EQ(createFile(name256), kResultNotWritten);
+  EXPECT_EQ(createFolder(name256), ENAMETOOLONG);
+  EXPECT_EQ(existence(name256), 0);
 
-  // Whole paths: 4,095 bytes is a path (of nothing here), 4,096 is not; the same for a path that
-  // goes through real folders.
+  // Whole paths: 4,095 bytes through real folders is a path, 4,096 is not.
   std::string deep = "/tmp/names";
   while (deep.size() + 1 + 200 < 4095) {
     deep += "/" + std::string(200, 'd');
@@ -414,24 +435,34 @@ TEST_F(HostileClientTest, PathsAtAndPastTheLimitsAndNamesThatAreNotText) {
   }
   const std::string atLimit = deep + "/" + std::string(4095 - deep.size() - 1, 'f');
   ASSERT_EQ(atLimit.size(), 4095u);
-  EXPECT_EQ(inspect(atLimit), ENOENT);
-  EXPECT_EQ(create(atLimit), 0);
-  EXPECT_EQ(inspect(atLimit), 0);
-  EXPECT_EQ(inspect(atLimit + "g"), ENAMETOOLONG);
-  EXPECT_EQ(create(atLimit + "g"), ENAMETOOLONG);
-  EXPECT_EQ(inspect(std::string(4200, '/')), ENAMETOOLONG);
+  EXPECT_EQ(existence(atLimit), 0);
+  EXPECT_EQ(createFile(atLimit), kResultSuccess);
+  EXPECT_EQ(existence(atLimit), 2);
+  EXPECT_EQ(createFile(atLimit + "g"), kResultNotWritten);
+  EXPECT_EQ(createFolder(atLimit + "g"), ENAMETOOLONG);
+  EXPECT_EQ(existence(atLimit + "g"), 0);
+  EXPECT_EQ(existence(std::string(70000, '/')), 1);
+  EXPECT_EQ(createFolder("/tmp/names/" + std::string(60000, 'x')), ENAMETOOLONG);
+  // The recursive delete walks the deep tree and takes it all.
+  EXPECT_TRUE(runCommand(kCommandDeleteFileSubtree, {Value("/tmp/names/" + std::string(200, 'd'))})
+                  .is(kCommandErrorDomain, kResultSuccess));
+  EXPECT_FALSE(sys::lstat(atLimit));
 
   // Names that are no text are created, found and removed byte for byte.
   const std::string bytes = std::string("/tmp/names/\xff\xfe-\xc3(-") + std::string(1, '\x01');
-  EXPECT_EQ(create(bytes), 0);
+  EXPECT_EQ(createFile(bytes), kResultSuccess);
   Result<struct stat> made = sys::lstat(bytes);
   ASSERT_TRUE(made);
   EXPECT_TRUE(S_ISREG(made->st_mode));
-  EXPECT_EQ(inspect(bytes), 0);
-  EXPECT_EQ(errnoOf(kCommandDeleteFileObjects, {Value("1"), nameValue(bytes)}), 0);
+  EXPECT_EQ(existence(bytes), 2);
+  EXPECT_TRUE(runCommand(kCommandDeleteFileObjects, {Value("1"), nameValue(bytes)})
+                  .is(kCommandErrorDomain, kResultSuccess));
   EXPECT_FALSE(sys::lstat(bytes));
   // A NUL byte inside a name is never cut short to another path.
-  EXPECT_EQ(create(std::string("/tmp/names/a\0b", 14)), EINVAL);
+  const std::string withNul("/tmp/names/a\0b", 14);
+  EXPECT_EQ(createFile(withNul), kResultNotWritten);
+  EXPECT_EQ(createFolder(withNul), EINVAL);
+  EXPECT_EQ(existence(withNul), 0);
   EXPECT_FALSE(sys::lstat("/tmp/names/a"));
   expectUnharmed();
 }
