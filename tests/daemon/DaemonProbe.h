@@ -4,6 +4,7 @@
 // rules the client library keeps.
 
 #include <dirent.h>
+#include <sys/mount.h>
 #include <sys/types.h>
 
 #include <chrono>
@@ -56,6 +57,13 @@ inline ProcessResources settledResources(pid_t pid, const ProcessResources& base
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
 }
+
+// A fresh, empty /tmp for one scenario, over the sandbox's own (the daemon shares the mount
+// namespace and sees it too); true when it is mounted. The test removes it at its end.
+inline bool mountFreshTmp() {
+  return ::mount("krv-scenario", "/tmp", "tmpfs", MS_NOSUID | MS_NODEV, "mode=1777") == 0;
+}
+inline void unmountFreshTmp() { ::umount2("/tmp", MNT_DETACH); }
 
 // The daemon's response pipes present in /tmp.
 inline std::vector<std::string> responsePipesInTmp() {

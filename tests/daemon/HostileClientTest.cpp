@@ -80,10 +80,15 @@ std::int64_t underlyingCode(const Error& error) {
 
 class HostileClientTest : public DaemonTest {
  protected:
+  void TearDown() override {
+    DaemonTest::TearDown();
+    unmountFreshTmp();
+  }
+
   void SetUp() override {
-    // A fresh /tmp and /run for each scenario.
     Status sandbox = enterPrivateSandbox();
     if (!sandbox) GTEST_SKIP() << "no private sandbox: " << sandbox.error().description();
+    ASSERT_TRUE(mountFreshTmp());
     DaemonTest::SetUp();
     if (HasFatalFailure() || IsSkipped()) return;
     // The start-up's version command has counted itself out once its thread has ended.
