@@ -1,9 +1,10 @@
 #pragma once
 // What the hostile-client and fault tests check after each scenario: the daemon's descriptors and
-// threads (from /proc), the response pipes left in /tmp, and raw requests and blocks that break the
-// rules the client library keeps.
+// threads (from /proc), the response pipes left in /tmp; raw requests that break the rules the
+// client library keeps; and the scenarios' fixture.
 
 #include <dirent.h>
+#include <gtest/gtest.h>
 #include <sys/mount.h>
 #include <sys/types.h>
 
@@ -17,6 +18,8 @@
 #include "foundation/Coding.h"
 #include "foundation/Value.h"
 #include "protocol/KRVSecurityAgent.h"
+#include "tests/daemon/DaemonFixture.h"
+#include "tests/support/Sandbox.h"
 
 namespace krv::test {
 
@@ -102,6 +105,50 @@ class RawRequest final : public Archivable {
   Array m_arguments;
   Data m_token;
   std::uint64_t m_user;
+};
+
+// The fixture of the hostile-client and fault scenarios: the sandbox's services with a fresh /tmp
+// of the scenario's own, and what the daemon held once it had started.
+class ScenarioTest : public DaemonTest {
+ protected:
+  void TearDown() override {
+    DaemonTest::TearDown();
+    unmountFreshTmp();
+  }
+
+  void SetUp() override {
+    Status sandbox = enterPrivateSandbox();
+    if (!sandbox) GTEST_SKIP() << "no private sandbox: " << sandbox.error().description();
+    ASSERT_TRUE(mountFreshTmp());
+    DaemonTest::SetUp();
+    if (HasFatalFailure() || IsSkipped()) return;
+    // The start-up's version command has counted itself out once its thread has ended.
+    takeBaseline();
+  }
+
+  // What the daemon holds now that its start-up's version command has counted itself out.
+  void takeBaseline() {
+    ASSERT_TRUE(waitForLog("servicing request type 1 exited.", std::chrono::seconds(5)))
+        << daemonLog();
+    m_baseline = resourcesOf(daemon().pid());
+    ASSERT_GT(m_baseline.descriptors, 0);
+  }
+
+  // The daemon serves the next client from the same process, holds no more descriptors and
+  // threads than before the scenario, and no response pipe is left.
+  void expectUnharmed(std::size_t instances = 1) {
+    Error version = runCommand(kCommandGetVersion, {});
+    EXPECT_TRUE(version.is(kCommandErrorDomain, kResultSuccess)) << version.description();
+    EXPECT_EQ(daemon().instancesStarted(), instances) << daemonLog();
+    if (instances == 1) {
+      ProcessResources now = settledResources(daemon().pid(), m_baseline, std::chrono::seconds(10));
+      EXPECT_LE(now.descriptors, m_baseline.descriptors);
+      EXPECT_LE(now.threads, m_baseline.threads);
+    }
+    EXPECT_EQ(responsePipesInTmp(), std::vector<std::string>{});
+  }
+
+  ProcessResources m_baseline;
 };
 
 }  // namespace krv::test

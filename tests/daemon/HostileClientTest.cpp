@@ -78,41 +78,7 @@ std::int64_t underlyingCode(const Error& error) {
   return code != nullptr && code->asNumber() != nullptr ? code->asNumber()->integerValue() : 0;
 }
 
-class HostileClientTest : public DaemonTest {
- protected:
-  void TearDown() override {
-    DaemonTest::TearDown();
-    unmountFreshTmp();
-  }
-
-  void SetUp() override {
-    Status sandbox = enterPrivateSandbox();
-    if (!sandbox) GTEST_SKIP() << "no private sandbox: " << sandbox.error().description();
-    ASSERT_TRUE(mountFreshTmp());
-    DaemonTest::SetUp();
-    if (HasFatalFailure() || IsSkipped()) return;
-    // The start-up's version command has counted itself out once its thread has ended.
-    ASSERT_TRUE(waitForLog("servicing request type 1 exited.", 5s)) << daemonLog();
-    m_baseline = resourcesOf(daemon().pid());
-    ASSERT_GT(m_baseline.descriptors, 0);
-  }
-
-  // The daemon serves the next client from the same process, holds no more descriptors and
-  // threads than before the scenario, and no response pipe is left.
-  void expectUnharmed(std::size_t instances = 1) {
-    Error version = runCommand(kCommandGetVersion, {});
-    EXPECT_TRUE(version.is(kCommandErrorDomain, kResultSuccess)) << version.description();
-    EXPECT_EQ(daemon().instancesStarted(), instances) << daemonLog();
-    if (instances == 1) {
-      ProcessResources now = settledResources(daemon().pid(), m_baseline, 10s);
-      EXPECT_LE(now.descriptors, m_baseline.descriptors);
-      EXPECT_LE(now.threads, m_baseline.threads);
-    }
-    EXPECT_EQ(responsePipesInTmp(), std::vector<std::string>{});
-  }
-
-  ProcessResources m_baseline;
-};
+class HostileClientTest : public ScenarioTest {};
 
 TEST_F(HostileClientTest, TheReservedCodeAnswersUnknownAndCodesPast54AreNoRequests) {
   // 23 is a request like any other: it gets its pipe and the final answer "unknown command".
