@@ -59,8 +59,8 @@ struct Snapshot {
 };
 
 Snapshot snapshot(pid_t pid) {
-  return {bench::statusKiB(pid, "VmRSS:"), bench::statusKiB(pid, "VmHWM:"),
-          countEntries(pid, "fd"), countEntries(pid, "task")};
+  return {bench::statusKiB(pid, "VmRSS:"), bench::statusKiB(pid, "VmHWM:"), countEntries(pid, "fd"),
+          countEntries(pid, "task")};
 }
 
 // The search's tree: 20 folders of 100 files.
@@ -113,12 +113,12 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "needs root: %s\n", sandbox.error().description().c_str());
     return 1;
   }
-  test::ServiceLaunch authorityLaunch{"/run/com.tavorin.system.authority.socket",
-                                      binaries +
-                                          "/authorization/service/com.tavorin.system.authority",
-                                      {},
-                                      {},
-                                      0666};
+  test::ServiceLaunch authorityLaunch{
+      "/run/com.tavorin.system.authority.socket",
+      binaries + "/authorization/service/com.tavorin.system.authority",
+      {},
+      {},
+      0666};
   authorityLaunch.restartOnConnection = true;
   test::ServiceLaunch daemonLaunch{
       kDaemonSocket, binaries + "/daemon/com.tavorin.system.securityagent3", {"d"}, {}, 0666};
@@ -131,7 +131,8 @@ int main(int argc, char** argv) {
   }
 
   const std::vector<Kind> kinds = {
-      {"tree search (14)", kCommandSearchAgedFiles,
+      {"tree search (14)",
+       kCommandSearchAgedFiles,
        {Value(kTree), Value::integer(0), Value::integer(0)}},
       {"program run (3, 0 steps)", kCommandWhoAmI, {Value::integer(0)}},
       {"who-am-I diagnostic (3, 1 step)", kCommandWhoAmI, {Value::integer(1)}},
@@ -142,8 +143,8 @@ int main(int argc, char** argv) {
   {
     std::optional<KRVSecurityAgent> agent = KRVSecurityAgent::init(kDaemonSocket);
     auto version = KRVPrivilegedCommand::privilegedCommandWithCode(kCommandGetVersion, {});
-    if (!agent || !agent->executeAtomicPrivilegedCommand(*version, false).is(
-                      kCommandErrorDomain, kResultSuccess)) {
+    if (!agent || !agent->executeAtomicPrivilegedCommand(*version, false)
+                       .is(kCommandErrorDomain, kResultSuccess)) {
       std::fprintf(stderr, "the daemon does not answer\n");
       return 1;
     }
@@ -159,8 +160,8 @@ int main(int argc, char** argv) {
       std::optional<KRVSecurityAgent> agent = KRVSecurityAgent::init(kDaemonSocket);
       const std::size_t kind = static_cast<std::size_t>(i) % kinds.size();
       while (!stop.load()) {
-        auto command =
-            KRVPrivilegedCommand::privilegedCommandWithCode(kinds[kind].code, kinds[kind].arguments);
+        auto command = KRVPrivilegedCommand::privilegedCommandWithCode(kinds[kind].code,
+                                                                       kinds[kind].arguments);
         Error result = agent->executeAtomicPrivilegedCommand(*command, false);
         (result.is(kCommandErrorDomain, kResultSuccess) ? tallies[kind].succeeded
                                                         : tallies[kind].failed)++;
@@ -204,8 +205,8 @@ int main(int argc, char** argv) {
   const double elapsed = std::chrono::duration<double>(Clock::now() - started).count();
   // Let the last commands count themselves out.
   Snapshot after = snapshot(pid);
-  for (int i = 0; i < 50 && (after.threads > before.threads || after.descriptors > before.descriptors);
-       ++i) {
+  for (int i = 0;
+       i < 50 && (after.threads > before.threads || after.descriptors > before.descriptors); ++i) {
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
     after = snapshot(pid);
   }
@@ -219,8 +220,8 @@ int main(int argc, char** argv) {
     delays[std::atol(log.c_str() + at + marker.size())]++;
   }
 
-  std::printf("load: %d clients for %.1f s against daemon %d (%zu instance(s))\n", clients,
-              elapsed, static_cast<int>(pid), daemon->instancesStarted());
+  std::printf("load: %d clients for %.1f s against daemon %d (%zu instance(s))\n", clients, elapsed,
+              static_cast<int>(pid), daemon->instancesStarted());
   long total = 0;
   for (std::size_t i = 0; i < kinds.size(); ++i) {
     total += tallies[i].succeeded;
@@ -231,17 +232,19 @@ int main(int argc, char** argv) {
   std::printf("  %-34s %7ld done                 %8.1f per second\n", "all commands", total,
               static_cast<double>(total) / elapsed);
   std::sort(latencies.begin(), latencies.end());
-  std::printf("version command under load: %zu probes, %ld failed; p50 %.2f ms, p99 %.2f ms, max %.2f ms\n",
-              latencies.size(), versionFailures, percentile(latencies, 0.50),
-              percentile(latencies, 0.99), latencies.empty() ? 0.0 : latencies.back());
+  std::printf(
+      "version command under load: %zu probes, %ld failed; p50 %.2f ms, p99 %.2f ms, max %.2f ms\n",
+      latencies.size(), versionFailures, percentile(latencies, 0.50), percentile(latencies, 0.99),
+      latencies.empty() ? 0.0 : latencies.back());
   std::printf("throttle delays logged (microseconds x times):");
   if (delays.empty()) std::printf(" none");
   for (const auto& [delay, times] : delays) std::printf(" %ld x %ld", delay, times);
   std::printf("\n");
   std::printf("daemon memory: VmRSS %ld KiB before, %ld KiB peak, %ld KiB after; VmHWM %ld KiB\n",
               before.rssKiB, peak.rssKiB, after.rssKiB, after.hwmKiB);
-  std::printf("daemon descriptors: %d before, %d peak, %d after; threads: %d before, %d peak, %d after\n",
-              before.descriptors, peak.descriptors, after.descriptors, before.threads, peak.threads,
-              after.threads);
+  std::printf(
+      "daemon descriptors: %d before, %d peak, %d after; threads: %d before, %d peak, %d after\n",
+      before.descriptors, peak.descriptors, after.descriptors, before.threads, peak.threads,
+      after.threads);
   return total > 0 && daemon->instancesStarted() == 1 ? 0 : 1;
 }

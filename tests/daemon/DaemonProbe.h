@@ -86,10 +86,7 @@ inline std::vector<std::string> responsePipesInTmp() {
 class RawRequest final : public Archivable {
  public:
   RawRequest(std::int64_t code, Array arguments, Data token = Data(32, 0), std::uint64_t user = 0)
-      : m_code(code),
-        m_arguments(std::move(arguments)),
-        m_token(std::move(token)),
-        m_user(user) {}
+      : m_code(code), m_arguments(std::move(arguments)), m_token(std::move(token)), m_user(user) {}
   std::string_view className() const override { return "KRVPrivilegedCommand"; }
   void encode(Encoder& encoder) const override {
     encoder.encodeInteger("Version", 310);

@@ -278,8 +278,8 @@ TEST_F(FaultTest, AFolderTheDaemonCannotReadIsHandledByEveryTreeCommand) {
       {kCommandGetStorageSize, {tree}},
       {kCommandSearchNamePatterns, {tree, Value("0"), Value("1"), Value("file")}},
       {kCommandCountFileObjects, {tree, Value("/tmp/marker")}},
-      {kCommandCompareFolders, {tree, Value("/tmp/copy"), Value("/tmp/marker"), Value::integer(20),
-                                Value::integer(2)}},
+      {kCommandCompareFolders,
+       {tree, Value("/tmp/copy"), Value("/tmp/marker"), Value::integer(20), Value::integer(2)}},
       {kCommandPropagatePermissions,
        {tree, Value::integer(12), Value::integer(0), Value::integer(0x04)}},
   };
@@ -324,10 +324,10 @@ TEST_F(FaultTest, AFolderTheDaemonCannotReadIsHandledByEveryTreeCommand) {
   // through a descriptor opened for reading, and it cannot be emptied. They name it.
   for (std::uint32_t code :
        {kCommandModifyProtectAttribute, kCommandDeleteFolderContents, kCommandDeleteFileSubtree}) {
-    Error result = code == kCommandModifyProtectAttribute
-                       ? runCommand(code, {tree, Value::integer(0), Value::integer(1),
-                                           Value::integer(0)})
-                       : runCommand(code, {tree});
+    Error result =
+        code == kCommandModifyProtectAttribute
+            ? runCommand(code, {tree, Value::integer(0), Value::integer(1), Value::integer(0)})
+            : runCommand(code, {tree});
     EXPECT_EQ(errnoOf(result), EACCES) << code << ": " << result.description();
     const Value* failing = result.userInfo().find("FailingPath");
     ASSERT_NE(failing, nullptr) << code;

@@ -59,8 +59,7 @@ Result<Value> rawExchange(const Data& bytes) {
   KRV_TRY(UniqueFd socket, KRVSecurityAgent::openRequestSocketAtPath(kDaemonSocketPath));
   std::size_t sent = 0;
   while (sent < bytes.size()) {
-    ssize_t count =
-        ::send(socket.get(), bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+    ssize_t count = ::send(socket.get(), bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
     if (count < 0 && errno == EINTR) continue;
     if (count <= 0) break;  // the daemon may refuse a block before it is complete
     sent += static_cast<std::size_t>(count);
@@ -113,9 +112,12 @@ TEST_F(HostileClientTest, TheReservedCodeAnswersUnknownAndCodesPast54AreNoReques
 TEST_F(HostileClientTest, EveryCodeWithAnArgumentOfTheWrongClassGetsAClosedConnection) {
   auto valid = [](char letter) {
     switch (letter) {
-      case 'S': return Value("/nonexistent");
-      case 'N': return Value::integer(0);
-      default: return Value(Data{1, 2, 3});
+      case 'S':
+        return Value("/nonexistent");
+      case 'N':
+        return Value::integer(0);
+      default:
+        return Value(Data{1, 2, 3});
     }
   };
   auto wrongKinds = [](char letter) {
@@ -183,7 +185,8 @@ TEST_F(HostileClientTest, BlocksThatLieAboutThemselvesAreRefusedWithoutHarm) {
   const std::vector<std::pair<const char*, Data>> cases = {
       {"nothing at all", Data{}},
       {"half a header", Data(whole.begin(), whole.begin() + 20)},
-      {"a wrong marker", block(request, std::nullopt, std::nullopt, "***KRVSecurityAgentDataBlocK")},
+      {"a wrong marker",
+       block(request, std::nullopt, std::nullopt, "***KRVSecurityAgentDataBlocK")},
       {"a length claim of 4 GiB", block({}, 0xFFFFFFFFu)},
       {"a length claim one past the limit", block({}, kDataBlockMaximumSize + 1)},
       {"a payload cut short", block(Data(10, 0xA1), kDataBlockMaximumPayload)},
@@ -307,7 +310,8 @@ TEST_F(HostileClientTest, ForgedReplayedAndFreedTokensAreRefusedAndStartNothing)
   EXPECT_NE(refusal(requestPayload(kCommandInspectFileObject, inspect, Data(32, 0))), 0);
 
   // A live token of this (root) process, replayed in a request that names another user.
-  auto command = KRVPrivilegedCommand::privilegedCommandWithCode(kCommandInspectFileObject, inspect);
+  auto command =
+      KRVPrivilegedCommand::privilegedCommandWithCode(kCommandInspectFileObject, inspect);
   ASSERT_TRUE(command->preAuthorizeOnClient());
   const auto& form = command->authorizationToken();
   const Data token(form.begin(), form.end());
@@ -386,7 +390,9 @@ TEST_F(HostileClientTest, PathsAtAndPastTheLimitsAndNamesThatAreNotText) {
   };
   auto createFolder = [this](const std::string& path) -> std::int64_t {
     Error result = runCommand(kCommandCreateFileObject, {nameValue(path), Value("D")});
-    return result.is(kCommandErrorDomain, kResultSuccess) ? 0 : result.isPosix() ? result.code() : -1;
+    return result.is(kCommandErrorDomain, kResultSuccess) ? 0
+           : result.isPosix()                             ? result.code()
+                                                          : -1;
   };
 
   // Components of 255 bytes are names; 256 is too long.

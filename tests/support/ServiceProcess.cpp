@@ -43,11 +43,11 @@ struct PreparedLaunch {
 struct ServiceProcess::State {
   PreparedLaunch launch;
   bool restartOnConnection = false;
-  UniqueFd listening;            // kept only to start further instances
-  UniqueFd standardErrorWrite;   // handed to each instance; kept only for further instances
-  UniqueFd supervisorStop;       // eventfd: the supervisor ends the instance and returns
-  UniqueFd readerStop;           // eventfd: the reader drains what is left and returns
-  UniqueFd process;              // pidfd of the current instance
+  UniqueFd listening;           // kept only to start further instances
+  UniqueFd standardErrorWrite;  // handed to each instance; kept only for further instances
+  UniqueFd supervisorStop;      // eventfd: the supervisor ends the instance and returns
+  UniqueFd readerStop;          // eventfd: the reader drains what is left and returns
+  UniqueFd process;             // pidfd of the current instance
   std::thread reader;
   std::thread supervisor;
   mutable std::mutex mutex;
@@ -265,8 +265,7 @@ class ServiceProcess::Supervisor {
   }
 
   static bool start(State& state) {
-    Result<pid_t> pid =
-        spawn(state.launch, state.listening.get(), state.standardErrorWrite.get());
+    Result<pid_t> pid = spawn(state.launch, state.listening.get(), state.standardErrorWrite.get());
     if (!pid) return false;
     Result<UniqueFd> process = sys::pidfdOpen(*pid);
     std::lock_guard<std::mutex> lock(state.mutex);
@@ -296,7 +295,6 @@ class ServiceProcess::Supervisor {
     reap(state);
   }
 };
-
 
 Result<ServiceProcess> ServiceProcess::start(const ServiceLaunch& launch) {
   KRV_TRY(UniqueFd socket, listenOnUnixSocket(launch.socketPath, launch.socketMode));
