@@ -272,7 +272,7 @@ TEST_F(HostileClientTest, ClientsThatVanishWhileSendingOrReadingEndOnlyTheirOwnR
   expectUnharmed();
 }
 
-TEST_F(HostileClientTest, ClientsThatNeverOpenTheirPipeAreGivenUpAndTheirPipesRemoved) {
+TEST_F(HostileClientTest, ClientsThatNeverOpenOrNeverReadTheirPipeAreGivenUpWithinAMinute) {
   // One client leaves before it reads the acknowledgement, one reads it and never opens the pipe.
   const Data request = block(requestPayload(kCommandGetVersion, {}));
   {
@@ -286,11 +286,37 @@ TEST_F(HostileClientTest, ClientsThatNeverOpenTheirPipeAreGivenUpAndTheirPipesRe
       KRVSecurityAgent::pathForResponsePipeFromExecutionAcknowledgeError(*asError(acknowledgement));
   ASSERT_TRUE(path);
   EXPECT_TRUE(sys::lstat(*path));
+
+  // A third opens the pipe of a search with far more results than the pipe holds, and then reads
+  // nothing: the command's thread must not wait on it for ever.
+  ASSERT_EQ(::mkdir("/tmp/many", 0755), 0);
+  for (int i = 0; i < 2000; ++i) {
+    std::string name = "/tmp/many/match-" + std::to_string(i) + "-" + std::string(120, 'x');
+    ASSERT_TRUE(sys::open(name, O_CREAT | O_WRONLY | O_CLOEXEC, 0644));
+  }
+  auto search = KRVPrivilegedCommand::privilegedCommandWithCode(
+      kCommandSearchFilenamePattern,
+      {Value("/tmp/many"), Value("match"), Value(""), Value::boolean(false)});
+  std::optional<KRVSecurityAgent> agent = KRVSecurityAgent::init(kDaemonSocketPath);
+  ASSERT_TRUE(agent);
+  Error searching = agent->startExecutionOfPrivilegedCommand(*search, false);
+  std::optional<std::string> stalledPath =
+      KRVSecurityAgent::pathForResponsePipeFromExecutionAcknowledgeError(searching);
+  ASSERT_TRUE(stalledPath) << searching.description();
+  Result<UniqueFd> stalled = KRVSecurityAgent::openResponsePipeAtPath(*stalledPath);
+  ASSERT_TRUE(stalled);
+
   // Meanwhile the daemon serves others.
   EXPECT_TRUE(runCommand(kCommandGetVersion, {}).is(kCommandErrorDomain, kResultSuccess));
   EXPECT_TRUE(waitForLog("Could not open pipe for client communication", 90s, 2)) << daemonLog();
   EXPECT_TRUE(waitForLog("servicing request type 1 exited.", 10s, 4)) << daemonLog();
   EXPECT_FALSE(sys::lstat(*path));
+  EXPECT_TRUE(
+      waitForLog("Could not transfer progress data back to client (Connection timed out).", 30s))
+      << daemonLog();
+  EXPECT_TRUE(waitForLog("servicing request type 16 exited.", 10s)) << daemonLog();
+  KRVSecurityAgent::closePipe(std::move(*stalled), *stalledPath);
+  search->discardAuthorization();
   expectUnharmed();
 }
 
