@@ -9,9 +9,10 @@ set(CPACK_PACKAGE_VENDOR "Tavorin")
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "privileged helper for system-maintenance applications")
 set(CPACK_PACKAGE_DESCRIPTION
-  "A root daemon that runs a fixed set of maintenance commands for unprivileged applications,\n\
-an authorization service with PAM authentication and rights, the command-line clients, and the\n\
-client library (C interface, C++ wrapper, pkg-config file and CMake package) for applications.")
+  "A root daemon that runs a fixed set of maintenance commands for\n\
+unprivileged applications, an authorization service with PAM\n\
+authentication and rights, the command-line clients, and the client\n\
+library (C interface, C++ wrapper, pkg-config file, CMake package).")
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)
 
@@ -21,6 +22,9 @@ set(CPACK_DEBIAN_PACKAGE_MAINTAINER "Security component maintainers <security-co
 set(CPACK_DEBIAN_PACKAGE_SECTION admin)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+# A shlibs file and the ldconfig trigger for the client library.
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
 set(CPACK_DEBIAN_PACKAGE_DEPENDS "libpam-runtime")
 set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "systemd")
 set(CPACK_DEBIAN_PACKAGE_SUGGESTS "python3-cbor2")
@@ -29,6 +33,15 @@ set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
   ${PROJECT_SOURCE_DIR}/packaging/debian/postinst
   ${PROJECT_SOURCE_DIR}/packaging/debian/prerm
   ${PROJECT_SOURCE_DIR}/packaging/debian/postrm
-  ${PROJECT_SOURCE_DIR}/packaging/debian/conffiles)
+  ${PROJECT_SOURCE_DIR}/packaging/debian/conffiles
+  ${PROJECT_SOURCE_DIR}/packaging/debian/triggers)
+
+# The package's copyright and changelog, where Debian expects them.
+set(KRV_PACKAGE_CHANGELOG ${CMAKE_CURRENT_BINARY_DIR}/changelog.Debian.gz)
+execute_process(COMMAND gzip -9 -n -c
+  INPUT_FILE ${PROJECT_SOURCE_DIR}/packaging/debian/changelog
+  OUTPUT_FILE ${KRV_PACKAGE_CHANGELOG})
+install(FILES ${PROJECT_SOURCE_DIR}/packaging/debian/copyright ${KRV_PACKAGE_CHANGELOG}
+  DESTINATION ${CMAKE_INSTALL_DOCDIR})
 
 include(CPack)

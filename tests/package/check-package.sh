@@ -101,7 +101,7 @@ unshare --mount --propagation private sh "$work/run-scripts.sh" "$work/control" 
 
 # lintian, where installed: its findings are shown, not judged here.
 if command -v lintian >/dev/null 2>&1; then
-  lintian --no-tag-display-limit "$deb" >"$work/lintian.txt" 2>&1 || true
+  lintian --tag-display-limit 0 "$deb" >"$work/lintian.txt" 2>&1 || true
   echo "lintian:"
   cat "$work/lintian.txt"
 fi
