@@ -54,8 +54,8 @@ struct sa_command {
   bool running = false;
   bool cancelled = false;
   bool markerCreated = false;
-  std::string markerPath;   // the abort marker of the run in progress
-  krv::UniqueFd wakeUp;     // an event counter that a cancellation signals
+  std::string markerPath;  // the abort marker of the run in progress
+  krv::UniqueFd wakeUp;    // an event counter that a cancellation signals
 };
 
 struct sa_message {
@@ -126,9 +126,11 @@ void deliverReport(sa_command& command, const Error& report) {
       const Value* value = info.find(channels[channel]);
       if (value == nullptr) continue;
       if (const krv::Data* data = value->asData()) {
-        if (!data->empty()) command.output(channel + 1, data->data(), data->size(), command.outputData);
+        if (!data->empty())
+          command.output(channel + 1, data->data(), data->size(), command.outputData);
       } else if (const std::string* text = value->asString()) {
-        if (!text->empty()) command.output(channel + 1, text->data(), text->size(), command.outputData);
+        if (!text->empty())
+          command.output(channel + 1, text->data(), text->size(), command.outputData);
       }
     }
   }
@@ -403,18 +405,22 @@ void sa_set_prompt_callback(sa_prompt_callback callback, void* user_data) {
     }
     auto style = [](krv::auth::PromptStyle promptStyle) {
       switch (promptStyle) {
-        case krv::auth::PromptStyle::Secret: return SA_PROMPT_SECRET;
-        case krv::auth::PromptStyle::Visible: return SA_PROMPT_VISIBLE;
-        case krv::auth::PromptStyle::Error: return SA_PROMPT_ERROR;
-        case krv::auth::PromptStyle::Information: break;
+        case krv::auth::PromptStyle::Secret:
+          return SA_PROMPT_SECRET;
+        case krv::auth::PromptStyle::Visible:
+          return SA_PROMPT_VISIBLE;
+        case krv::auth::PromptStyle::Error:
+          return SA_PROMPT_ERROR;
+        case krv::auth::PromptStyle::Information:
+          break;
       }
       return SA_PROMPT_INFORMATION;
     };
     auto ask = [callback, user_data, style](const krv::auth::Prompt& prompt) {
       krv::auth::Answer answer;
       char buffer[krv::auth::Secret::kCapacity + 1] = {};
-      int choice = callback(style(prompt.style), prompt.message.c_str(), buffer, sizeof buffer,
-                            user_data);
+      int choice =
+          callback(style(prompt.style), prompt.message.c_str(), buffer, sizeof buffer, user_data);
       if (choice == SA_PROMPT_ANSWERED) {
         // An answer without its terminator inside the buffer is refused rather than cut.
         std::size_t length = ::strnlen(buffer, sizeof buffer);
@@ -497,21 +503,31 @@ int sa_value_type(const sa_value* value) {
   const Value* held = unwrap(value);
   if (held == nullptr) return SA_VALUE_NONE;
   switch (held->type()) {
-    case ValueType::String: return SA_VALUE_STRING;
-    case ValueType::Data: return SA_VALUE_DATA;
+    case ValueType::String:
+      return SA_VALUE_STRING;
+    case ValueType::Data:
+      return SA_VALUE_DATA;
     case ValueType::Number:
       switch (held->asNumber()->kind()) {
         case Number::Kind::Integer:
-        case Number::Kind::LargeUnsigned: return SA_VALUE_INTEGER;
-        case Number::Kind::Real: return SA_VALUE_REAL;
-        case Number::Kind::Boolean: return SA_VALUE_BOOLEAN;
+        case Number::Kind::LargeUnsigned:
+          return SA_VALUE_INTEGER;
+        case Number::Kind::Real:
+          return SA_VALUE_REAL;
+        case Number::Kind::Boolean:
+          return SA_VALUE_BOOLEAN;
       }
       return SA_VALUE_INTEGER;
-    case ValueType::Date: return SA_VALUE_DATE;
-    case ValueType::Array: return SA_VALUE_ARRAY;
-    case ValueType::Set: return SA_VALUE_SET;
-    case ValueType::Dictionary: return SA_VALUE_DICTIONARY;
-    case ValueType::Object: return SA_VALUE_OBJECT;
+    case ValueType::Date:
+      return SA_VALUE_DATE;
+    case ValueType::Array:
+      return SA_VALUE_ARRAY;
+    case ValueType::Set:
+      return SA_VALUE_SET;
+    case ValueType::Dictionary:
+      return SA_VALUE_DICTIONARY;
+    case ValueType::Object:
+      return SA_VALUE_OBJECT;
   }
   return SA_VALUE_NONE;
 }

@@ -38,8 +38,8 @@
  * through errno; no function raises a signal or throws.
  *
  * Threads. A client and a command are used by one thread at a time, with two exceptions:
- * sa_command_cancel() and sa_command_abort() may be called from any thread (or a signal-free
- * callback) while another thread is inside sa_command_run(). Different clients and commands may be
+ * sa_command_cancel() and sa_command_abort() may be called from any thread (or from one of its
+ * callbacks) while another thread is inside sa_command_run(). Different clients and commands may be
  * used by different threads at the same time. Callbacks are called on the thread that called
  * sa_command_run(). The prompt callback is process-wide (see sa_set_prompt_callback()).
  */
@@ -58,15 +58,15 @@ extern "C" {
 #endif
 
 /* The domains of messages. */
-#define SA_TRANSPORT_DOMAIN "com.tavorin.securityagent"  /* transport: 0 accepted, 1 report */
+#define SA_TRANSPORT_DOMAIN "com.tavorin.securityagent"   /* transport: 0 accepted, 1 report */
 #define SA_COMMAND_DOMAIN "com.tavorin.privilegedCommand" /* command results: 0 success */
 #define SA_POSIX_DOMAIN "NSPOSIXErrorDomain"              /* code is an errno value */
 
 /* Common user information keys. */
-#define SA_KEY_PROGRESS "CurrentProgress"         /* real from 0.0 to 1.0 */
-#define SA_KEY_OUTPUT "OutputChannel"             /* data: a program's standard output */
-#define SA_KEY_ERROR_OUTPUT "ErrorChannel"        /* data: a program's standard error */
-#define SA_KEY_FAILING_PATH "FailingPath"         /* string or data: the path that failed */
+#define SA_KEY_PROGRESS "CurrentProgress"             /* real from 0.0 to 1.0 */
+#define SA_KEY_OUTPUT "OutputChannel"                 /* data: a program's standard output */
+#define SA_KEY_ERROR_OUTPUT "ErrorChannel"            /* data: a program's standard error */
+#define SA_KEY_FAILING_PATH "FailingPath"             /* string or data: the path that failed */
 #define SA_KEY_UNDERLYING_ERROR "UnderlyingErrorCode" /* integer: errno or service status */
 
 typedef struct sa_client sa_client;   /* a connection point to the daemon */
@@ -75,7 +75,7 @@ typedef struct sa_message sa_message; /* a report or a final result */
 typedef struct sa_value sa_value;     /* a read-only value inside a message */
 
 /* The library's version, "MAJOR.MINOR". Static storage. */
-SA_API const char *sa_version(void);
+SA_API const char* sa_version(void);
 
 /* ---- Client ------------------------------------------------------------------------------- */
 
@@ -83,32 +83,32 @@ SA_API const char *sa_version(void);
  * /var/run/com.tavorin.system.securityagent3.socket). NULL with errno ENOENT when nothing exists
  * at that path (the component is not installed or not enabled), ENOMEM when memory ran out.
  * Free it with sa_client_free(). */
-SA_API sa_client *sa_client_new(const char *socket_path);
+SA_API sa_client* sa_client_new(const char* socket_path);
 /* Frees a client; NULL is ignored. No command may be running on it. */
-SA_API void sa_client_free(sa_client *client);
+SA_API void sa_client_free(sa_client* client);
 
 /* ---- Commands ----------------------------------------------------------------------------- */
 
 /* A command with the given code (0 to 54) and no arguments yet. NULL with errno EINVAL for a
  * larger code, ENOMEM when memory ran out. Free it with sa_command_free(). */
-SA_API sa_command *sa_command_new(uint32_t code);
+SA_API sa_command* sa_command_new(uint32_t code);
 /* Frees a command; NULL is ignored. It must not be running. */
-SA_API void sa_command_free(sa_command *command);
+SA_API void sa_command_free(sa_command* command);
 
 /* Appending arguments, in order. Each command's arguments have fixed kinds (see the command
  * list): S takes a string, N takes a number (integer, real or boolean as the command says), D
  * takes data. A command whose arguments do not match is not sent: its run ends with transport
  * error 6. `bytes` may be NULL when `length` is 0. EBUSY while the command runs. */
-SA_API int sa_command_add_string(sa_command *command, const void *bytes, size_t length);
-SA_API int sa_command_add_integer(sa_command *command, int64_t value);
-SA_API int sa_command_add_unsigned(sa_command *command, uint64_t value);
-SA_API int sa_command_add_real(sa_command *command, double value);
-SA_API int sa_command_add_boolean(sa_command *command, int value);
-SA_API int sa_command_add_data(sa_command *command, const void *bytes, size_t length);
+SA_API int sa_command_add_string(sa_command* command, const void* bytes, size_t length);
+SA_API int sa_command_add_integer(sa_command* command, int64_t value);
+SA_API int sa_command_add_unsigned(sa_command* command, uint64_t value);
+SA_API int sa_command_add_real(sa_command* command, double value);
+SA_API int sa_command_add_boolean(sa_command* command, int value);
+SA_API int sa_command_add_data(sa_command* command, const void* bytes, size_t length);
 
 /* Whether the rights obtained for this command are destroyed once it ends (default: kept, so that
  * a credential shared for a few minutes serves the next command too). */
-SA_API void sa_command_set_deauthorize(sa_command *command, int deauthorize);
+SA_API void sa_command_set_deauthorize(sa_command* command, int deauthorize);
 
 /* Report callbacks, each optional (NULL removes it), each with its own user data. Called on the
  * thread inside sa_command_run(), in the order in which the reports arrive:
@@ -119,15 +119,15 @@ SA_API void sa_command_set_deauthorize(sa_command *command, int deauthorize);
  *   as "FileSystemObjects"); the message is valid during the call only.
  * A report may call several of them (progress first, then output, then payload). A callback may
  * call sa_command_cancel() or sa_command_abort() on its command. */
-typedef void (*sa_progress_callback)(double fraction, void *user_data);
-typedef void (*sa_output_callback)(int channel, const void *bytes, size_t length, void *user_data);
-typedef void (*sa_payload_callback)(const sa_message *report, void *user_data);
-SA_API void sa_command_set_progress_callback(sa_command *command, sa_progress_callback callback,
-                                             void *user_data);
-SA_API void sa_command_set_output_callback(sa_command *command, sa_output_callback callback,
-                                           void *user_data);
-SA_API void sa_command_set_payload_callback(sa_command *command, sa_payload_callback callback,
-                                            void *user_data);
+typedef void (*sa_progress_callback)(double fraction, void* user_data);
+typedef void (*sa_output_callback)(int channel, const void* bytes, size_t length, void* user_data);
+typedef void (*sa_payload_callback)(const sa_message* report, void* user_data);
+SA_API void sa_command_set_progress_callback(sa_command* command, sa_progress_callback callback,
+                                             void* user_data);
+SA_API void sa_command_set_output_callback(sa_command* command, sa_output_callback callback,
+                                           void* user_data);
+SA_API void sa_command_set_payload_callback(sa_command* command, sa_payload_callback callback,
+                                            void* user_data);
 
 /* Runs the command to its end and returns its final message, owned by the caller (free it with
  * sa_message_free()). Blocks: while the user is asked for a password, while the command runs.
@@ -138,13 +138,13 @@ SA_API void sa_command_set_payload_callback(sa_command *command, sa_payload_call
  * (ECANCELED after sa_command_cancel(), ECONNREFUSED when the daemon does not serve).
  * NULL only with errno EINVAL (a null argument, the command already running) or ENOMEM.
  * A command may be run again once its run has ended. */
-SA_API sa_message *sa_command_run(sa_client *client, sa_command *command);
+SA_API sa_message* sa_command_run(sa_client* client, sa_command* command);
 
 /* Stops waiting for the command: the run in progress (or the next one, if none is) ends at once
  * with the POSIX error ECANCELED; the library closes and removes the response pipe, so the
  * daemon's next report fails and most commands stop there. It does not interrupt a password
  * prompt (the prompt callback cancels that itself). Any thread; safe to call repeatedly. */
-SA_API void sa_command_cancel(sa_command *command);
+SA_API void sa_command_cancel(sa_command* command);
 
 /* Asks a command that has an abort marker to stop on its own, keeping its result: the count of
  * objects (code 51, the marker is its second argument) and the folder comparison (code 52, its
@@ -152,7 +152,7 @@ SA_API void sa_command_cancel(sa_command *command);
  * (an object already there counts as well) and keeps reading: the command ends with its regular
  * final message. A marker the library created is removed when the run ends. Any thread. -1 with
  * EINVAL for a command without a marker, or the errno of creating the file. */
-SA_API int sa_command_abort(sa_command *command);
+SA_API int sa_command_abort(sa_command* command);
 
 /* ---- Password prompts --------------------------------------------------------------------- */
 
@@ -170,32 +170,35 @@ enum sa_prompt_result {
 /* Asks the user. `message` is NUL-terminated UTF-8 of at most 512 bytes, control characters
  * replaced. For SA_PROMPT_SECRET and SA_PROMPT_VISIBLE write the answer, NUL-terminated, into
  * `answer` (capacity `answer_capacity`, 513 bytes: at most 512 bytes of answer) and return one of
- * sa_prompt_result; the library wipes the buffer afterwards. For the other styles show the message;
- * the result is ignored. */
-typedef int (*sa_prompt_callback)(int style, const char *message, char *answer,
-                                  size_t answer_capacity, void *user_data);
+ * sa_prompt_result; the library wipes the buffer afterwards, and an answer without its terminator
+ * inside the buffer counts as cancelled. For the other styles `answer` is NULL and
+ * `answer_capacity` 0: show the message; the result is ignored. Called on the thread that runs the
+ * command; it must not run a command itself. */
+typedef int (*sa_prompt_callback)(int style, const char* message, char* answer,
+                                  size_t answer_capacity, void* user_data);
 /* Installs the process's prompt callback, used by every run in the process that needs a password.
  * NULL restores the default: asking on the controlling terminal (/dev/tty) with echo off, or
- * nobody (status -60007) without a terminal. Thread-safe; do not change it while a run is asking. */
-SA_API void sa_set_prompt_callback(sa_prompt_callback callback, void *user_data);
+ * nobody (status -60007) without a terminal. Thread-safe; do not change it while a run is asking.
+ */
+SA_API void sa_set_prompt_callback(sa_prompt_callback callback, void* user_data);
 
 /* ---- Messages ----------------------------------------------------------------------------- */
 
-SA_API void sa_message_free(sa_message *message);
+SA_API void sa_message_free(sa_message* message);
 /* The domain (NUL-terminated, valid as long as the message) and the code. */
-SA_API const char *sa_message_domain(const sa_message *message);
-SA_API int64_t sa_message_code(const sa_message *message);
+SA_API const char* sa_message_domain(const sa_message* message);
+SA_API int64_t sa_message_code(const sa_message* message);
 /* 1 when the command succeeded: code 0 outside the POSIX domain. */
-SA_API int sa_message_is_success(const sa_message *message);
+SA_API int sa_message_is_success(const sa_message* message);
 /* The user information: its number of entries, each entry's key (bytes, NUL-terminated, length
  * in *length when not NULL) and value by position, and the value for a key (NULL when absent). */
-SA_API size_t sa_message_count(const sa_message *message);
-SA_API const char *sa_message_key_at(const sa_message *message, size_t index, size_t *length);
-SA_API const sa_value *sa_message_value_at(const sa_message *message, size_t index);
-SA_API const sa_value *sa_message_lookup(const sa_message *message, const char *key);
+SA_API size_t sa_message_count(const sa_message* message);
+SA_API const char* sa_message_key_at(const sa_message* message, size_t index, size_t* length);
+SA_API const sa_value* sa_message_value_at(const sa_message* message, size_t index);
+SA_API const sa_value* sa_message_lookup(const sa_message* message, const char* key);
 /* A one-line description for logs: "Error Domain=... Code=... UserInfo={...}". Caller frees it
  * with free(). NULL with errno ENOMEM. */
-SA_API char *sa_message_describe(const sa_message *message);
+SA_API char* sa_message_describe(const sa_message* message);
 
 /* ---- Values ------------------------------------------------------------------------------- */
 
@@ -212,29 +215,30 @@ enum sa_value_type {
   SA_VALUE_DICTIONARY, /* keys (bytes) with values, in the order received */
   SA_VALUE_OBJECT      /* an archived object: only its class name is readable */
 };
-/* Every accessor accepts NULL and values of other types, answering 0, 0.0, NULL or SA_VALUE_NONE. */
-SA_API int sa_value_type(const sa_value *value);
+/* Every accessor accepts NULL and values of other types, answering 0, 0.0, NULL or SA_VALUE_NONE.
+ */
+SA_API int sa_value_type(const sa_value* value);
 /* A number as a signed integer (reals truncate toward zero, saturating; booleans are 0 or 1). */
-SA_API int64_t sa_value_integer(const sa_value *value);
+SA_API int64_t sa_value_integer(const sa_value* value);
 /* A number as an unsigned integer (negative integers wrap modulo 2^64). */
-SA_API uint64_t sa_value_unsigned(const sa_value *value);
+SA_API uint64_t sa_value_unsigned(const sa_value* value);
 /* A number as a double; a date as its seconds. */
-SA_API double sa_value_real(const sa_value *value);
+SA_API double sa_value_real(const sa_value* value);
 /* A number as 0 or 1 (non-zero is 1). */
-SA_API int sa_value_boolean(const sa_value *value);
+SA_API int sa_value_boolean(const sa_value* value);
 /* The bytes of a string or data value; the string's bytes are followed by a NUL not counted in
  * *length. NULL for other types (then *length is 0). */
-SA_API const void *sa_value_bytes(const sa_value *value, size_t *length);
+SA_API const void* sa_value_bytes(const sa_value* value, size_t* length);
 /* The number of elements of an array or set, of entries of a dictionary; 0 otherwise. */
-SA_API size_t sa_value_count(const sa_value *value);
+SA_API size_t sa_value_count(const sa_value* value);
 /* The element of an array or set, or the value of a dictionary entry, at a position. */
-SA_API const sa_value *sa_value_at(const sa_value *value, size_t index);
+SA_API const sa_value* sa_value_at(const sa_value* value, size_t index);
 /* The key of a dictionary entry at a position (NUL-terminated; its length in *length). */
-SA_API const char *sa_value_key_at(const sa_value *value, size_t index, size_t *length);
+SA_API const char* sa_value_key_at(const sa_value* value, size_t index, size_t* length);
 /* The value of a dictionary for a NUL-terminated key; NULL when absent. */
-SA_API const sa_value *sa_value_lookup(const sa_value *value, const char *key);
+SA_API const sa_value* sa_value_lookup(const sa_value* value, const char* key);
 /* The class name of an object (NUL-terminated). */
-SA_API const char *sa_value_class_name(const sa_value *value);
+SA_API const char* sa_value_class_name(const sa_value* value);
 
 #ifdef __cplusplus
 }

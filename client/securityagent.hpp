@@ -92,7 +92,9 @@ class MessageRef {
     const char* key = sa_message_key_at(m_message, index, &length);
     return key ? std::string_view(key, length) : std::string_view();
   }
-  ValueRef valueAt(std::size_t index) const { return ValueRef(sa_message_value_at(m_message, index)); }
+  ValueRef valueAt(std::size_t index) const {
+    return ValueRef(sa_message_value_at(m_message, index));
+  }
   ValueRef operator[](const char* key) const { return ValueRef(sa_message_lookup(m_message, key)); }
   std::string description() const {
     std::unique_ptr<char, decltype(&std::free)> text(sa_message_describe(m_message), &std::free);
@@ -116,7 +118,8 @@ class Message : public MessageRef {
 class Client {
  public:
   // The installed daemon's socket, or another path.
-  explicit Client(const char* socketPath = nullptr) : m_client(sa_client_new(socketPath), &sa_client_free) {
+  explicit Client(const char* socketPath = nullptr)
+      : m_client(sa_client_new(socketPath), &sa_client_free) {
     if (!m_client) detail::throwErrno("sa_client_new");
   }
   sa_client* get() const { return m_client.get(); }
@@ -159,7 +162,8 @@ class Command {
 
   void onProgress(std::function<void(double)> callback) {
     m_progress = std::move(callback);
-    sa_command_set_progress_callback(get(), m_progress ? &Command::progressTrampoline : nullptr, this);
+    sa_command_set_progress_callback(get(), m_progress ? &Command::progressTrampoline : nullptr,
+                                     this);
   }
   void onOutput(std::function<void(int channel, std::string_view bytes)> callback) {
     m_output = std::move(callback);

@@ -47,28 +47,28 @@ TEST_F(InstalledClientTest, ExamplesBuildAgainstTheInstalledTreeAndRunACommand) 
   const std::string source = KRV_SOURCE_DIR;
   const std::string libdir = prefix + "/" + KRV_INSTALL_LIBDIR;
 
-  ProgramRun install = shell(
-      "set -e; rm -rf " + quoted(prefix) + "; for component in library development; do " +
-      quoted(KRV_CMAKE_COMMAND) + " --install " + quoted(KRV_BUILD_DIR) + " --prefix " +
-      quoted(prefix) + " --component $component; done");
+  ProgramRun install =
+      shell("set -e; rm -rf " + quoted(prefix) + "; for component in library development; do " +
+            quoted(KRV_CMAKE_COMMAND) + " --install " + quoted(KRV_BUILD_DIR) + " --prefix " +
+            quoted(prefix) + " --component $component; done");
   ASSERT_EQ(install.exitCode, 0) << install.standardOutput << install.standardError;
 
   // pkg-config
-  ProgramRun withPkgConfig = shell(
-      "set -e; export PKG_CONFIG_PATH=" + quoted(libdir + "/pkgconfig") + "; " +
-      quoted(KRV_C_COMPILER) + " -std=c99 -Wall -Wextra -Werror -o " +
-      quoted(prefix + "/example-pkg-config") + " " +
-      quoted(source + "/examples/c/securityagent-example.c") +
-      " $(pkg-config --cflags --libs securityagent)" +
-      " -Wl,-rpath,$(pkg-config --variable=libdir securityagent)");
+  ProgramRun withPkgConfig =
+      shell("set -e; export PKG_CONFIG_PATH=" + quoted(libdir + "/pkgconfig") + "; " +
+            quoted(KRV_C_COMPILER) + " -std=c99 -Wall -Wextra -Werror -o " +
+            quoted(prefix + "/example-pkg-config") + " " +
+            quoted(source + "/examples/c/securityagent-example.c") +
+            " $(pkg-config --cflags --libs securityagent)" +
+            " -Wl,-rpath,$(pkg-config --variable=libdir securityagent)");
   ASSERT_EQ(withPkgConfig.exitCode, 0) << withPkgConfig.standardError;
 
   // find_package
   ProgramRun withCMake = shell(
       "set -e; " + quoted(KRV_CMAKE_COMMAND) + " -S " + quoted(source + "/examples/c") + " -B " +
-      quoted(prefix + "/example-build") + " -G Ninja -DCMAKE_C_COMPILER=" +
-      quoted(KRV_C_COMPILER) + " -DCMAKE_PREFIX_PATH=" + quoted(prefix) + "; " +
-      quoted(KRV_CMAKE_COMMAND) + " --build " + quoted(prefix + "/example-build"));
+      quoted(prefix + "/example-build") + " -G Ninja -DCMAKE_C_COMPILER=" + quoted(KRV_C_COMPILER) +
+      " -DCMAKE_PREFIX_PATH=" + quoted(prefix) + "; " + quoted(KRV_CMAKE_COMMAND) + " --build " +
+      quoted(prefix + "/example-build"));
   ASSERT_EQ(withCMake.exitCode, 0) << withCMake.standardOutput << withCMake.standardError;
 
   const std::vector<std::string> examples = {prefix + "/example-pkg-config",
