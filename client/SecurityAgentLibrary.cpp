@@ -149,8 +149,9 @@ bool cancelRequested(sa_command& command) {
 // Follows the response pipe until the final message, a cancellation or a failure.
 Error followPipe(sa_command& command, const KRVSecurityAgent& agent, const std::string& path) {
   // Opened without waiting for the daemon's writer, so that a cancellation is not stuck in open();
-  // poll() reports the pipe only once a writer has come and written or gone.
-  krv::Result<krv::UniqueFd> pipe = krv::sys::open(path, O_RDONLY | O_NONBLOCK);
+  // poll() reports the pipe only once a writer has come and written or gone. The daemon makes the
+  // pipe itself: a link or anything but a FIFO at its path is not followed, read or removed.
+  krv::Result<krv::UniqueFd> pipe = krv::sys::open(path, O_RDONLY | O_NONBLOCK | O_NOFOLLOW);
   if (!pipe) return pipe.error();
   krv::Result<struct stat> status = krv::sys::fstat(pipe->get());
   if (!status) return status.error();
@@ -333,10 +334,13 @@ sa_message* sa_command_run(sa_client* client, sa_command* command) {
     }
     auto message = std::make_unique<sa_message>();
     std::optional<Error> result;
+    int failure = 0;
     try {
       result.emplace(runCommand(*client, *command));
     } catch (const std::bad_alloc&) {
-      result.reset();
+      failure = ENOMEM;
+    } catch (...) {
+      failure = EIO;  // nothing below throws anything else; never let it cross into C
     }
     std::lock_guard<std::mutex> lock(command->mutex);
     if (command->markerCreated) (void)krv::sys::unlink(command->markerPath);
@@ -345,7 +349,7 @@ sa_message* sa_command_run(sa_client* client, sa_command* command) {
     command->cancelled = false;
     drainWakeUp(*command);
     if (!result) {
-      errno = ENOMEM;
+      errno = failure;
       return nullptr;
     }
     message->owned = std::move(*result);
