@@ -185,5 +185,22 @@ TEST_F(ClientLibraryTest, AbortMarkerEndsTheCountWithItsResult) {
   sa_client_free(client);
 }
 
+// An ordinary user is asked for a password through the application's callback: a cancelled
+// question ends the run with the service's "cancelled", wrong answers with "denied" after three
+// questions, the failures between them shown without an answer buffer.
+TEST_F(ClientLibraryTest, PromptCallbackAnswersForTheUser) {
+  ProgramRun cancelled =
+      runProgram(KRV_PROMPT_CHECK_BINARY, {"cancel", kDaemonSocketPath}, 65534, 65534);
+  EXPECT_EQ(cancelled.exitCode, 0) << cancelled.standardError;
+  EXPECT_EQ(cancelled.standardOutput,
+            "secret=1 shown=0 result com.tavorin.privilegedCommand 2 -60006\n");
+
+  ProgramRun wrong =
+      runProgram(KRV_PROMPT_CHECK_BINARY, {"wrong", kDaemonSocketPath}, 65534, 65534);
+  EXPECT_EQ(wrong.exitCode, 0) << wrong.standardError;
+  EXPECT_EQ(wrong.standardOutput,
+            "secret=3 shown=2 result com.tavorin.privilegedCommand 2 -60005\n");
+}
+
 }  // namespace
 }  // namespace krv::test
