@@ -7,7 +7,9 @@
 #include <errno.h>
 #include <sys/stat.h>
 
+#include <stdexcept>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include "securityagent.h"
@@ -70,6 +72,21 @@ TEST_F(ClientLibraryTest, WrapperDeliversProgressAndResult) {
   securityagent::Message again = command.run(client);
   EXPECT_TRUE(again.succeeded()) << again.description();
   EXPECT_EQ(progress.size(), 2u);
+}
+
+TEST_F(ClientLibraryTest, WrapperCallbackExceptionCancelsAndIsRethrown) {
+  securityagent::Client client(kDaemonSocketPath);
+  securityagent::Command command(3);
+  command.add(std::int64_t{30});
+  int calls = 0;
+  command.onProgress([&](double) {
+    ++calls;
+    throw std::runtime_error("stop here");
+  });
+  EXPECT_THROW(command.run(client), std::runtime_error);
+  EXPECT_EQ(calls, 1);  // cancelled at once: no second report
+  EXPECT_TRUE(pipesLeft().empty());
+  EXPECT_THROW(securityagent::Command(99), std::system_error);
 }
 
 TEST_F(ClientLibraryTest, RefusesWhatCannotBeSentWithoutTouchingTheSocket) {
