@@ -13,6 +13,7 @@
 #include "protocol/KRVSecurityAgent.h"
 #include "tools/securityagentctl/CommandLine.h"
 #include "tools/securityagentctl/ComparisonReport.h"
+#include "tools/securityagentctl/HelpTable.h"
 #include "tools/securityagentctl/ResultPrinter.h"
 
 namespace {
@@ -51,7 +52,9 @@ int main(int argc, char** argv) {
     return 2;
   }
   if (options->help) {
-    std::fputs(ctl::usage().c_str(), stdout);
+    std::fputs(options->helpCommand ? ctl::helpForCommand(*options->helpCommand).c_str()
+                                    : ctl::helpOverview().c_str(),
+               stdout);
     return 0;
   }
   if (options->listCommands) {
