@@ -5,6 +5,7 @@
 // of foundation/NameValue.h) except a program's own output; the JSON is a lossless picture of the
 // values as they came. Used by the client's one thread.
 
+#include <cstdint>
 #include <cstdio>
 #include <optional>
 #include <string>
@@ -12,6 +13,7 @@
 
 #include "foundation/Error.h"
 #include "tools/securityagentctl/ComparisonReport.h"
+#include "tools/securityagentctl/ErrorDescription.h"
 
 namespace krv::ctl {
 
@@ -22,8 +24,6 @@ namespace krv::ctl {
 std::string toJson(const Value& value);
 // The final result as one JSON document: {"domain": ..., "code": ..., "userInfo": {...}}.
 std::string resultToJson(const Error& result);
-// A readable explanation of a result code ("" when there is nothing to add).
-std::string explainResult(const Error& result);
 
 class ResultPrinter {
  public:
@@ -32,17 +32,24 @@ class ResultPrinter {
   // Shows the records of a folder comparison of these folders as lines, with a summary at the end.
   void showComparison(std::string_view firstFolder, std::string_view secondFolder);
 
+  // The command being run: a failure is then one line naming what could not be done, the path
+  // and the reason (describeFailure), followed by the result's details.
+  void describeFailuresOf(std::uint32_t code, Array arguments);
+
   void report(const Error& report);
   void finish(const Error& result);
 
  private:
   void drawProgress(double progress);
   void endProgress();
+  std::string failureHeadline(const Error& result) const;
 
   bool m_json;
   bool m_showProgress;
   bool m_progressShown = false;
   std::optional<ComparisonLines> m_comparison;
+  std::optional<std::uint32_t> m_commandCode;
+  Array m_commandArguments;
 };
 
 }  // namespace krv::ctl

@@ -93,6 +93,7 @@ int main(int argc, char** argv) {
       archive.emplace(std::move(*writer));
     }
   }
+  printer.describeFailuresOf(options->commandCode, options->arguments);
   std::unique_ptr<KRVPrivilegedCommand> command = KRVPrivilegedCommand::privilegedCommandWithCode(
       options->commandCode, std::move(options->arguments));
   agent->setReportHandler([&](const Error& report) {
