@@ -18,12 +18,13 @@ class TerminalPromptTest : public AuthorityFixture {
  protected:
   // Starts a program as alice with the terminal as its controlling terminal and its standard
   // input, output and error.
-  ChildProcess startOnTerminal(std::vector<std::string> command) {
+  // With `seeingUsers`, the program sees the test's accounts by name.
+  ChildProcess startOnTerminal(std::vector<std::string> command, bool seeingUsers = false) {
     Result<ChildProcess> child =
-        ChildProcess::start({kAlice, kAlice}, [this, command](LineChannel&) {
+        ChildProcess::start({kAlice, kAlice}, [this, command, seeingUsers](LineChannel&) {
           if (!m_terminal.becomeControllingTerminal()) return 90;
           for (int fd = 0; fd < 3; ++fd) ::dup2(m_terminal.slave(), fd);
-          return execute(command);
+          return seeingUsers ? executeSeeingTestUsers(command) : execute(command);
         });
     EXPECT_TRUE(child.ok());
     return std::move(child).value();
@@ -52,15 +53,23 @@ TEST_F(TerminalPromptTest, TheCommandLineClientAsksForThePasswordAndRunsTheComma
   Result<ServiceProcess> daemon = ServiceProcess::start(
       {"/run/com.tavorin.system.securityagent3.socket", KRV_DAEMON_BINARY, {"d"}, {}, 0666});
   ASSERT_TRUE(daemon.ok());
-  ChildProcess client = startOnTerminal({KRV_CLIENT_BINARY, "whoami", "1"});
-  ASSERT_TRUE(m_terminal.readUntil("assword")) << m_terminal.screen();
+  ChildProcess client = startOnTerminal({KRV_CLIENT_BINARY, "whoami", "1"}, true);
+  // The prompt says what the password is for and whose it is; a wrong one is asked again.
+  ASSERT_TRUE(m_terminal.readUntil("Authentication is needed to run diagnostics as the "
+                                   "administrator. Password for alice: "))
+      << m_terminal.screen();
   EXPECT_FALSE(m_terminal.echoing());
+  ASSERT_TRUE(m_terminal.type("wrong-guess\n"));
+  ASSERT_TRUE(m_terminal.readUntil("Sorry, try again.")) << m_terminal.screen();
+  ASSERT_TRUE(m_terminal.readUntil("Password for alice: ")) << m_terminal.screen();
   ASSERT_TRUE(m_terminal.type("alice-password\n"));
-  // The diagnostic's progress, then the program's output: the daemon's user.
+  // The diagnostic's progress as a bar (a terminal), then the program's output: the daemon's user.
+  ASSERT_TRUE(m_terminal.readUntil("] 100%")) << m_terminal.screen() << daemon->standardError();
   ASSERT_TRUE(m_terminal.readUntil("OK")) << m_terminal.screen() << daemon->standardError();
   ASSERT_TRUE(m_terminal.readUntil("OutputChannel: root")) << m_terminal.screen();
   EXPECT_EQ(client.wait(10s).valueOr(-1), 0);
   EXPECT_EQ(m_terminal.screen().find("alice-password"), std::string::npos) << m_terminal.screen();
+  EXPECT_EQ(m_terminal.screen().find("guess"), std::string::npos) << m_terminal.screen();
 }
 
 }  // namespace

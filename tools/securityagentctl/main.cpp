@@ -14,6 +14,7 @@
 #include "tools/securityagentctl/CommandLine.h"
 #include "tools/securityagentctl/ComparisonReport.h"
 #include "tools/securityagentctl/HelpTable.h"
+#include "tools/securityagentctl/PasswordPrompt.h"
 #include "tools/securityagentctl/ResultPrinter.h"
 
 namespace {
@@ -96,6 +97,7 @@ int main(int argc, char** argv) {
   printer.describeFailuresOf(options->commandCode, options->arguments);
   std::unique_ptr<KRVPrivilegedCommand> command = KRVPrivilegedCommand::privilegedCommandWithCode(
       options->commandCode, std::move(options->arguments));
+  ctl::installCommandPrompt(options->commandCode, command->userIdentification());
   agent->setReportHandler([&](const Error& report) {
     printer.report(report);
     const Value* records = report.userInfo().find(key::kMismatchList);
