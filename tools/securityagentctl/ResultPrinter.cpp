@@ -257,33 +257,11 @@ std::string resultToJson(const Error& result) {
 }
 
 ResultPrinter::ResultPrinter(bool json, bool quiet)
-    : m_json(json), m_showProgress(!quiet && !json && sys::isTerminal(STDERR_FILENO)) {}
+    : m_json(json), m_progress(STDERR_FILENO, ProgressBar::wanted(json, quiet)) {}
 
-void ResultPrinter::drawProgress(double progress) {
-  if (!m_showProgress) return;
-  if (!(progress >= 0.0)) progress = 0.0;
-  // A command that could not know its total reports a count instead (a propagation of
-  // permissions told to expect no objects): shown as the number it is.
-  if (progress > 1.0 && std::isfinite(progress)) {
-    writeOut(STDERR_FILENO, format("\r%.0f", progress));
-    m_progressShown = true;
-    return;
-  }
-  if (progress > 1.0) progress = 1.0;
-  constexpr int kWidth = 40;
-  int filled = static_cast<int>(progress * kWidth);
-  std::string bar = "\r[" + std::string(static_cast<std::size_t>(filled), '#') +
-                    std::string(static_cast<std::size_t>(kWidth - filled), ' ') +
-                    format("] %3d%%", static_cast<int>(progress * 100.0));
-  writeOut(STDERR_FILENO, bar);
-  m_progressShown = true;
-}
+void ResultPrinter::drawProgress(double progress) { m_progress.draw(progress); }
 
-void ResultPrinter::endProgress() {
-  if (!m_progressShown) return;
-  writeOut(STDERR_FILENO, "\n");
-  m_progressShown = false;
-}
+void ResultPrinter::endProgress() { m_progress.end(); }
 
 void ResultPrinter::showComparison(std::string_view firstFolder, std::string_view secondFolder) {
   m_comparison.emplace(firstFolder, secondFolder);
@@ -332,11 +310,11 @@ void ResultPrinter::report(const Error& report) {
     }
     writeOut(STDOUT_FILENO, lines);
   }
-  if (!hasPayload || m_showProgress) drawProgress(fraction);
+  if (!hasPayload || m_progress.enabled()) drawProgress(fraction);
 }
 
 void ResultPrinter::finish(const Error& result) {
-  if (m_progressShown) {
+  if (m_progress.shown()) {
     if (result.code() == 0) drawProgress(1.0);
     endProgress();
   }

@@ -14,6 +14,7 @@
 #include "foundation/Error.h"
 #include "tools/securityagentctl/ComparisonReport.h"
 #include "tools/securityagentctl/ErrorDescription.h"
+#include "tools/securityagentctl/ProgressBar.h"
 
 namespace krv::ctl {
 
@@ -45,8 +46,7 @@ class ResultPrinter {
   std::string failureHeadline(const Error& result) const;
 
   bool m_json;
-  bool m_showProgress;
-  bool m_progressShown = false;
+  ProgressBar m_progress;
   std::optional<ComparisonLines> m_comparison;
   std::optional<std::uint32_t> m_commandCode;
   Array m_commandArguments;
