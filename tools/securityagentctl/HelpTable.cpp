@@ -27,7 +27,7 @@ constexpr CommandHelp programCommand(std::uint32_t code, const char* summary, co
   help.summary = summary;
   help.action = action;
   help.failure = failure;
-  help.arguments[0] = {"ARGUMENT", K::Text, kProgramArgument};
+  help.arguments[0] = {"ARGUMENT", K::Program, kProgramArgument};
   help.repeatFrom = 0;
   help.returns = kProgramReturns;
   help.example = example;
@@ -352,6 +352,8 @@ const char* kindName(ArgumentKind kind) {
       return "0 or 1";
     case ArgumentKind::Data:
       return "data";
+    case ArgumentKind::Program:
+      return "text";
   }
   return "";
 }
@@ -377,6 +379,7 @@ char letterOfKind(ArgumentKind kind) {
       return 'D';
     case ArgumentKind::Path:
     case ArgumentKind::Text:
+    case ArgumentKind::Program:
       break;
   }
   return 'S';

@@ -20,6 +20,7 @@ enum class ArgumentKind : std::uint8_t {
   Number,    // N: an integer
   Flag,      // N: 0 is false, anything else true
   Data,      // D: @FILE, hex:DIGITS or the text's own bytes
+  Program,   // S: an argument for a program: an option or operand, often a file name
 };
 
 struct ArgumentHelp {

@@ -3,6 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <fstream>
+#include <iterator>
+#include <set>
+#include <sstream>
 
 #include "protocol/CommandCodes.h"
 #include "protocol/CommandTable.h"
@@ -138,6 +142,35 @@ TEST(HelpTableTest, TheCommandLineAsksForHelp) {
   // The list explains its letters before the first command.
   const std::string list = commandList();
   EXPECT_LT(list.find("S a text or a path, N a number"), list.find("get-version"));
+}
+
+// The bash completion knows each command's argument kinds from a line `NAME) kinds="..." ;;`.
+TEST(HelpTableTest, TheCompletionAgreesWithTheTable) {
+  std::ifstream file(KRV_SOURCE_DIR "/packaging/bash-completion/securityagentctl");
+  ASSERT_TRUE(file);
+  std::stringstream text;
+  text << file.rdbuf();
+  const std::string script = text.str();
+  // The names offered for the command word.
+  const std::size_t list = script.find("local commands=\"");
+  ASSERT_NE(list, std::string::npos);
+  const std::size_t start = list + std::strlen("local commands=\"");
+  std::istringstream words(script.substr(start, script.find('"', start) - start));
+  std::set<std::string> offered{std::istream_iterator<std::string>(words),
+                                std::istream_iterator<std::string>()};
+  for (std::uint32_t code = 0; code < kNumberOfCommandCodes; ++code) {
+    if (code == kCommandReserved) continue;
+    const CommandHelp& help = *commandHelp(code);
+    std::string kinds;
+    for (std::size_t index = 0; index < argumentCount(help); ++index) {
+      if (!kinds.empty()) kinds += ' ';
+      if (static_cast<int>(index) == help.repeatFrom) kinds += '+';
+      kinds += "ptnfda"[static_cast<int>(help.arguments[index].kind)];
+    }
+    const std::string line = "    " + readableName(code) + ") kinds=\"" + kinds + "\" ;;\n";
+    EXPECT_NE(script.find(line), std::string::npos) << line;
+    EXPECT_EQ(offered.count(readableName(code)), 1u) << code;
+  }
 }
 
 }  // namespace
