@@ -27,9 +27,20 @@ CommandPromptHandler::CommandPromptHandler(std::string action, std::string user,
                                            std::shared_ptr<auth::PromptHandler> terminal)
     : m_action(std::move(action)), m_user(std::move(user)), m_terminal(std::move(terminal)) {}
 
+CommandPromptHandler::CommandPromptHandler(std::string action,
+                                           std::function<std::string()> userName,
+                                           std::shared_ptr<auth::PromptHandler> terminal)
+    : m_action(std::move(action)),
+      m_userName(std::move(userName)),
+      m_terminal(std::move(terminal)) {}
+
 bool CommandPromptHandler::canAsk() { return m_terminal->canAsk(); }
 
 std::string CommandPromptHandler::promptText(const auth::Prompt& prompt) {
+  if (m_userName) {
+    m_user = m_userName();
+    m_userName = nullptr;
+  }
   std::string text;
   if (!m_introduced) {
     text = "Authentication is needed to " + m_action + " as the administrator.";
@@ -51,12 +62,15 @@ void CommandPromptHandler::show(const auth::Prompt& prompt) { m_terminal->show(p
 void installCommandPrompt(std::uint32_t code, unsigned uid) {
   const CommandHelp* help = commandHelp(code);
   if (help == nullptr) return;
-  std::string user;
-  Result<std::optional<auth::UserAccount>> account =
-      auth::SystemUserDirectory().accountOf(static_cast<uid_t>(uid));
-  if (account && *account) user = (*account)->name;
+  // The name is looked up when a question comes, so that a command that needs no password costs
+  // no lookup.
+  auto userName = [uid] {
+    Result<std::optional<auth::UserAccount>> account =
+        auth::SystemUserDirectory().accountOf(static_cast<uid_t>(uid));
+    return account && *account ? (*account)->name : std::string();
+  };
   auth::setPromptHandler(std::make_shared<CommandPromptHandler>(
-      help->action, std::move(user), std::make_shared<auth::TerminalPromptHandler>()));
+      help->action, std::move(userName), std::make_shared<auth::TerminalPromptHandler>()));
 }
 
 }  // namespace krv::ctl

@@ -10,6 +10,8 @@
 // one-time code, say) is shown as PAM wrote it, after the first line. The actual asking, without
 // echo and on the controlling terminal only, is the TerminalPromptHandler's.
 
+#include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -22,6 +24,9 @@ class CommandPromptHandler final : public auth::PromptHandler {
   // `action`: what the password allows ("delete file objects"); `user`: the account's name.
   CommandPromptHandler(std::string action, std::string user,
                        std::shared_ptr<auth::PromptHandler> terminal);
+  // The same, with the user's name looked up at the first question.
+  CommandPromptHandler(std::string action, std::function<std::string()> userName,
+                       std::shared_ptr<auth::PromptHandler> terminal);
   bool canAsk() override;
   auth::Answer ask(const auth::Prompt& prompt) override;
   void show(const auth::Prompt& prompt) override;
@@ -32,6 +37,7 @@ class CommandPromptHandler final : public auth::PromptHandler {
  private:
   std::string m_action;
   std::string m_user;
+  std::function<std::string()> m_userName;
   std::shared_ptr<auth::PromptHandler> m_terminal;
   bool m_introduced = false;
 };
