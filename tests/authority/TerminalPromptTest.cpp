@@ -55,8 +55,9 @@ TEST_F(TerminalPromptTest, TheCommandLineClientAsksForThePasswordAndRunsTheComma
   ASSERT_TRUE(daemon.ok());
   ChildProcess client = startOnTerminal({KRV_CLIENT_BINARY, "whoami", "1"}, true);
   // The prompt says what the password is for and whose it is; a wrong one is asked again.
-  ASSERT_TRUE(m_terminal.readUntil("Authentication is needed to run diagnostics as the "
-                                   "administrator. Password for alice: "))
+  ASSERT_TRUE(
+      m_terminal.readUntil("Authentication is needed to run diagnostics as the "
+                           "administrator. Password for alice: "))
       << m_terminal.screen();
   EXPECT_FALSE(m_terminal.echoing());
   ASSERT_TRUE(m_terminal.type("wrong-guess\n"));

@@ -51,8 +51,9 @@ std::optional<std::uint32_t> codeForName(const std::string& name);
 Result<Value> convertArgument(const std::string& text, char letter);
 
 std::string usage();
-// Every command with its signature letters (explained at the top) and comment; below each command that runs a program, the
-// program that runs on this machine (as `programs` finds it) or that none does.
+// Every command with its signature letters (explained at the top) and comment; below each command
+// that runs a program, the program that runs on this machine (as `programs` finds it) or that none
+// does.
 std::string commandList(const SystemPrograms& programs = SystemPrograms());
 
 }  // namespace krv::ctl

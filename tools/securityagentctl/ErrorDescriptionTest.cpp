@@ -27,21 +27,21 @@ TEST(ErrorDescriptionTest, NamesThePathTheResultOrTheArgumentsGive) {
   // FailingPath wins, shown escaped whatever its bytes.
   const Error gone(std::string(kPosixErrorDomain), ENOENT,
                    entry(key::kFailingPath, Value(Data{'/', 't', '\n', 0xff})));
-  EXPECT_EQ(describeFailure(kCommandDeleteFileObjects, {Value("1"), Value("/a"), Value("/b")}, gone),
-            "securityagentctl: cannot delete '/t\\n\\xff': No such file or directory");
+  EXPECT_EQ(
+      describeFailure(kCommandDeleteFileObjects, {Value("1"), Value("/a"), Value("/b")}, gone),
+      "securityagentctl: cannot delete '/t\\n\\xff': No such file or directory");
   // Without one: the only path among the arguments, also inside a repeated group ...
   const Error plain(std::string(kPosixErrorDomain), ENOTDIR);
-  EXPECT_EQ(describeFailure(kCommandSearchNamePatterns,
-                            {Value("/srv"), Value("1"), Value("0"), Value("a"), Value("2"),
-                             Value("b")},
-                            plain),
+  EXPECT_EQ(describeFailure(
+                kCommandSearchNamePatterns,
+                {Value("/srv"), Value("1"), Value("0"), Value("a"), Value("2"), Value("b")}, plain),
             "securityagentctl: cannot search '/srv': Not a directory");
   EXPECT_EQ(describeFailure(kCommandDeleteFileObjects, {Value("1"), Value("/only")}, plain),
             "securityagentctl: cannot delete '/only': Not a directory");
   // ... and none when several paths could be meant.
-  EXPECT_EQ(describeFailure(kCommandDeleteFileObjects, {Value("1"), Value("/a"), Value("/b")},
-                            plain),
-            "securityagentctl: cannot delete: Not a directory");
+  EXPECT_EQ(
+      describeFailure(kCommandDeleteFileObjects, {Value("1"), Value("/a"), Value("/b")}, plain),
+      "securityagentctl: cannot delete: Not a directory");
   EXPECT_EQ(describeFailure(kCommandRenameFileObject, {Value("/a"), Value("/b")}, plain),
             "securityagentctl: cannot rename: Not a directory");
 }
@@ -106,11 +106,10 @@ TEST(PasswordPromptTest, SaysWhatIsAuthorizedAndWhosePasswordIsAsked) {
   handler.ask({auth::PromptStyle::Secret, "password:"});
   handler.ask({auth::PromptStyle::Secret, "Verification code: "});
   handler.ask({auth::PromptStyle::Visible, "Password: "});  // echoed questions are PAM's own
-  EXPECT_EQ(terminal->asked,
-            (std::vector<std::string>{"Authentication is needed to delete file objects as the "
-                                      "administrator. Password for alice: ",
-                                      "Password for alice: ", "Verification code: ",
-                                      "Password: "}));
+  EXPECT_EQ(terminal->asked, (std::vector<std::string>{
+                                 "Authentication is needed to delete file objects as the "
+                                 "administrator. Password for alice: ",
+                                 "Password for alice: ", "Verification code: ", "Password: "}));
   EXPECT_EQ(terminal->shown, std::vector<std::string>{"Sorry, try again."});
 
   // Another first question, or a user without a name: PAM's question after the first line.

@@ -15,12 +15,12 @@ namespace krv::ctl {
 
 // What an argument is, beyond its signature letter: the completion offers file names for paths.
 enum class ArgumentKind : std::uint8_t {
-  Path,      // S: a file system path (any bytes)
-  Text,      // S: a name, a value or a program argument
-  Number,    // N: an integer
-  Flag,      // N: 0 is false, anything else true
-  Data,      // D: @FILE, hex:DIGITS or the text's own bytes
-  Program,   // S: an argument for a program: an option or operand, often a file name
+  Path,     // S: a file system path (any bytes)
+  Text,     // S: a name or a value
+  Number,   // N: an integer
+  Flag,     // N: 0 is false, anything else true
+  Data,     // D: @FILE, hex:DIGITS or the text's own bytes
+  Program,  // S: an argument for a program: an option or operand, often a file name
 };
 
 struct ArgumentHelp {

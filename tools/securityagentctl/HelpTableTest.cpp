@@ -51,8 +51,8 @@ TEST(HelpTableTest, EveryCodeIsDescribedAndAgreesWithTheCommandTable) {
     const CommandRecord* record = commandRecord(code);
     ASSERT_NE(help, nullptr);
     EXPECT_EQ(help->code, code);
-    for (const char* text : {help->summary, help->action, help->failure, help->returns,
-                             help->example}) {
+    for (const char* text :
+         {help->summary, help->action, help->failure, help->returns, help->example}) {
       ASSERT_NE(text, nullptr);
     }
     EXPECT_GT(std::strlen(help->summary), 0u);
@@ -96,8 +96,7 @@ TEST(HelpTableTest, EveryExampleIsAValidCommandLine) {
     const CommandHelp& help = *commandHelp(code);
     if (help.repeatFrom != kNoRepetition) {
       const std::size_t group = argumentCount(help) - static_cast<std::size_t>(help.repeatFrom);
-      EXPECT_EQ((options->arguments.size() - static_cast<std::size_t>(help.repeatFrom)) % group,
-                0u)
+      EXPECT_EQ((options->arguments.size() - static_cast<std::size_t>(help.repeatFrom)) % group, 0u)
           << code;
     }
   }
