@@ -1,6 +1,6 @@
 // What an administrator reads when a command fails: one line naming what could not be done, the
 // path and the reason, from the real client against the real daemon; and no progress bar when
-// the output is not a terminal.
+// the output is not a terminal (unless asked for).
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -52,6 +52,11 @@ TEST_F(CommandLineErrorsTest, AFailureIsOneLineWithThePathAndTheReason) {
   // Not a terminal: no progress bar anywhere.
   EXPECT_EQ(missing.standardError.find('\r'), std::string::npos) << missing.standardError;
   EXPECT_EQ(missing.standardOutput.find('\r'), std::string::npos) << missing.standardOutput;
+  EXPECT_EQ(missing.standardError.find("progress"), std::string::npos) << missing.standardError;
+  // Unless asked for: then a line per change.
+  ProgramRun asked = runClient({"--progress", "delete-file-objects", "0", "/tmp/a", "/tmp/b"});
+  EXPECT_EQ(asked.exitCode, 0) << asked.standardError;
+  EXPECT_EQ(asked.standardError, "progress: 0%\nprogress: 50%\n");
 }
 
 TEST_F(CommandLineErrorsTest, ARefusedLinkIsExplained) {

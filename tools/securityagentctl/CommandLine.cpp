@@ -124,6 +124,8 @@ Result<Options> parseCommandLine(const std::vector<std::string>& words) {
       options.json = true;
     } else if (word == "--quiet" || word == "-q") {
       options.quiet = true;
+    } else if (word == "--progress") {
+      options.progress = true;
     } else if (word == "--deauthorize") {
       options.deauthorize = true;
     } else if (word == "--list" || word == "-l") {
@@ -179,8 +181,8 @@ Result<Options> parseCommandLine(const std::vector<std::string>& words) {
 }
 
 std::string usage() {
-  return "usage: securityagentctl [--json] [--quiet] [--deauthorize] [--socket PATH] COMMAND "
-         "[ARGUMENT ...]\n"
+  return "usage: securityagentctl [--json] [--quiet | --progress] [--deauthorize] [--socket PATH] "
+         "COMMAND [ARGUMENT ...]\n"
          "       securityagentctl [--save FILE] compare-folders FIRST SECOND MARKER COUNT MODE\n"
          "       securityagentctl [--json] --show FILE\n"
          "       securityagentctl --list\n"

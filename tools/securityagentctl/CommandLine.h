@@ -29,6 +29,7 @@ inline constexpr std::uint32_t kCompareFoldersCode = 52;
 struct Options {
   bool json = false;
   bool quiet = false;
+  bool progress = false;  // --progress: progress lines also when the output is no terminal
   bool deauthorize = false;
   bool listCommands = false;
   bool help = false;

@@ -418,8 +418,9 @@ std::string helpOverview() {
   }
   text +=
       "\nOptions: --json (one JSON document a line), --quiet (no progress bar),\n"
-      "--deauthorize (forget the authorization afterwards), --socket PATH, --list (the\n"
-      "command table with argument letters), --save FILE and --show FILE (comparisons).\n";
+      "--progress (progress lines also into a file or pipe), --deauthorize (forget the\n"
+      "authorization afterwards), --socket PATH, --list (the command table with argument\n"
+      "letters), --save FILE and --show FILE (comparisons).\n";
   return text;
 }
 

@@ -11,8 +11,10 @@
 
 namespace krv::ctl {
 
-bool ProgressBar::wanted(bool json, bool quiet) {
-  return !json && !quiet && sys::isTerminal(STDOUT_FILENO) && sys::isTerminal(STDERR_FILENO);
+ProgressStyle ProgressBar::wanted(bool json, bool quiet, bool asked) {
+  if (json || quiet) return ProgressStyle::None;
+  if (sys::isTerminal(STDOUT_FILENO) && sys::isTerminal(STDERR_FILENO)) return ProgressStyle::Bar;
+  return asked ? ProgressStyle::Lines : ProgressStyle::None;
 }
 
 std::string ProgressBar::render(double progress) {
@@ -29,7 +31,19 @@ std::string ProgressBar::render(double progress) {
 }
 
 void ProgressBar::draw(double progress) {
-  if (!m_enabled) return;
+  if (m_style == ProgressStyle::None) return;
+  if (m_style == ProgressStyle::Lines) {
+    // The percentage alone (or the count), without the bar's picture.
+    std::string text = render(progress);
+    if (text.front() == '[') text = text.substr(text.rfind(']') + 2);
+    text.erase(0, text.find_first_not_of(' '));
+    if (text == m_last) return;
+    const std::string line = "progress: " + text + "\n";
+    (void)sys::writeAll(m_fd, std::span(reinterpret_cast<const std::uint8_t*>(line.data()),
+                                        line.size()));
+    m_last = std::move(text);
+    return;
+  }
   std::string text = render(progress);
   if (m_shown && text == m_last) return;
   // A shorter text (a count after a bar) clears what the longer one left.

@@ -25,7 +25,7 @@ TEST(ProgressBarTest, DrawsOnlyWhatChangesAndEndsItsLine) {
   Result<sys::PipeEnds> pipe = sys::pipe();
   ASSERT_TRUE(pipe);
   ASSERT_TRUE(sys::setNonBlocking(pipe->readEnd.get(), true));
-  ProgressBar bar(pipe->writeEnd.get(), true);
+  ProgressBar bar(pipe->writeEnd.get(), ProgressStyle::Bar);
   bar.draw(0.5);
   bar.draw(0.501);  // the same picture: not drawn again
   bar.draw(1234);   // a count
@@ -50,14 +50,31 @@ TEST(ProgressBarTest, NothingWithoutATerminalOrWhenDisabled) {
   Result<sys::PipeEnds> pipe = sys::pipe();
   ASSERT_TRUE(pipe);
   ASSERT_TRUE(sys::setNonBlocking(pipe->readEnd.get(), true));
-  ProgressBar bar(pipe->writeEnd.get(), false);
+  ProgressBar bar(pipe->writeEnd.get(), ProgressStyle::None);
   bar.draw(0.5);
   bar.end();
   EXPECT_FALSE(bar.shown());
   EXPECT_EQ(drain(pipe->readEnd.get()), "");
   // The test's output is no person's terminal under ctest; --json and --quiet never want one.
-  EXPECT_FALSE(ProgressBar::wanted(true, false));
-  EXPECT_FALSE(ProgressBar::wanted(false, true));
+  EXPECT_EQ(ProgressBar::wanted(false, false), ProgressStyle::None);
+  EXPECT_EQ(ProgressBar::wanted(true, false, true), ProgressStyle::None);
+  EXPECT_EQ(ProgressBar::wanted(false, true, true), ProgressStyle::None);
+  // Asked for: lines, one per change.
+  EXPECT_EQ(ProgressBar::wanted(false, false, true), ProgressStyle::Lines);
+}
+
+TEST(ProgressBarTest, AskedForWithoutATerminalEachChangeIsALine) {
+  Result<sys::PipeEnds> pipe = sys::pipe();
+  ASSERT_TRUE(pipe);
+  ASSERT_TRUE(sys::setNonBlocking(pipe->readEnd.get(), true));
+  ProgressBar lines(pipe->writeEnd.get(), ProgressStyle::Lines);
+  lines.draw(0.0);
+  lines.draw(0.001);
+  lines.draw(0.5);
+  lines.draw(300);
+  lines.end();
+  EXPECT_FALSE(lines.shown());
+  EXPECT_EQ(drain(pipe->readEnd.get()), "progress: 0%\nprogress: 50%\nprogress: 300\n");
 }
 
 }  // namespace

@@ -256,8 +256,8 @@ std::string resultToJson(const Error& result) {
   return out;
 }
 
-ResultPrinter::ResultPrinter(bool json, bool quiet)
-    : m_json(json), m_progress(STDERR_FILENO, ProgressBar::wanted(json, quiet)) {}
+ResultPrinter::ResultPrinter(bool json, bool quiet, bool progressLines)
+    : m_json(json), m_progress(STDERR_FILENO, ProgressBar::wanted(json, quiet, progressLines)) {}
 
 void ResultPrinter::drawProgress(double progress) { m_progress.draw(progress); }
 

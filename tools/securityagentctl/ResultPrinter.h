@@ -28,7 +28,8 @@ std::string resultToJson(const Error& result);
 
 class ResultPrinter {
  public:
-  ResultPrinter(bool json, bool quiet);
+  // `progressLines`: --progress, progress as lines also when the output is no terminal.
+  ResultPrinter(bool json, bool quiet, bool progressLines = false);
 
   // Shows the records of a folder comparison of these folders as lines, with a summary at the end.
   void showComparison(std::string_view firstFolder, std::string_view secondFolder);

@@ -73,7 +73,7 @@ int main(int argc, char** argv) {
                  socketPath.c_str());
     return 3;
   }
-  ctl::ResultPrinter printer(options->json, options->quiet);
+  ctl::ResultPrinter printer(options->json, options->quiet, options->progress);
   std::optional<ctl::ComparisonArchiveWriter> archive;
   std::optional<Error> archiveFailure;
   if (options->commandCode == ctl::kCompareFoldersCode) {
