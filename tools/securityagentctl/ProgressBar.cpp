@@ -5,11 +5,21 @@
 #include <cmath>
 #include <cstdint>
 #include <span>
+#include <string_view>
 
 #include "foundation/Format.h"
 #include "foundation/System.h"
 
 namespace krv::ctl {
+
+namespace {
+
+void writeText(int fd, std::string_view text) {
+  (void)sys::writeAll(fd,
+                      std::span(reinterpret_cast<const std::uint8_t*>(text.data()), text.size()));
+}
+
+}  // namespace
 
 ProgressStyle ProgressBar::wanted(bool json, bool quiet, bool asked) {
   if (json || quiet) return ProgressStyle::None;
@@ -39,8 +49,7 @@ void ProgressBar::draw(double progress) {
     text.erase(0, text.find_first_not_of(' '));
     if (text == m_last) return;
     const std::string line = "progress: " + text + "\n";
-    (void)sys::writeAll(m_fd, std::span(reinterpret_cast<const std::uint8_t*>(line.data()),
-                                        line.size()));
+    writeText(m_fd, line);
     m_last = std::move(text);
     return;
   }
@@ -57,7 +66,7 @@ void ProgressBar::draw(double progress) {
 
 void ProgressBar::end() {
   if (!m_shown) return;
-  (void)sys::writeAll(m_fd, std::span(reinterpret_cast<const std::uint8_t*>("\n"), 1));
+  writeText(m_fd, "\n");
   m_shown = false;
   m_last.clear();
 }
