@@ -58,8 +58,7 @@ void ProgressBar::draw(double progress) {
   // A shorter text (a count after a bar) clears what the longer one left.
   std::string line = "\r" + text;
   if (text.size() < m_last.size()) line += std::string(m_last.size() - text.size(), ' ');
-  (void)sys::writeAll(m_fd,
-                      std::span(reinterpret_cast<const std::uint8_t*>(line.data()), line.size()));
+  writeText(m_fd, line);
   m_last = std::move(text);
   m_shown = true;
 }
