@@ -297,8 +297,8 @@ constexpr CommandHelp kHelp[] = {
      .example = "/home /backup/home /tmp/stop 250000 3",
      .notes = "MODE bits: 0x01 compare file bytes and link destinations, 0x02 ignore status\n"
               "change times, 0x04 ignore the compressed flag, 0x08 ignore access control\n"
-              "lists, 0x10 leave out Time Machine attributes, 0x20 and 0x40 leave out\n"
-              "AppleDouble (._) files only in the first, the second tree.\n"
+              "lists, 0x10 leave out the backup tool's extended attributes, 0x20 and 0x40\n"
+              "leave out files named ._* found only in the first, the second tree.\n"
               "--save FILE keeps the comparison; --show FILE shows it again."},
     {.code = 53, .summary = "removes the daemon's right definitions before uninstalling",
      .action = "prepare the removal of the security component",
