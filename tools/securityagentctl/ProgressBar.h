@@ -6,9 +6,10 @@
 // Shown only to a person: when standard output and standard error are both terminals and the
 // user asked for neither --json nor --quiet. Redirected into a file or a pipe, the client writes
 // no progress at all, unless asked with --progress: then each change is a line of its own,
-// "progress: 40%", which a log keeps readably. A command that cannot know its total reports a count instead of a fraction
-// (values above 1): shown as that number. The bar is redrawn only when what it shows changes, so
-// a command that reports thousands of times a second costs the terminal a hundred lines at most.
+// "progress: 40%", which a log keeps readably. A command that cannot know its total reports a count
+// instead of a fraction (values above 1): shown as that number. The bar is redrawn only when what
+// it shows changes, so a command that reports thousands of times a second costs the terminal a
+// hundred lines at most.
 
 #include <cstdint>
 #include <string>
