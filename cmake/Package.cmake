@@ -44,4 +44,6 @@ execute_process(COMMAND gzip -9 -n -c
 install(FILES ${PROJECT_SOURCE_DIR}/packaging/debian/copyright ${KRV_PACKAGE_CHANGELOG}
   DESTINATION ${CMAKE_INSTALL_DOCDIR})
 
+set(CPACK_PRE_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/CompressManualPages.cmake)
+
 include(CPack)

@@ -30,7 +30,12 @@ done
 DESTDIR="$work/staged" cmake --install "$build" --prefix /usr >/dev/null
 (cd "$work/staged" && find . ! -type d | sort) >"$work/installed.txt"
 dpkg-deb -c "$deb" | awk '$1 !~ /^d/ { print $6 }' | sort >"$work/packaged.txt"
-diff "$work/installed.txt" "$work/packaged.txt" || fail "the package differs from the install step"
+# (Manual pages are packaged compressed.)
+sed 's|^\(\./usr/share/man/.*\)\.gz$|\1|' "$work/packaged.txt" | sort |
+  diff "$work/installed.txt" - || fail "the package differs from the install step"
+if grep '^\./usr/share/man/' "$work/packaged.txt" | grep -qv '\.gz$'; then
+  fail "a manual page is not compressed"
+fi
 for path in ./usr/libexec/com.tavorin.system.securityagent3 ./usr/libexec/com.tavorin.system.authority \
   ./usr/bin/securityagentctl ./usr/sbin/authorityctl ./etc/pam.d/com.tavorin.system.authority \
   ./usr/include/securityagent.h ./usr/include/securityagent.hpp; do
