@@ -1,5 +1,6 @@
 #include "foundation/DataBlock.h"
 
+#include <poll.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -45,10 +46,19 @@ void fillHeader(std::span<std::uint8_t> block) {
 Status writeToPipe(int fd, std::span<const std::uint8_t> bytes, BlockSink sink) {
   if (fd < 0 || bytes.size() > kMaximumTransfer) return blockFault(EINVAL, "write");
   while (!bytes.empty()) {
-    KRV_TRY(std::size_t count,
-            sink == BlockSink::Socket ? sys::send(fd, bytes, MSG_NOSIGNAL) : sys::write(fd, bytes));
-    if (count == 0) return Error::posix(EPIPE, "write");
-    bytes = bytes.subspan(count);
+    Result<std::size_t> count =
+        sink == BlockSink::Socket ? sys::send(fd, bytes, MSG_NOSIGNAL) : sys::write(fd, bytes);
+    if (!count && (count.error().code() == EAGAIN || count.error().code() == EWOULDBLOCK)) {
+      // A non-blocking descriptor whose reader takes nothing: wait for room, but not for ever.
+      pollfd peer{fd, POLLOUT, 0};
+      KRV_TRY(std::size_t ready,
+              sys::poll({&peer, 1}, static_cast<int>(kStalledReaderTimeout.count())));
+      if (ready == 0) return Error::posix(ETIMEDOUT, "write");
+      continue;
+    }
+    if (!count) return std::move(count).error();
+    if (*count == 0) return Error::posix(EPIPE, "write");
+    bytes = bytes.subspan(*count);
   }
   return {};
 }

@@ -14,9 +14,8 @@ class HostRoot {
  public:
   // An empty root is the real root.
   explicit HostRoot(std::string root = "/") : m_root(std::move(root)) {
-    // (One character appended rather than assigned: g++ 12 at -O2 warns falsely about an
-    // overlapping copy for the assignment.)
     while (m_root.size() > 1 && m_root.back() == '/') m_root.pop_back();
+    // (Assigning "/" here trips a false -Wrestrict of g++ 12 at -O2.)
     if (m_root.empty()) m_root.push_back('/');
   }
 
