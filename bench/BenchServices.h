@@ -3,10 +3,14 @@
 // the daemon started by socket activation, as the service manager would start them.
 
 #include <sys/types.h>
+#include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
+#include <iterator>
 #include <optional>
+#include <sstream>
 #include <string>
 
 #include "tests/support/Sandbox.h"
@@ -22,6 +26,22 @@ inline long statusKiB(pid_t pid, const char* field) {
     if (line.rfind(field, 0) == 0) return std::stol(line.substr(std::string(field).size()));
   }
   return -1;
+}
+
+// The processor time a process has used so far (user and system, all its threads), in seconds.
+inline double processorSecondsOf(pid_t pid) {
+  std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+  std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
+  // The fields after the command name (which may hold spaces) start after its ")".
+  const std::size_t end = text.rfind(')');
+  if (end == std::string::npos) return 0;
+  std::istringstream fields(text.substr(end + 1));
+  std::string field;
+  double ticks = 0;
+  for (int index = 3; fields >> field && index <= 15; ++index) {
+    if (index >= 14) ticks += std::atof(field.c_str());  // utime, stime
+  }
+  return ticks / static_cast<double>(::sysconf(_SC_CLK_TCK));
 }
 
 struct Services {

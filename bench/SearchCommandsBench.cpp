@@ -30,6 +30,7 @@
 #include <vector>
 
 #include "bench/BenchServices.h"
+#include "bench/BenchTrees.h"
 #include "protocol/KRVSecurityAgent.h"
 #include "tests/support/ServiceProcess.h"
 
@@ -40,47 +41,7 @@ namespace {
 using namespace krv;
 using Clock = std::chrono::steady_clock;
 
-constexpr int kFilesPerFolder = 98;
-constexpr int kFoldersPerGroup = 100;
-constexpr time_t kOldAge = 400 * 86400;
 constexpr int kAgeDays = 365;  // find's +365: older than 366 days; the daemon's: at least 365
-
-bool makeTree(const std::string& base, long objects) {
-  const std::string building = base + ".building";
-  std::system(("rm -rf '" + building + "'").c_str());
-  if (::mkdir(building.c_str(), 0755) != 0) return false;
-  int top = ::open(building.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (top < 0) return false;
-  const time_t old = ::time(nullptr) - kOldAge;
-  const struct timespec oldTimes[2] = {{old, 0}, {old, 0}};
-  long made = 0;
-  long fileNumber = 0;
-  for (int group = 0; made < objects; ++group) {
-    std::string groupName = "g" + std::to_string(group);
-    if (::mkdirat(top, groupName.c_str(), 0755) != 0) return false;
-    ++made;
-    int groupFd = ::openat(top, groupName.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    for (int folder = 0; folder < kFoldersPerGroup && made < objects; ++folder) {
-      std::string folderName = "folder-" + std::to_string(folder);
-      if (::mkdirat(groupFd, folderName.c_str(), 0755) != 0) return false;
-      ++made;
-      int folderFd = ::openat(groupFd, folderName.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-      for (int file = 0; file < kFilesPerFolder && made < objects; ++file, ++fileNumber) {
-        std::string fileName = "file-" + std::to_string(file) + ".dat";
-        int fd = ::openat(folderFd, fileName.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0644);
-        if (fd < 0) return false;
-        if (::ftruncate(fd, (fileNumber * 7919) % 65536) != 0) return false;
-        if (fileNumber % 3 == 0 && ::futimens(fd, oldTimes) != 0) return false;
-        ::close(fd);
-        ++made;
-      }
-      ::close(folderFd);
-    }
-    ::close(groupFd);
-  }
-  ::close(top);
-  return ::rename(building.c_str(), base.c_str()) == 0;
-}
 
 // Runs a shell pipeline, its output going to `output`; answers the wall time in seconds.
 double timeShell(const std::string& pipeline, std::string* output = nullptr) {
@@ -144,14 +105,11 @@ int main(int argc, char** argv) {
   const std::string binaries = argc > 3 ? argv[3] : KRV_BINARY_DIR;
   const std::string tree = "/var/tmp/krv-bench-tree-" + std::to_string(objects) + "-aged";
 
-  struct stat existing {};
-  if (::stat(tree.c_str(), &existing) != 0) {
-    std::printf("building %ld objects at %s ...\n", objects, tree.c_str());
-    std::fflush(stdout);
-    if (!makeTree(tree, objects)) {
-      std::fprintf(stderr, "cannot build the tree\n");
-      return 1;
-    }
+  if (!bench::ensureTree(tree, [objects](const std::string& base) {
+        return bench::makeSearchTree(base, objects);
+      })) {
+    std::fprintf(stderr, "cannot build the tree\n");
+    return 1;
   }
 
   std::optional<bench::Services> services = bench::startServices(binaries);

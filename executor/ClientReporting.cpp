@@ -7,6 +7,7 @@
 
 #include "executor/KRVCommandExecutor.h"
 #include "foundation/Assert.h"
+#include "foundation/DataBlock.h"
 #include "foundation/System.h"
 #include "protocol/KRVSecurityAgent.h"
 
@@ -24,7 +25,23 @@ Error intermediateReport(Dictionary userInfo) {
 
 bool KRVCommandExecutor::sendProgressMessage(const Error& message) {
   if (!m_pipe.valid()) return false;
-  Status sent = KRVSecurityAgent::writeObject(&message, m_pipe.get());
+  return finishIntermediateSend(KRVSecurityAgent::writeObject(&message, m_pipe.get()));
+}
+
+bool KRVCommandExecutor::sendPayloadChunk(PayloadChunk& chunk, double progress) {
+  if (!m_pipe.valid()) {
+    chunk.clear();
+    return false;
+  }
+  Result<std::span<const std::uint8_t>> block = chunk.seal(progress);
+  Status sent = block ? writeToPipe(m_pipe.get(), *block) : Status(std::move(block).error());
+  chunk.clear();
+  return finishIntermediateSend(std::move(sent));
+}
+
+// After a failed intermediate send nothing more reaches the client: the pipe is closed, and every
+// later send returns false at once.
+bool KRVCommandExecutor::finishIntermediateSend(Status sent) {
   if (sent) return true;
   if (m_log) {
     m_log->log(SystemLog::Level::Error, "Could not transfer progress data back to client (%m).",
@@ -52,12 +69,13 @@ bool KRVCommandExecutor::sendProgressMessageToClient(double progress) {
 bool KRVCommandExecutor::sendPayloadArray(const Array& payload, std::string_view key,
                                           std::size_t granularity, double progressOffset) {
   KRV_ASSERT(!key.empty() && granularity != 0 && progressOffset >= 0.0, kUnit);
+  PayloadChunk chunk(key);
   auto sendChunk = [&](std::size_t begin, std::size_t end, double progress) {
-    Dictionary userInfo;
-    userInfo.set(key::kCurrentProgress, Value::real(progress));
-    userInfo.set(key, Value(Array(payload.begin() + static_cast<std::ptrdiff_t>(begin),
-                                  payload.begin() + static_cast<std::ptrdiff_t>(end))));
-    return sendProgressMessage(intermediateReport(std::move(userInfo)));
+    for (std::size_t i = begin; i < end; ++i) {
+      chunk.add(
+          [&](CborWriter& writer) { writer.writeValue(payload[i], ArchiveForm::Sequential); });
+    }
+    return sendPayloadChunk(chunk, progress);
   };
 
   const std::size_t count = payload.size();

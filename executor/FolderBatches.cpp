@@ -43,6 +43,15 @@ void FolderBatches::add(int folderFd, std::string_view folderPath, std::string_v
   if (m_current.names.size() >= kBatchBytes || m_currentPathBytes >= kBatchPathBytes) close();
 }
 
+void FolderBatches::mark(std::uint64_t number) {
+  close();
+  auto slot = std::make_unique<Slot>();
+  slot->batch.isMark = true;
+  slot->batch.mark = number;
+  slot->state = State::Done;
+  push(std::move(slot));
+}
+
 void FolderBatches::finish() {
   close();
   std::unique_lock<std::mutex> lock(m_mutex);

@@ -53,6 +53,9 @@ class FolderBatches {
     // Results, for the work function to fill.
     std::uint64_t length = 0;
     std::vector<ObjectRecord> records;
+    // A mark (see mark()) holds no folder and no names, only the caller's number.
+    bool isMark = false;
+    std::uint64_t mark = 0;
 
     // Calls f(const char* name) for each name, in order.
     template <class F>
@@ -72,6 +75,10 @@ class FolderBatches {
 
   // The object `name` in the open folder `folderFd`, whose path is `folderPath`.
   void add(int folderFd, std::string_view folderPath, std::string_view name);
+  // A point in the walk: `number` is delivered, as a batch with isMark set, after every object
+  // added before and before every object added after. (The multi-pattern search sends what it
+  // found every 100 objects of its walk, so each such point is a mark.)
+  void mark(std::uint64_t number);
   // Works and delivers everything added so far.
   void finish();
 

@@ -73,15 +73,13 @@ Result<UniqueFd> checkedPipe(UniqueFd pipe, const PipeIdentity& expected) {
 }
 
 // Opens the write end of the response pipe; this waits until the client has opened the read end,
-// but no longer than kPipeOpenTimeout.
+// but no longer than kPipeOpenTimeout. The pipe stays non-blocking: a client that opens it and
+// then reads nothing holds a message up for at most kStalledReaderTimeout (foundation/DataBlock.h),
+// after which the command treats it as gone.
 Result<UniqueFd> openResponsePipe(const std::string& path, const PipeIdentity& expected) {
   constexpr int kFlags = O_WRONLY | O_NOFOLLOW | O_NOCTTY;
   Result<UniqueFd> opened = sys::open(path, kFlags | O_NONBLOCK);
-  if (opened) {
-    KRV_TRY(UniqueFd pipe, checkedPipe(std::move(opened).value(), expected));
-    KRV_TRY_VOID(sys::setNonBlocking(pipe.get(), false));
-    return pipe;
-  }
+  if (opened) return checkedPipe(std::move(opened).value(), expected);
   if (opened.error().code() != ENXIO) return std::move(opened).error();
 
   auto deadline = std::chrono::steady_clock::now() + kPipeOpenTimeout;
@@ -91,7 +89,10 @@ Result<UniqueFd> openResponsePipe(const std::string& path, const PipeIdentity& e
   sys::ThreadSignalTimer timer(kPipeWaitSignal, kPipeOpenTimeout, std::chrono::seconds(1));
   for (;;) {
     opened = sys::openInterruptibly(path, kFlags);
-    if (opened) return checkedPipe(std::move(opened).value(), expected);
+    if (opened) {
+      KRV_TRY_VOID(sys::setNonBlocking(opened->get(), true));
+      return checkedPipe(std::move(opened).value(), expected);
+    }
     if (opened.error().code() != EINTR) return std::move(opened).error();
     if (std::chrono::steady_clock::now() >= deadline) return Error::posix(ETIMEDOUT, "open");
   }

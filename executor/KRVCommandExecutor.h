@@ -24,6 +24,7 @@
 #include <utility>
 
 #include "executor/KRVTaskExecutor.h"
+#include "executor/PayloadChunk.h"
 #include "executor/SystemSettingsHost.h"
 #include "foundation/Error.h"
 #include "foundation/SystemLog.h"
@@ -93,6 +94,10 @@ class KRVCommandExecutor final : public TaskDelegate {
   // NaN offset is a programming error.
   bool sendPayloadArray(const Array& payload, std::string_view key, std::size_t granularity,
                         double progressOffset);
+  // Sends one chunk built in place (executor/PayloadChunk.h) with `progress`, and empties it; the
+  // same message, and the same handling of a failed send, as a chunk of sendPayloadArray. Lists
+  // too long to hold as values (the records of a search) are sent this way.
+  bool sendPayloadChunk(PayloadChunk& chunk, double progress);
   void sendFinalMessageToClientPipeAndClose(const CommandResult& message);
   bool isSendingLiveData() const { return m_isSendingLiveData; }
   // True when the client has closed its end of the response pipe (or the pipe is closed), found
@@ -226,6 +231,7 @@ class KRVCommandExecutor final : public TaskDelegate {
   // the thread body for a thread that startThread counted in advance.
   static void* runStartedThread(void* argument);
   void runThreadBody(std::shared_ptr<const KRVPrivilegedCommand> command, bool countedByStarter);
+  bool finishIntermediateSend(Status sent);
 
   std::unique_ptr<SystemLog> m_log;
   std::optional<std::string> m_pipePath;

@@ -6,6 +6,7 @@
 #include <limits.h>
 
 #include <algorithm>
+#include <bit>
 #include <cerrno>
 #include <cstring>
 #include <span>
@@ -13,10 +14,14 @@
 #include "executor/KRVCommandExecutor.h"
 #include "filesystem/FileAttributes.h"
 #include "foundation/Assert.h"
+#include "foundation/ByteOrder.h"
+#include "foundation/CborFormat.h"
+#include "foundation/CborWriter.h"
 #include "foundation/NameValue.h"
 #include "foundation/System.h"
+#include "foundation/UserInformationKeys.h"
+#include "foundation/Utf8.h"
 #include "protocol/CommandTable.h"
-#include "protocol/KRVSecurityAgent.h"
 
 namespace krv {
 namespace {
@@ -44,12 +49,6 @@ std::uint8_t typeIndex(std::string_view type) {
 }
 
 template <class T>
-void put(std::vector<char>& out, const T& value) {
-  const char* bytes = reinterpret_cast<const char*>(&value);
-  out.insert(out.end(), bytes, bytes + sizeof value);
-}
-
-template <class T>
 T take(const char*& in) {
   T value;
   std::memcpy(&value, in, sizeof value);
@@ -57,25 +56,48 @@ T take(const char*& in) {
   return value;
 }
 
+// Appends the compact form: path length, path, type index, size, date, mode (kFixedPart bytes
+// besides the path), with one resize and a copy per field.
 void encode(const ObjectRecord& record, std::vector<char>& out) {
-  put(out, static_cast<std::uint32_t>(record.path.size()));
-  out.insert(out.end(), record.path.begin(), record.path.end());
-  put(out, typeIndex(record.type));
-  put(out, record.size);
-  put(out, record.modificationDate.secondsSince1970);
-  put(out, record.posixMode);
+  const auto pathLength = static_cast<std::uint32_t>(record.path.size());
+  const std::uint8_t type = typeIndex(record.type);
+  const double date = record.modificationDate.secondsSince1970;
+  static_assert(kFixedPart == sizeof pathLength + sizeof type + sizeof record.size + sizeof date +
+                                  sizeof record.posixMode);
+  const std::size_t start = out.size();
+  out.resize(start + kFixedPart + record.path.size());
+  char* at = out.data() + start;
+  const auto put = [&at](const void* bytes, std::size_t count) {
+    std::memcpy(at, bytes, count);
+    at += count;
+  };
+  put(&pathLength, sizeof pathLength);
+  put(record.path.data(), record.path.size());
+  put(&type, sizeof type);
+  put(&record.size, sizeof record.size);
+  put(&date, sizeof date);
+  put(&record.posixMode, sizeof record.posixMode);
 }
 
 enum class Decoded : std::uint8_t { Record, Incomplete, Malformed };
 
+// A record as the spool holds it; the path views the spool's bytes.
+struct SpooledRecord {
+  std::string_view path;
+  std::string_view type;
+  std::uint64_t size = 0;
+  Date modificationDate;
+  std::uint32_t posixMode = 0;
+};
+
 // Decodes the record at the start of `bytes`; `used` is its length.
-Decoded decode(std::span<const char> bytes, ObjectRecord& record, std::size_t& used) {
+Decoded decode(std::span<const char> bytes, SpooledRecord& record, std::size_t& used) {
   if (bytes.size() < 4) return Decoded::Incomplete;
   const char* in = bytes.data();
   auto pathLength = take<std::uint32_t>(in);
   if (pathLength > kLongestPath) return Decoded::Malformed;
   if (bytes.size() < kFixedPart + pathLength) return Decoded::Incomplete;
-  record.path.assign(in, pathLength);
+  record.path = std::string_view(in, pathLength);
   in += pathLength;
   auto type = take<std::uint8_t>(in);
   record.type = kTypeNames[type < std::size(kTypeNames) ? type : kUnknownTypeIndex];
@@ -84,6 +106,91 @@ Decoded decode(std::span<const char> bytes, ObjectRecord& record, std::size_t& u
   record.posixMode = take<std::uint32_t>(in);
   used = kFixedPart + pathLength;
   return Decoded::Record;
+}
+
+// A CBOR head in its shortest form at `at`; answers the end.
+std::uint8_t* putHead(std::uint8_t* at, std::uint8_t major, std::uint64_t argument) {
+  using namespace cbor;
+  if (argument < kInfoOneByte) {
+    *at = initialByte(major, static_cast<std::uint8_t>(argument));
+    return at + 1;
+  }
+  std::size_t width = 8;
+  std::uint8_t info = kInfoEightBytes;
+  if (argument <= 0xFF) {
+    width = 1;
+    info = kInfoOneByte;
+  } else if (argument <= 0xFFFF) {
+    width = 2;
+    info = kInfoTwoBytes;
+  } else if (argument <= 0xFFFFFFFF) {
+    width = 4;
+    info = kInfoFourBytes;
+  }
+  *at++ = initialByte(major, info);
+  for (std::size_t i = width; i > 0; --i)
+    *at++ = static_cast<std::uint8_t>(argument >> (8 * (i - 1)));
+  return at;
+}
+
+// A text key with its head (every key here is shorter than 24 bytes).
+std::uint8_t* putKey(std::uint8_t* at, std::string_view key) {
+  *at++ = cbor::initialByte(cbor::kMajorText, static_cast<std::uint8_t>(key.size()));
+  std::memcpy(at, key.data(), key.size());
+  return at + key.size();
+}
+
+std::uint8_t* putString(std::uint8_t* at, std::uint8_t major, std::string_view bytes) {
+  at = putHead(at, major, bytes.size());
+  if (!bytes.empty()) std::memcpy(at, bytes.data(), bytes.size());
+  return at + bytes.size();
+}
+
+// The most bytes a record takes beyond its path and type: the map head, the five keys, the heads
+// of path, type, size and mode at their widest, the date's tag and float.
+constexpr std::size_t kRecordOverhead = 1 + 5 + 5 + 5 + 17 + 10 + 9 + 9 + 9 + 2 + 8 + 9;
+// Records up to this size are put together on the stack and appended with one copy.
+constexpr std::size_t kRecordBuffer = 1024;
+
+// The dictionary form of objectRecordValue, item for item, written without building it.
+void writeRecord(CborWriter& writer, std::string_view path, std::string_view type,
+                 std::uint64_t size, Date modificationDate, std::uint32_t posixMode) {
+  static_assert(key::kPath.size() < 24 && key::kModificationDate.size() < 24 &&
+                key::kPOSIXMode.size() < 24);
+  // A path travels as text when it is UTF-8 and as bytes when it is not (nameValue).
+  const std::uint8_t pathMajor = isValidUtf8(path) ? cbor::kMajorText : cbor::kMajorBytes;
+  if (path.size() + type.size() + kRecordOverhead <= kRecordBuffer) {
+    std::uint8_t buffer[kRecordBuffer];
+    std::uint8_t* at = buffer;
+    *at++ = cbor::initialByte(cbor::kMajorMap, 5);
+    at = putString(putKey(at, key::kPath), pathMajor, path);
+    at = putString(putKey(at, key::kType), cbor::kMajorText, type);
+    at = putHead(putKey(at, key::kSize), cbor::kMajorUnsigned, size);
+    at = putKey(at, key::kModificationDate);
+    *at++ = cbor::initialByte(cbor::kMajorTag, static_cast<std::uint8_t>(cbor::kDateTag));
+    *at++ = cbor::kFloat64;
+    storeBigEndian(at, std::bit_cast<std::uint64_t>(modificationDate.secondsSince1970));
+    at += 8;
+    at = putHead(putKey(at, key::kPOSIXMode), cbor::kMajorUnsigned, posixMode);
+    writer.writeEncoded({buffer, static_cast<std::size_t>(at - buffer)});
+    return;
+  }
+  writer.writeMapHeader(5);
+  writer.writeText(key::kPath);
+  if (pathMajor == cbor::kMajorText) {
+    writer.writeText(path);
+  } else {
+    writer.writeBytes({reinterpret_cast<const std::uint8_t*>(path.data()), path.size()});
+  }
+  writer.writeText(key::kType);
+  writer.writeText(type);
+  writer.writeText(key::kSize);
+  writer.writeNumber(Number::unsignedInteger(size));
+  writer.writeText(key::kModificationDate);
+  writer.writeTag(cbor::kDateTag);
+  writer.writeDouble(modificationDate.secondsSince1970);
+  writer.writeText(key::kPOSIXMode);
+  writer.writeNumber(Number::unsignedInteger(posixMode));
 }
 
 }  // namespace
@@ -115,6 +222,11 @@ Value objectRecordValue(ObjectRecord record) {
   return Value(std::move(dictionary));
 }
 
+void writeObjectRecord(CborWriter& writer, const ObjectRecord& record) {
+  writeRecord(writer, record.path, record.type, record.size, record.modificationDate,
+              record.posixMode);
+}
+
 bool addFileSystemObjectInfoToArray(Array& array, const std::string& path) {
   std::optional<ObjectRecord> record = objectRecordForPath(path);
   if (!record) return false;
@@ -128,8 +240,9 @@ class ObjectRecordSpool::Reader {
  public:
   explicit Reader(const ObjectRecordSpool& spool) : m_spool(spool) {}
 
-  std::optional<ObjectRecord> next() {
-    ObjectRecord record;
+  // The next record; its path is valid until the next call.
+  std::optional<SpooledRecord> next() {
+    SpooledRecord record;
     std::size_t used = 0;
     while (m_fileOffset < m_spool.m_fileLength || m_position < m_window.size()) {
       std::span<const char> rest(m_window.data() + m_position, m_window.size() - m_position);
@@ -272,22 +385,18 @@ bool ObjectRecordSpool::sendPayload(KRVCommandExecutor& executor, std::string_vi
   // A refused spool no longer holds its records: what it took is not the search's result.
   KRV_ASSERT(!m_refusal, "ObjectRecordSpool");
   Reader reader(*this);
-  // Each chunk is one payload message, built in place: the shape of the executor's payload chunks
-  // (progress first, then the records under the key), without copying the records once more.
+  PayloadChunk chunk(key);
+  // Each chunk is one payload message, written straight from the spooled form of its records.
   auto sendChunk = [&](std::uint64_t size, double progress) {
-    Array chunk;
-    chunk.reserve(static_cast<std::size_t>(size));
     for (std::uint64_t i = 0; i < size; ++i) {
-      std::optional<ObjectRecord> record = reader.next();
+      std::optional<SpooledRecord> record = reader.next();
       if (!record) break;
-      chunk.push_back(objectRecordValue(std::move(*record)));
+      chunk.add([&record](CborWriter& writer) {
+        writeRecord(writer, record->path, record->type, record->size, record->modificationDate,
+                    record->posixMode);
+      });
     }
-    Dictionary userInfo;
-    userInfo.reserve(2);
-    userInfo.append(std::string(key::kCurrentProgress), Value::real(progress));
-    userInfo.append(std::string(key), Value(std::move(chunk)));
-    return executor.sendProgressMessage(
-        KRVSecurityAgent::transportError(kTransportIntermediateReport, std::move(userInfo)));
+    return executor.sendPayloadChunk(chunk, progress);
   };
 
   const std::uint64_t count = m_count;

@@ -41,6 +41,7 @@
 #include <utility>
 #include <vector>
 
+#include "foundation/CborWriter.h"
 #include "foundation/Error.h"
 #include "foundation/Result.h"
 #include "foundation/UniqueFd.h"
@@ -68,6 +69,9 @@ std::optional<ObjectRecord> objectRecordFromStatus(std::string_view path,
                                                    const struct stat& status);
 // The dictionary form clients receive.
 Value objectRecordValue(ObjectRecord record);
+// Writes the archive of that dictionary, byte for byte, without building it: what the searches
+// send (objectRecordValue is the reference that the tests compare it with).
+void writeObjectRecord(CborWriter& writer, const ObjectRecord& record);
 // Appends the record of the object at `path` when there is one; answers whether it did.
 bool addFileSystemObjectInfoToArray(Array& array, const std::string& path);
 

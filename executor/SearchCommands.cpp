@@ -73,13 +73,6 @@ double secondsSince1970Now() {
   return dateFromTimestamp(now.tv_sec, static_cast<std::uint32_t>(now.tv_nsec)).secondsSince1970;
 }
 
-// The status of the walk's current object itself, read relative to its open folder: what lstat of
-// its absolute path would answer, without looking the path up from the root.
-Result<struct stat> currentStatus(const KRVDirectoryEnumerator& walk) {
-  return sys::statAt(walk.currentEntryDirectoryFd(), walk.currentEntryName().data(),
-                     AT_SYMLINK_NOFOLLOW);
-}
-
 // The age search's test of the objects of one batch; the records of those old enough go into the
 // batch. An object is judged by its modification date, a symbolic link by that of the object it
 // names (one level; a link to a link answers the second link), and the record describes the
@@ -101,6 +94,20 @@ void judgeAges(FolderBatches::Batch& batch, double threshold) {
     // An age of exactly the threshold counts; a date in the future has a negative age.
     const double age = -(date.secondsSince1970 - secondsSince1970Now());
     if (!(age >= threshold)) return;
+    if (std::optional<ObjectRecord> record = objectRecordFromStatus(path, *status)) {
+      batch.records.push_back(std::move(*record));
+    }
+  });
+}
+
+// The records of the objects of one batch, from their statuses read relative to the folder;
+// objects that vanished, and paths too long to name an object, give none.
+void readRecords(FolderBatches::Batch& batch) {
+  std::string path;
+  batch.forEachName([&](const char* name) {
+    Result<struct stat> status = sys::statAt(batch.folder.get(), name, AT_SYMLINK_NOFOLLOW);
+    if (!status) return;
+    path.assign(batch.folderPath).append(name);
     if (std::optional<ObjectRecord> record = objectRecordFromStatus(path, *status)) {
       batch.records.push_back(std::move(*record));
     }
@@ -192,6 +199,7 @@ CommandResult KRVCommandExecutor::searchForFileSystemObjectsWithPrefix(const std
   // millions of names needs no list of them; a listing that fails lists nothing.
   ObjectRecordSpool found;
   if (Result<DirectoryReader> reader = DirectoryReader::listing(base)) {
+    std::string name;
     std::uint64_t seen = 0;
     while (std::optional<DirectoryReader::Entry> entry = reader->next()) {
       if (++seen % kClientCheckInterval == 0 && isClientGone()) return std::nullopt;
@@ -199,10 +207,20 @@ CommandResult KRVCommandExecutor::searchForFileSystemObjectsWithPrefix(const std
       if (!extension.empty() && nameExtension(entry->name) != std::string_view(extension)) {
         continue;
       }
-      const std::string object = appendingPathComponent(base, entry->name);
-      bool isDirectory = false;
-      if (!FileManager::fileExists(object, isDirectory) || isDirectory != matchFolders) continue;
-      if (std::optional<ObjectRecord> record = objectRecordForPath(object)) {
+      // One status read relative to the folder answers for the object itself, and for the folder
+      // test too unless the object is a symbolic link, which that test follows.
+      name.assign(entry->name);
+      Result<struct stat> status = sys::statAt(reader->fd(0), name.c_str(), AT_SYMLINK_NOFOLLOW);
+      if (!status) continue;
+      bool isDirectory = S_ISDIR(status->st_mode);
+      if (S_ISLNK(status->st_mode)) {
+        Result<struct stat> target = sys::statAt(reader->fd(0), name.c_str(), 0);
+        if (!target) continue;
+        isDirectory = S_ISDIR(target->st_mode);
+      }
+      if (isDirectory != matchFolders) continue;
+      if (std::optional<ObjectRecord> record =
+              objectRecordFromStatus(appendingPathComponent(base, name), *status)) {
         if (!found.append(*record)) return refusedSearch(*this, "Prefix search", found);
       }
     }
@@ -266,28 +284,36 @@ CommandResult KRVCommandExecutor::searchForFileSystemObjectsWithNamePatterns(
   }
   if (total == 0) return Error::posix(ENOENT);
 
-  walk = KRVDirectoryEnumerator::enumeratorAtPath(base, stayOnFileSystem);
-  Array found;
-  std::uint64_t index = 0;
-  while (walk && walk->nextObject()) {
-    ++index;
-    if (matchesAny(*table, walk->currentEntryName())) {
-      Result<struct stat> status = currentStatus(*walk);
-      std::optional<ObjectRecord> record =
-          status ? objectRecordFromStatus(walk->currentAbsolutePath(), *status) : std::nullopt;
-      if (record) found.push_back(objectRecordValue(std::move(*record)));
+  // The matching pass reads the statuses of the matching objects on two threads; their records
+  // and the sends after every 100th object still come in walk order (each send is a mark).
+  PayloadChunk found(key::kFileSystemObjects);
+  bool clientGone = false;
+  FolderBatches batches(readRecords, [&](FolderBatches::Batch& batch) {
+    if (clientGone) return;
+    if (!batch.isMark) {
+      for (const ObjectRecord& record : batch.records) {
+        found.add([&record](CborWriter& writer) { writeObjectRecord(writer, record); });
+      }
+      return;
     }
-    if (index % kPayloadGranularity != 0) continue;
     // A tree that grew since the count gives offsets beyond 1.0; they are sent as they are.
-    const double progress = static_cast<double>(index) / static_cast<double>(total);
-    if (!sendPayloadArray(found, key::kFileSystemObjects, kPayloadGranularity, progress)) {
-      return std::nullopt;
+    const double progress = static_cast<double>(batch.mark) / static_cast<double>(total);
+    clientGone = !sendPayloadChunk(found, progress);
+  });
+  walk = KRVDirectoryEnumerator::enumeratorAtPath(base, stayOnFileSystem);
+  std::uint64_t index = 0;
+  while (walk && walk->nextObject() && !clientGone) {
+    ++index;
+    const std::string_view name = walk->currentEntryName();
+    if (matchesAny(*table, name)) {
+      const std::string_view object = walk->currentAbsolutePath();
+      batches.add(walk->currentEntryDirectoryFd(), object.substr(0, object.size() - name.size()),
+                  name);
     }
-    found.clear();
+    if (index % kPayloadGranularity == 0) batches.mark(index);
   }
-  if (!sendPayloadArray(found, key::kFileSystemObjects, kPayloadGranularity, 1.0)) {
-    return std::nullopt;
-  }
+  batches.finish();
+  if (clientGone || !sendPayloadChunk(found, 1.0)) return std::nullopt;
   return commandSuccess();
 }
 

@@ -1,5 +1,6 @@
 #include "foundation/DataBlock.h"
 
+#include <poll.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -31,15 +32,33 @@ void growWiping(Data& buffer, std::size_t size) {
   buffer.swap(larger);
 }
 
+// The header of a block whose payload follows its kDataBlockHeaderSize bytes of room.
+void fillHeader(std::span<std::uint8_t> block) {
+  const std::span<const std::uint8_t> payload = block.subspan(kDataBlockHeaderSize);
+  std::memcpy(block.data(), kDataBlockMarker.data(), kDataBlockMarker.size());
+  storeLittleEndian(block.data() + kDataBlockLengthOffset,
+                    static_cast<std::uint32_t>(payload.size()));
+  storeLittleEndian(block.data() + kDataBlockChecksumOffset, std::uint32_t{crc16(payload)});
+}
+
 }  // namespace
 
 Status writeToPipe(int fd, std::span<const std::uint8_t> bytes, BlockSink sink) {
   if (fd < 0 || bytes.size() > kMaximumTransfer) return blockFault(EINVAL, "write");
   while (!bytes.empty()) {
-    KRV_TRY(std::size_t count,
-            sink == BlockSink::Socket ? sys::send(fd, bytes, MSG_NOSIGNAL) : sys::write(fd, bytes));
-    if (count == 0) return Error::posix(EPIPE, "write");
-    bytes = bytes.subspan(count);
+    Result<std::size_t> count =
+        sink == BlockSink::Socket ? sys::send(fd, bytes, MSG_NOSIGNAL) : sys::write(fd, bytes);
+    if (!count && (count.error().code() == EAGAIN || count.error().code() == EWOULDBLOCK)) {
+      // A non-blocking descriptor whose reader takes nothing: wait for room, but not for ever.
+      pollfd peer{fd, POLLOUT, 0};
+      KRV_TRY(std::size_t ready,
+              sys::poll({&peer, 1}, static_cast<int>(kStalledReaderTimeout.count())));
+      if (ready == 0) return Error::posix(ETIMEDOUT, "write");
+      continue;
+    }
+    if (!count) return std::move(count).error();
+    if (*count == 0) return Error::posix(EPIPE, "write");
+    bytes = bytes.subspan(*count);
   }
   return {};
 }
@@ -56,14 +75,20 @@ Status readFromPipe(int fd, std::span<std::uint8_t> buffer) {
 
 Data encodeDataBlock(std::span<const std::uint8_t> payload) {
   Data block(kDataBlockHeaderSize + payload.size());
-  std::memcpy(block.data(), kDataBlockMarker.data(), kDataBlockMarker.size());
-  storeLittleEndian(block.data() + kDataBlockLengthOffset,
-                    static_cast<std::uint32_t>(payload.size()));
-  storeLittleEndian(block.data() + kDataBlockChecksumOffset, std::uint32_t{crc16(payload)});
   if (!payload.empty()) {
     std::memcpy(block.data() + kDataBlockHeaderSize, payload.data(), payload.size());
   }
+  fillHeader(block);
   return block;
+}
+
+Status sealDataBlock(std::span<std::uint8_t> block) {
+  if (block.size() < kDataBlockHeaderSize ||
+      block.size() - kDataBlockHeaderSize > kDataBlockMaximumPayload) {
+    return Error::posix(EINVAL, "data block");
+  }
+  fillHeader(block);
+  return {};
 }
 
 Status writeDataBlock(int fd, std::span<const std::uint8_t> payload, BlockSink sink) {

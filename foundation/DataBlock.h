@@ -13,7 +13,8 @@
 // read, so a header alone never makes it set aside a mebibyte. A buffer the reader outgrows or
 // gives up is wiped (foundation/Wipe.h): payloads may hold a password.
 //
-// The functions on a descriptor block; their callers bound them (the daemon's watchdog, the
+// The functions on a descriptor block (a writer on a non-blocking one waits a bounded time for
+// room, see writeToPipe); their callers bound them (the daemon's watchdog, the
 // client's own patience). The authorization service's channel reads through its own function,
 // which waits with a deadline.
 //
@@ -21,6 +22,7 @@
 // fault, EPIPE when the peer closes early, otherwise the errno of the failing read or write.
 // Stateless and thread-safe.
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -46,7 +48,12 @@ inline constexpr std::size_t kMaximumTransfer = 1048576;
 // a client's socket, so that a peer that closes early yields EPIPE instead of a signal.
 enum class BlockSink { Pipe, Socket };
 
+// How long a write on a non-blocking descriptor waits for its reader to make room.
+inline constexpr std::chrono::milliseconds kStalledReaderTimeout{60000};
+
 // Writes all of `bytes` (at most kMaximumTransfer), retrying on EINTR; a write of 0 bytes is EPIPE.
+// On a non-blocking descriptor a full buffer is waited for, up to kStalledReaderTimeout at a time
+// in which the reader takes nothing: then ETIMEDOUT.
 Status writeToPipe(int fd, std::span<const std::uint8_t> bytes, BlockSink sink = BlockSink::Pipe);
 // Fills all of `buffer` (at most kMaximumTransfer), retrying on EINTR; end of file is EPIPE.
 Status readFromPipe(int fd, std::span<std::uint8_t> buffer);
@@ -54,6 +61,11 @@ Status readFromPipe(int fd, std::span<std::uint8_t> buffer);
 // The block holding `payload`, header and payload in one buffer; the payload must not be larger
 // than kDataBlockMaximumPayload.
 Data encodeDataBlock(std::span<const std::uint8_t> payload);
+// A block built in place: `block` starts with kDataBlockHeaderSize bytes of room, the payload
+// follows; this fills in the header (marker, length, checksum). EINVAL when the span is shorter
+// than a header or the payload is larger than kDataBlockMaximumPayload. Writers that encode
+// straight into such a buffer send each message with one write and no copy of its payload.
+Status sealDataBlock(std::span<std::uint8_t> block);
 // Writes one block holding the payload. An empty payload writes nothing and succeeds.
 Status writeDataBlock(int fd, std::span<const std::uint8_t> payload,
                       BlockSink sink = BlockSink::Pipe);

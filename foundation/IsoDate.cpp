@@ -3,7 +3,7 @@
 #include <array>
 #include <cmath>
 #include <cstdint>
-#include <cstdio>
+#include <string>
 
 namespace krv {
 
@@ -69,13 +69,13 @@ std::optional<double> parseIsoDate(std::string_view text) {
   return static_cast<double>(days * kSecondsPerDay + hour * 3600 + minute * 60 + second);
 }
 
-std::optional<std::string> formatIsoDate(double secondsSince1970) {
-  if (!std::isfinite(secondsSince1970)) return std::nullopt;
+bool appendIsoDate(std::string& out, double secondsSince1970) {
+  if (!std::isfinite(secondsSince1970)) return false;
   const double whole = std::floor(secondsSince1970);
   const double first = static_cast<double>(-kUnixEpochDay * kSecondsPerDay);
   const double last =
       static_cast<double>((daysBeforeYear(kLastYear + 1) - kUnixEpochDay) * kSecondsPerDay - 1);
-  if (whole < first || whole > last) return std::nullopt;
+  if (whole < first || whole > last) return false;
   const auto seconds = static_cast<std::int64_t>(whole);
   // Both operands are non-negative from here on, so / and % need no floor adjustment.
   const std::int64_t sinceYearZero = seconds + kUnixEpochDay * kSecondsPerDay;
@@ -88,12 +88,27 @@ std::optional<std::string> formatIsoDate(double secondsSince1970) {
   int month = 12;
   while (month > 1 && daysBeforeMonth(year, month) > dayOfYear) --month;
   const std::int64_t day = dayOfYear - daysBeforeMonth(year, month) + 1;
-  // Every field is small and non-negative here; the buffer fits the widest int nonetheless.
-  char buffer[96];
-  std::snprintf(buffer, sizeof buffer, "%04d-%02d-%02dT%02d:%02d:%02dZ", static_cast<int>(year),
-                month, static_cast<int>(day), static_cast<int>(secondOfDay / 3600),
-                static_cast<int>(secondOfDay / 60 % 60), static_cast<int>(secondOfDay % 60));
-  return std::string(buffer);
+  // YYYY-MM-DDThh:mm:ssZ; every field is non-negative and has at most its width of digits.
+  char text[20] = {'0', '0', '0', '0', '-', '0', '0', '-', '0', '0',
+                   'T', '0', '0', ':', '0', '0', ':', '0', '0', 'Z'};
+  const auto put = [&text](std::size_t end, std::int64_t value) {
+    for (std::size_t at = end; value > 0; value /= 10)
+      text[--at] = static_cast<char>('0' + value % 10);
+  };
+  put(4, year);
+  put(7, month);
+  put(10, day);
+  put(13, secondOfDay / 3600);
+  put(16, secondOfDay / 60 % 60);
+  put(19, secondOfDay % 60);
+  out.append(text, sizeof text);
+  return true;
+}
+
+std::optional<std::string> formatIsoDate(double secondsSince1970) {
+  std::string text;
+  if (!appendIsoDate(text, secondsSince1970)) return std::nullopt;
+  return text;
 }
 
 }  // namespace krv

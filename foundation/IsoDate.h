@@ -18,5 +18,8 @@ std::optional<double> parseIsoDate(std::string_view text);
 // The form of a time rounded down to the whole second; nullopt when the time is not finite or
 // falls outside years 0000 to 9999.
 std::optional<std::string> formatIsoDate(double secondsSince1970);
+// The same form appended to `out` (no allocation beyond its growth); false, appending nothing, for
+// a time that has none.
+bool appendIsoDate(std::string& out, double secondsSince1970);
 
 }  // namespace krv

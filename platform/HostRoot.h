@@ -15,7 +15,8 @@ class HostRoot {
   // An empty root is the real root.
   explicit HostRoot(std::string root = "/") : m_root(std::move(root)) {
     while (m_root.size() > 1 && m_root.back() == '/') m_root.pop_back();
-    if (m_root.empty()) m_root = "/";
+    // (Assigning "/" here trips a false -Wrestrict of g++ 12 at -O2.)
+    if (m_root.empty()) m_root.push_back('/');
   }
 
   // The path of a host file, given by its absolute path on the real system.

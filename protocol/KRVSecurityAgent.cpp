@@ -183,7 +183,12 @@ bool KRVSecurityAgent::isContinuingCommandExecutionViaPipe(int fd, Error* status
     *status = Error::posix(EINVAL, "pipe");
     return false;
   }
-  Result<Value> message = readObject(fd, *m_responseClasses);
+  return isContinuingWithMessage(readData(fd), status);
+}
+
+bool KRVSecurityAgent::isContinuingWithMessage(const Result<Data>& payload, Error* status) const {
+  Result<Value> message =
+      payload ? unarchiveSequential(*payload, *m_responseClasses) : Result<Value>(payload.error());
   const Error* error = message ? message->objectAs<Error>() : nullptr;
   if (error == nullptr) {
     *status = transportError(kTransportPipeMessageInvalid);
@@ -206,7 +211,15 @@ Error KRVSecurityAgent::executeAtomicPrivilegedCommand(KRVPrivilegedCommand& com
   if (!path) return status;
   Result<UniqueFd> pipe = openResponsePipeAtPath(*path);
   if (!pipe) return pipe.error();
-  while (isContinuingCommandExecutionViaPipe(pipe->get(), &status)) {
+  std::vector<ObjectRecordView> records;
+  for (;;) {
+    Result<Data> payload = readData(pipe->get());
+    double progress = 0;
+    if (payload && m_recordChunkHandler && readObjectRecordChunk(*payload, progress, records)) {
+      m_recordChunkHandler(progress, records);
+      continue;
+    }
+    if (!isContinuingWithMessage(payload, &status)) break;
     if (m_reportHandler) m_reportHandler(status);
   }
   closePipe(std::move(*pipe), *path);

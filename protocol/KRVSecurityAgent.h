@@ -15,8 +15,10 @@
 #include <cstdint>
 #include <functional>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "foundation/Archivable.h"
 #include "foundation/Coding.h"
@@ -24,6 +26,7 @@
 #include "foundation/Result.h"
 #include "foundation/UniqueFd.h"
 #include "protocol/KRVPrivilegedCommand.h"
+#include "protocol/ObjectRecordChunk.h"
 
 namespace krv {
 
@@ -86,6 +89,14 @@ class KRVSecurityAgent {
       std::string socketPath = pathForCommunicationSocket());
 
   void setReportHandler(ReportHandler handler) { m_reportHandler = std::move(handler); }
+  // Receives the payload chunks of object records in place of the report handler, as views read
+  // straight from the message (protocol/ObjectRecordChunk.h), valid during the call. A chunk in
+  // any form other than the daemon's still goes to the report handler.
+  using RecordChunkHandler =
+      std::function<void(double progress, std::span<const ObjectRecordView> records)>;
+  void setRecordChunkHandler(RecordChunkHandler handler) {
+    m_recordChunkHandler = std::move(handler);
+  }
   // The classes the client accepts on the response pipe (the comparison adds its snapshots).
   void setResponseClasses(const ClassRegistry* classes) { m_responseClasses = classes; }
 
@@ -106,9 +117,12 @@ class KRVSecurityAgent {
 
  private:
   explicit KRVSecurityAgent(std::string socketPath) : m_socketPath(std::move(socketPath)) {}
+  // isContinuingCommandExecutionViaPipe for a message already read (or the failure to read one).
+  bool isContinuingWithMessage(const Result<Data>& payload, Error* status) const;
 
   std::string m_socketPath;
   ReportHandler m_reportHandler;
+  RecordChunkHandler m_recordChunkHandler;
   const ClassRegistry* m_responseClasses = &KRVPrivilegedCommand::transportClasses();
 };
 

@@ -10,6 +10,7 @@
 #include "foundation/Archiver.h"
 #include "foundation/ByteOrder.h"
 #include "foundation/DataBlock.h"
+#include "foundation/System.h"
 
 namespace krv {
 namespace {
@@ -104,6 +105,24 @@ TEST(DataBlockTest, ReaderTakesUpToOneMebibyteAndRejectsDamagedOrShortBlocks) {
       EXPECT_EQ(read.error().code(), c.expected);
     }
   }
+}
+
+TEST(DataBlockTest, ANonBlockingWriterWaitsForItsReaderToMakeRoom) {
+  // A block four times the pipe's buffer through a non-blocking write end: the writer waits for
+  // room each time the buffer is full instead of failing with EAGAIN.
+  Result<sys::PipeEnds> pipe = sys::pipe();
+  ASSERT_TRUE(pipe);
+  ASSERT_TRUE(sys::setNonBlocking(pipe->writeEnd.get(), true));
+  const Data payload(256 * 1024, 0x5C);
+  std::thread writer([&] {
+    Status written = writeDataBlock(pipe->writeEnd.get(), payload);
+    EXPECT_TRUE(written) << written.error().description();
+    pipe->writeEnd.reset();
+  });
+  Result<Data> read = readDataBlock(pipe->readEnd.get());
+  writer.join();
+  ASSERT_TRUE(read) << read.error().description();
+  EXPECT_EQ(*read, payload);
 }
 
 TEST(ObjectTransferTest, TransfersAnErrorObjectAndRefusesBrokenOnes) {

@@ -21,6 +21,8 @@ namespace krv::test {
 
 namespace {
 
+// The default folder of the made-up databases (AuthorityFixture::m_scratch).
+constexpr const char* kScratch = "/tmp/krv-authority";
 constexpr const char* kServiceSocket = "/run/com.tavorin.system.authority.socket";
 
 // The sandbox is entered once per test process, before gtest starts any thread.
@@ -187,6 +189,24 @@ int execute(const std::vector<std::string>& command) {
   for (const std::string& word : command) argv.push_back(const_cast<char*>(word.c_str()));
   argv.push_back(nullptr);
   ::execv(argv[0], argv.data());
+  return 127;
+}
+
+int executeSeeingTestUsers(const std::vector<std::string>& command) {
+  const std::string scratch = kScratch;
+  std::vector<std::string> environment = {
+      std::string("LD_PRELOAD=") + KRV_NSS_WRAPPER_LIBRARY, "NSS_WRAPPER_DISABLE_DEEPBIND=1",
+      "NSS_WRAPPER_PASSWD=" + scratch + "/passwd", "NSS_WRAPPER_GROUP=" + scratch + "/group"};
+  if (const char* options = std::getenv("ASAN_OPTIONS")) {
+    environment.push_back(std::string("ASAN_OPTIONS=") + options);
+  }
+  std::vector<char*> argv;
+  for (const std::string& word : command) argv.push_back(const_cast<char*>(word.c_str()));
+  argv.push_back(nullptr);
+  std::vector<char*> variables;
+  for (std::string& variable : environment) variables.push_back(variable.data());
+  variables.push_back(nullptr);
+  ::execve(argv[0], argv.data(), variables.data());
   return 127;
 }
 

@@ -113,6 +113,8 @@ void answerPrompts(std::vector<std::optional<std::string>> responses, int* asked
 // In a child: replaces the process by the program command[0] with the arguments; 127 if it
 // cannot.
 int execute(const std::vector<std::string>& command);
+// The same, with the test's accounts visible to the program (alice is a name, not just 1001).
+int executeSeeingTestUsers(const std::vector<std::string>& command);
 
 // A service status as a line.
 inline std::string line(std::int32_t status) { return std::to_string(status); }

@@ -39,25 +39,33 @@ void DaemonTest::SetUp() {
     Status entered = enterPrivateSandbox();
     if (!entered) GTEST_SKIP() << "no private sandbox: " << entered.error().description();
   }
-  Result<ServiceProcess> authority =
-      ServiceProcess::start({kAuthoritySocketPath, binary("authority"), {}, {}, 0666});
+  ServiceLaunch launch{kAuthoritySocketPath, binary("authority"), {}, {}, 0666};
+  launch.restartOnConnection = true;
+  Result<ServiceProcess> authority = ServiceProcess::start(launch);
   ASSERT_TRUE(authority) << authority.error().description();
   m_authority.emplace(std::move(*authority));
   startDaemon();
 }
 
+ServiceLaunch DaemonTest::daemonLaunch() {
+  ServiceLaunch launch{kDaemonSocketPath, binary("daemon"), {"d"}, {}, 0666};
+  launch.restartOnConnection = true;
+  return launch;
+}
+
 void DaemonTest::startDaemon(ThreadCreation threads) {
+  ServiceLaunch launch = daemonLaunch();
+  launch.refuseNewThreads = threads == ThreadCreation::Refused;
+  launch.confinement = m_daemonConfinement;
+  startDaemon(launch);
+}
+
+void DaemonTest::startDaemon(const ServiceLaunch& launch) {
   m_daemon.reset();
-  Result<ServiceProcess> daemon = ServiceProcess::start({kDaemonSocketPath,
-                                                         binary("daemon"),
-                                                         {"d"},
-                                                         {},
-                                                         0666,
-                                                         threads == ThreadCreation::Refused,
-                                                         m_daemonConfinement});
+  Result<ServiceProcess> daemon = ServiceProcess::start(launch);
   ASSERT_TRUE(daemon) << daemon.error().description();
   m_daemon.emplace(std::move(*daemon));
-  if (threads == ThreadCreation::Refused) return;
+  if (launch.refuseNewThreads) return;
   // The daemon serves its first request only after its start-up (the right definitions among it).
   Error version = runCommand(kCommandGetVersion, {});
   ASSERT_TRUE(version.is(kCommandErrorDomain, kResultSuccess))

@@ -2,7 +2,9 @@
 // The end-to-end fixture of the daemon: each test process enters a private sandbox (fresh /run and
 // /tmp, overlays over /etc and /var/lib), starts the real authorization service and the real
 // daemon binary behind listening sockets handed over as the service manager does, and talks to
-// them through the real client library or the real command-line client.
+// them through the real client library or the real command-line client. Like the service
+// manager's socket units, the fixture keeps both listening sockets: a service that ended (its idle
+// end, a shutdown, the watchdog, a crash) is started again by the next connection.
 //
 // The daemon runs with the "d" argument, so its log lines arrive on its standard error, which the
 // fixture collects (daemonLog()). At the end of a test the fixture fails the test when either
@@ -45,7 +47,11 @@ class DaemonTest : public testing::Test {
   // the daemon every new thread, so no command can run; the start does not wait then.
   enum class ThreadCreation : std::uint8_t { Allowed, Refused };
   void startDaemon(ThreadCreation threads = ThreadCreation::Allowed);
+  // The daemon's launch as startDaemon() makes it, for a test to adjust and start with the next.
+  static ServiceLaunch daemonLaunch();
+  void startDaemon(const ServiceLaunch& launch);
   ServiceProcess& daemon() { return *m_daemon; }
+  ServiceProcess& authority() { return *m_authority; }
   std::string daemonLog() const { return m_daemon ? m_daemon->standardError() : std::string(); }
   // Waits until the daemon's log contains `text` (at least `times` times).
   bool waitForLog(const std::string& text, std::chrono::milliseconds timeout,

@@ -73,7 +73,10 @@ TEST_F(PermissionCommandsTest, PropagationReportsItsCountAndResult) {
   makeFile("tree/tool", 04755);
   ProgramRun refused = runClient({"propagate-permissions", path("tree"), "250", "0", "0x20"});
   EXPECT_EQ(refused.exitCode, 1);
-  EXPECT_NE(refused.standardError.find("code 3 (an argument is invalid)"), std::string::npos)
+  EXPECT_EQ(refused.standardError.rfind("securityagentctl: cannot propagate the permissions of '" +
+                                            path("tree/tool") + "': an argument is invalid\n",
+                                        0),
+            0u)
       << refused.standardError;
   EXPECT_NE(refused.standardError.find("FailingPath: " + path("tree/tool")), std::string::npos)
       << refused.standardError;
@@ -111,8 +114,11 @@ TEST_F(PermissionCommandsTest, ListSetThroughTheClientLetsAUserRead) {
   EXPECT_NE(text.standardError.find("code 3"), std::string::npos) << text.standardError;
   ProgramRun below = runClient({"modify-acl-permissions", path("secret/below"), "hex:" + form});
   EXPECT_EQ(below.exitCode, 1);
-  EXPECT_NE(below.standardError.find("code 20 (the access control list could not be set: Not a "
-                                     "directory)"),
+  EXPECT_NE(below.standardError.find("': the access control list could not be set: Not a "
+                                     "directory\n  "),
+            std::string::npos)
+      << below.standardError;
+  EXPECT_NE(below.standardError.find("Result: com.tavorin.privilegedCommand code 20\n"),
             std::string::npos)
       << below.standardError;
   EXPECT_NE(below.standardError.find("UnderlyingErrorCode: " + std::to_string(ENOTDIR)),

@@ -48,6 +48,17 @@ class ExecutorWithPipe {
     }
     return result;
   }
+  // Every byte written since the last call, undecoded.
+  Data bytes() {
+    Data result;
+    (void)sys::setNonBlocking(m_reader.get(), true);
+    std::uint8_t buffer[65536];
+    while (Result<std::size_t> count = sys::read(m_reader.get(), buffer)) {
+      if (*count == 0) break;
+      result.insert(result.end(), buffer, buffer + *count);
+    }
+    return result;
+  }
   // The client goes away: every later write to the pipe fails.
   void closeReader() { m_reader.reset(); }
 

@@ -20,6 +20,7 @@
 #include <condition_variable>
 #include <cstddef>
 #include <cstring>
+#include <initializer_list>
 #include <mutex>
 #include <thread>
 
@@ -30,15 +31,39 @@ extern char** environ;
 
 namespace krv::test {
 
+// Everything an instance is started from, prepared before the first fork: after fork() only
+// async-signal-safe calls.
+struct PreparedLaunch {
+  std::vector<std::string> arguments;
+  std::vector<std::string> environment;
+  std::vector<char*> argv;
+  std::vector<char*> envp;
+  char pidText[32] = {};  // "LISTEN_PID=<pid>", completed in the child
+  bool refuseNewThreads = false;
+  std::vector<int> droppedCapabilities;
+  std::optional<ServiceConfinement> confinement;
+  std::vector<const char*> writablePaths;  // into confinement
+};
+
 struct ServiceProcess::State {
-  pid_t pid = -1;
-  bool reaped = false;
-  int status = 0;
+  PreparedLaunch launch;
+  bool restartOnConnection = false;
+  UniqueFd listening;           // kept only to start further instances
+  UniqueFd standardErrorWrite;  // handed to each instance; kept only for further instances
+  UniqueFd supervisorStop;      // eventfd: the supervisor ends the instance and returns
+  UniqueFd readerStop;          // eventfd: the reader drains what is left and returns
+  UniqueFd process;             // pidfd of the current instance
   std::thread reader;
+  std::thread supervisor;
   mutable std::mutex mutex;
-  std::condition_variable grown;  // standardError grew or was closed
-  std::string standardError;      // guarded by mutex
+  std::condition_variable changed;  // standardError grew or was closed; an instance began or ended
+  // Guarded by mutex:
+  std::string standardError;
   bool standardErrorClosed = false;
+  pid_t pid = -1;
+  bool ended = false;
+  int status = 0;
+  std::size_t instances = 0;
 };
 
 namespace {
@@ -158,114 +183,242 @@ ServiceProcess& ServiceProcess::operator=(ServiceProcess&& other) noexcept {
 
 ServiceProcess::~ServiceProcess() { terminate(); }
 
-Result<ServiceProcess> ServiceProcess::start(const ServiceLaunch& launch) {
-  KRV_TRY(UniqueFd socket, listenOnUnixSocket(launch.socketPath, launch.socketMode));
-  KRV_TRY(sys::PipeEnds errorPipe, sys::pipe());
+namespace {
 
-  // Everything the child needs is prepared before fork(): after it only async-signal-safe calls.
-  std::vector<std::string> arguments{launch.executable};
-  arguments.insert(arguments.end(), launch.arguments.begin(), launch.arguments.end());
-  std::vector<char*> argv;
-  for (std::string& argument : arguments) argv.push_back(argument.data());
-  argv.push_back(nullptr);
-  std::vector<std::string> environment;
+void prepare(const ServiceLaunch& launch, PreparedLaunch& prepared) {
+  prepared.arguments.push_back(launch.executable);
+  prepared.arguments.insert(prepared.arguments.end(), launch.arguments.begin(),
+                            launch.arguments.end());
+  for (std::string& argument : prepared.arguments) prepared.argv.push_back(argument.data());
+  prepared.argv.push_back(nullptr);
   for (char** entry = environ; *entry != nullptr; ++entry) {
     std::string_view text(*entry);
     if (text.rfind("LISTEN_", 0) == 0) continue;
-    environment.emplace_back(text);
+    prepared.environment.emplace_back(text);
   }
-  environment.insert(environment.end(), launch.environment.begin(), launch.environment.end());
-  environment.emplace_back("LISTEN_FDS=1");
-  environment.emplace_back("LISTEN_FDNAMES=MasterSocket");
-  environment.emplace_back("LISTEN_PID=");  // completed in the child
-  char pidText[32] = {};
-  std::vector<char*> envp;
-  for (std::string& entry : environment) envp.push_back(entry.data());
-  envp.back() = pidText;
-  envp.push_back(nullptr);
-
-  std::vector<const char*> writablePaths;
-  if (launch.confinement) {
-    for (const std::string& path : launch.confinement->writablePaths) {
-      writablePaths.push_back(path.c_str());
+  prepared.environment.insert(prepared.environment.end(), launch.environment.begin(),
+                              launch.environment.end());
+  prepared.environment.emplace_back("LISTEN_FDS=1");
+  prepared.environment.emplace_back("LISTEN_FDNAMES=MasterSocket");
+  for (std::string& entry : prepared.environment) prepared.envp.push_back(entry.data());
+  prepared.envp.push_back(prepared.pidText);
+  prepared.envp.push_back(nullptr);
+  prepared.refuseNewThreads = launch.refuseNewThreads;
+  prepared.droppedCapabilities = launch.droppedCapabilities;
+  prepared.confinement = launch.confinement;
+  if (prepared.confinement) {
+    for (const std::string& path : prepared.confinement->writablePaths) {
+      prepared.writablePaths.push_back(path.c_str());
     }
   }
+}
 
+// Starts one instance on the listening socket with its standard error on `standardError`.
+Result<pid_t> spawn(PreparedLaunch& launch, int socket, int standardError) {
   pid_t pid = ::fork();
   if (pid < 0) return Error::fromErrno("fork");
   if (pid == 0) {
     // LISTEN_PID=<pid>, written by hand (no allocation after fork).
     const char prefix[] = "LISTEN_PID=";
-    std::memcpy(pidText, prefix, sizeof prefix - 1);
+    std::memcpy(launch.pidText, prefix, sizeof prefix - 1);
     char digits[16];
     int count = 0;
     for (long value = ::getpid(); value > 0 && count < 16; value /= 10) {
       digits[count++] = static_cast<char>('0' + value % 10);
     }
-    for (int i = 0; i < count; ++i) pidText[sizeof prefix - 1 + i] = digits[count - 1 - i];
-    pidText[sizeof prefix - 1 + count] = '\0';
+    for (int i = 0; i < count; ++i) launch.pidText[sizeof prefix - 1 + i] = digits[count - 1 - i];
+    launch.pidText[sizeof prefix - 1 + count] = '\0';
 
-    if (::dup2(errorPipe.writeEnd.get(), STDERR_FILENO) < 0) ::_exit(127);
-    if (socket.get() == 3) {
+    if (::dup2(standardError, STDERR_FILENO) < 0) ::_exit(127);
+    if (socket == 3) {
       int flags = ::fcntl(3, F_GETFD);
       ::fcntl(3, F_SETFD, flags & ~FD_CLOEXEC);
-    } else if (::dup2(socket.get(), 3) < 0) {
+    } else if (::dup2(socket, 3) < 0) {
       ::_exit(127);
     }
-    if (launch.confinement && !confine(*launch.confinement, writablePaths)) ::_exit(126);
+    for (int capability : launch.droppedCapabilities) {
+      if (::prctl(PR_CAPBSET_DROP, capability, 0, 0, 0) != 0) ::_exit(127);
+    }
+    if (launch.confinement && !confine(*launch.confinement, launch.writablePaths)) ::_exit(126);
     if (launch.refuseNewThreads && !refuseNewThreads()) ::_exit(127);
-    ::execve(argv[0], argv.data(), envp.data());
+    ::execve(launch.argv[0], launch.argv.data(), launch.envp.data());
     ::_exit(127);
   }
+  return pid;
+}
 
-  errorPipe.writeEnd.reset();
-  auto state = std::make_unique<State>();
-  state->pid = pid;
-  State* shared = state.get();
-  state->reader = std::thread([shared, readEnd = std::move(errorPipe.readEnd)]() {
-    std::uint8_t buffer[4096];
+bool isReadable(int fd, int timeoutMilliseconds) {
+  pollfd entry{fd, POLLIN, 0};
+  Result<std::size_t> ready = sys::poll({&entry, 1}, timeoutMilliseconds);
+  return ready && *ready == 1;
+}
+
+// Waits until one of the descriptors is readable; its index.
+std::size_t firstReadable(std::initializer_list<int> fds) {
+  std::vector<pollfd> entries;
+  for (int fd : fds) entries.push_back({fd, POLLIN, 0});
+  for (;;) {
+    Result<std::size_t> ready = sys::poll(entries, -1);
+    if (!ready || *ready == 0) continue;
+    for (std::size_t i = 0; i < entries.size(); ++i) {
+      if (entries[i].revents != 0) return i;
+    }
+  }
+}
+
+}  // namespace
+
+// The service manager's part: reaps each instance and, with restartOnConnection, starts the next
+// one when a connection waits; ends the running instance when asked to stop.
+class ServiceProcess::Supervisor {
+ public:
+  static void run(State& state) {
     for (;;) {
-      Result<std::size_t> count = sys::read(readEnd.get(), buffer);
-      std::lock_guard<std::mutex> lock(shared->mutex);
-      if (!count || *count == 0) {
-        shared->standardErrorClosed = true;
-        shared->grown.notify_all();
+      if (firstReadable({state.process.get(), state.supervisorStop.get()}) == 1) {
+        end(state);
         return;
       }
-      shared->standardError.append(reinterpret_cast<const char*>(buffer), *count);
-      shared->grown.notify_all();
+      reap(state);
+      if (!state.restartOnConnection) return;
+      if (firstReadable({state.listening.get(), state.supervisorStop.get()}) == 1) return;
+      {
+        std::lock_guard<std::mutex> lock(state.mutex);
+        if (state.instances >= kRestartLimit) {
+          (void)firstReadable({state.supervisorStop.get()});
+          return;
+        }
+      }
+      if (!start(state)) return;
     }
-  });
+  }
+
+  // Collects the instances' standard error until it is closed, or, once asked to stop, until
+  // nothing more is waiting in it.
+  static void collectStandardError(State& state, UniqueFd readEnd) {
+    for (;;) {
+      const bool stopping = firstReadable({readEnd.get(), state.readerStop.get()}) == 1 &&
+                            !isReadable(readEnd.get(), 0);
+      std::uint8_t buffer[4096];
+      Result<std::size_t> count =
+          stopping ? Result<std::size_t>(std::size_t{0}) : sys::read(readEnd.get(), buffer);
+      std::lock_guard<std::mutex> lock(state.mutex);
+      if (!count || *count == 0) {
+        state.standardErrorClosed = true;
+        state.changed.notify_all();
+        return;
+      }
+      state.standardError.append(reinterpret_cast<const char*>(buffer), *count);
+      state.changed.notify_all();
+    }
+  }
+
+  static bool start(State& state) {
+    Result<pid_t> pid = spawn(state.launch, state.listening.get(), state.standardErrorWrite.get());
+    if (!pid) return false;
+    Result<UniqueFd> process = sys::pidfdOpen(*pid);
+    std::lock_guard<std::mutex> lock(state.mutex);
+    state.process = process ? std::move(*process) : UniqueFd();
+    state.pid = *pid;
+    state.ended = false;
+    ++state.instances;
+    state.changed.notify_all();
+    return state.process.valid();
+  }
+
+ private:
+  static void reap(State& state) {
+    Result<int> status = sys::waitForProcess(state.pid);
+    std::lock_guard<std::mutex> lock(state.mutex);
+    state.ended = true;
+    state.status = status ? *status : 0;
+    state.process.reset();
+    state.changed.notify_all();
+  }
+
+  static void end(State& state) {
+    (void)sys::pidfdSendSignal(state.process.get(), SIGTERM);
+    if (!isReadable(state.process.get(), 2000)) {
+      (void)sys::pidfdSendSignal(state.process.get(), SIGKILL);
+    }
+    reap(state);
+  }
+};
+
+Result<ServiceProcess> ServiceProcess::start(const ServiceLaunch& launch) {
+  KRV_TRY(UniqueFd socket, listenOnUnixSocket(launch.socketPath, launch.socketMode));
+  KRV_TRY(sys::PipeEnds errorPipe, sys::pipe());
+  auto state = std::make_unique<State>();
+  prepare(launch, state->launch);
+  state->restartOnConnection = launch.restartOnConnection;
+  state->listening = std::move(socket);
+  state->standardErrorWrite = std::move(errorPipe.writeEnd);
+  KRV_TRY(state->supervisorStop, sys::eventFd(0));
+  KRV_TRY(state->readerStop, sys::eventFd(0));
+  if (!Supervisor::start(*state)) return Error::posix(ECHILD, "start service");
+  if (!state->restartOnConnection) {
+    // Nothing of the socket stays here but the file: once the service exits, connections are
+    // refused; and the log ends when the service closes its standard error.
+    state->listening.reset();
+    state->standardErrorWrite.reset();
+  }
+  State* shared = state.get();
+  state->reader = std::thread(Supervisor::collectStandardError, std::ref(*shared),
+                              std::move(errorPipe.readEnd));
+  state->supervisor = std::thread(Supervisor::run, std::ref(*shared));
   return ServiceProcess(std::move(state));
 }
 
-pid_t ServiceProcess::pid() const { return m_state ? m_state->pid : -1; }
+pid_t ServiceProcess::pid() const {
+  if (!m_state) return -1;
+  std::lock_guard<std::mutex> lock(m_state->mutex);
+  return m_state->pid;
+}
+
+std::size_t ServiceProcess::instancesStarted() const {
+  if (!m_state) return 0;
+  std::lock_guard<std::mutex> lock(m_state->mutex);
+  return m_state->instances;
+}
 
 std::optional<int> ServiceProcess::waitForExit(std::chrono::milliseconds timeout) {
   if (!m_state) return std::nullopt;
-  if (m_state->reaped) return m_state->status;
-  Result<int> status = test::waitForExit(m_state->pid, timeout);
-  if (!status) return std::nullopt;
-  m_state->reaped = true;
-  m_state->status = *status;
-  if (m_state->reader.joinable()) m_state->reader.join();
-  return *status;
+  std::unique_lock<std::mutex> lock(m_state->mutex);
+  if (!m_state->changed.wait_for(lock, timeout, [&] { return m_state->ended; })) {
+    return std::nullopt;
+  }
+  return m_state->status;
+}
+
+std::optional<pid_t> ServiceProcess::waitForRestart(pid_t previous,
+                                                    std::chrono::milliseconds timeout) {
+  if (!m_state) return std::nullopt;
+  std::unique_lock<std::mutex> lock(m_state->mutex);
+  if (!m_state->changed.wait_for(lock, timeout, [&] { return m_state->pid != previous; })) {
+    return std::nullopt;
+  }
+  return m_state->pid;
 }
 
 bool ServiceProcess::running() {
-  return m_state && !m_state->reaped && !waitForExit(std::chrono::milliseconds(0));
+  if (!m_state) return false;
+  std::lock_guard<std::mutex> lock(m_state->mutex);
+  return !m_state->ended;
 }
 
 void ServiceProcess::terminate() {
   if (!m_state) return;
-  if (!m_state->reaped) {
-    ::kill(m_state->pid, SIGTERM);
-    if (!waitForExit(std::chrono::milliseconds(2000))) {
-      ::kill(m_state->pid, SIGKILL);
-      waitForExit(std::chrono::milliseconds(10000));
-    }
+  const std::uint8_t one[8] = {1};
+  if (m_state->supervisor.joinable()) {
+    (void)sys::write(m_state->supervisorStop.get(), one);
+    m_state->supervisor.join();
   }
-  if (m_state->reader.joinable()) m_state->reader.join();
+  // Every instance has been reaped: what they wrote is in the pipe, and the reader takes it all
+  // before it stops (a program a service started may still hold the pipe open).
+  m_state->standardErrorWrite.reset();
+  if (m_state->reader.joinable()) {
+    (void)sys::write(m_state->readerStop.get(), one);
+    m_state->reader.join();
+  }
 }
 
 std::string ServiceProcess::standardError() const {
@@ -278,7 +431,7 @@ bool ServiceProcess::waitForStandardError(const std::function<bool(const std::st
                                           std::chrono::milliseconds timeout) const {
   if (!m_state) return false;
   std::unique_lock<std::mutex> lock(m_state->mutex);
-  return m_state->grown.wait_for(lock, timeout, [&] {
+  return m_state->changed.wait_for(lock, timeout, [&] {
     return done(m_state->standardError) || m_state->standardErrorClosed;
   }) && done(m_state->standardError);
 }

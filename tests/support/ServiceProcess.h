@@ -10,6 +10,13 @@
 // service's standard error is collected (read by a thread of the object) and available through
 // standardError().
 //
+// With restartOnConnection the object also plays the service manager's socket unit: it keeps the
+// listening socket, and once the service has ended (its idle end, a shutdown, a crash, the
+// watchdog) the next connection that waits on the socket starts a new instance with the same
+// socket, as the service manager does. Each instance's standard error is collected in the same
+// log. A thread of the object reaps the instances; an instance that keeps ending is started at
+// most kRestartLimit times.
+//
 // The destructor terminates the service (SIGTERM, then SIGKILL after a grace period) and reaps it.
 // Objects are movable, not copyable; use one from one thread.
 
@@ -52,6 +59,11 @@ struct ServiceLaunch {
   // The kernel refuses every new thread of the service (its creation fails with EAGAIN) while
   // processes can still be started: what a daemon meets when it runs out of threads.
   bool refuseNewThreads = false;
+  // Start the service again for the next connection once it has ended.
+  bool restartOnConnection = false;
+  // Capabilities removed from the service's bounding set before it starts (CAP_DAC_OVERRIDE, ...):
+  // a root service without them, as a hardened unit's CapabilityBoundingSet= makes it.
+  std::vector<int> droppedCapabilities{};
   // With a confinement the service also runs with NoNewPrivileges.
   std::optional<ServiceConfinement> confinement = std::nullopt;
 };
@@ -62,18 +74,26 @@ Result<UniqueFd> listenOnUnixSocket(const std::string& path, mode_t mode);
 
 class ServiceProcess {
  public:
+  static constexpr std::size_t kRestartLimit = 64;
+
   static Result<ServiceProcess> start(const ServiceLaunch& launch);
 
   ServiceProcess(ServiceProcess&&) noexcept;
   ServiceProcess& operator=(ServiceProcess&&) noexcept;
   ~ServiceProcess();
 
+  // The current instance (the last one once it has ended).
   pid_t pid() const;
-  // The exit status (as from waitpid) once the service ended within `timeout`, else nothing.
+  // How many instances have been started so far.
+  std::size_t instancesStarted() const;
+  // The exit status (as from waitpid) once the current instance ended within `timeout`, else
+  // nothing.
   std::optional<int> waitForExit(std::chrono::milliseconds timeout);
-  // True while the process has not been reaped and has not exited.
+  // Waits until an instance other than `previous` has started; its pid, or nothing at the timeout.
+  std::optional<pid_t> waitForRestart(pid_t previous, std::chrono::milliseconds timeout);
+  // True while the current instance has not exited.
   bool running();
-  // SIGTERM, a grace period, SIGKILL; reaps the process.
+  // SIGTERM, a grace period, SIGKILL; reaps the process; starts no further instance.
   void terminate();
   // Everything the service wrote to standard error so far.
   std::string standardError() const;
@@ -85,6 +105,7 @@ class ServiceProcess {
 
  private:
   struct State;
+  class Supervisor;
   explicit ServiceProcess(std::unique_ptr<State> state);
   std::unique_ptr<State> m_state;
 };

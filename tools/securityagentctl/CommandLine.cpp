@@ -124,6 +124,8 @@ Result<Options> parseCommandLine(const std::vector<std::string>& words) {
       options.json = true;
     } else if (word == "--quiet" || word == "-q") {
       options.quiet = true;
+    } else if (word == "--progress") {
+      options.progress = true;
     } else if (word == "--deauthorize") {
       options.deauthorize = true;
     } else if (word == "--list" || word == "-l") {
@@ -144,6 +146,15 @@ Result<Options> parseCommandLine(const std::vector<std::string>& words) {
   }
   if (options.help || options.listCommands || !options.showFile.empty()) return options;
   if (index >= words.size()) return usageError("no command given");
+  if (words[index] == "help") {
+    options.help = true;
+    if (index + 2 < words.size()) return usageError("help takes one command");
+    if (index + 1 < words.size()) {
+      options.helpCommand = codeForName(words[index + 1]);
+      if (!options.helpCommand) return usageError("unknown command " + words[index + 1]);
+    }
+    return options;
+  }
 
   std::optional<std::uint32_t> code = codeForName(words[index]);
   if (!code) return usageError("unknown command " + words[index]);
@@ -170,17 +181,23 @@ Result<Options> parseCommandLine(const std::vector<std::string>& words) {
 }
 
 std::string usage() {
-  return "usage: securityagentctl [--json] [--quiet] [--deauthorize] [--socket PATH] COMMAND "
-         "[ARGUMENT ...]\n"
+  return "usage: securityagentctl [--json] [--quiet | --progress] [--deauthorize] [--socket PATH] "
+         "COMMAND [ARGUMENT ...]\n"
          "       securityagentctl [--save FILE] compare-folders FIRST SECOND MARKER COUNT MODE\n"
          "       securityagentctl [--json] --show FILE\n"
          "       securityagentctl --list\n"
-         "COMMAND is a code or a name from --list. Number arguments take integers, reals or\n"
-         "true/false; data arguments take @FILE, hex:DIGITS or plain text.\n";
+         "       securityagentctl help [COMMAND]\n"
+         "COMMAND is a code or a name from --list; `securityagentctl help COMMAND` says what its\n"
+         "arguments mean. Number arguments take integers, reals or true/false; data arguments\n"
+         "take @FILE, hex:DIGITS or plain text.\n";
 }
 
 std::string commandList(const SystemPrograms& programs) {
-  std::string text;
+  std::string text =
+      "Arguments, one letter each in order: S a text or a path, N a number (0 or 1 for a\n"
+      "yes/no), D data (@FILE or hex:DIGITS); S... any number of texts. Each command's\n"
+      "arguments are explained by `securityagentctl help COMMAND`.\n\n" +
+      format("%2s  %-28s %-6s %s\n", "#", "NAME", "ARGS", "COMMENT");
   for (std::uint32_t code = 0; code < kNumberOfCommandCodes; ++code) {
     const CommandRecord* record = commandRecord(code);
     std::string name = readableName(code);

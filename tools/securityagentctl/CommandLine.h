@@ -3,6 +3,7 @@
 // arguments, converted to the kinds the command table asks for.
 //
 //   securityagentctl [options] COMMAND [ARGUMENT ...]
+//   securityagentctl help [COMMAND]
 //
 // COMMAND is a code (0-54) or a readable name derived from the command's right: the right name
 // without "com.tavorin." and with "." turned into "-" ("get-version", "count-file-objects"). Each
@@ -28,9 +29,11 @@ inline constexpr std::uint32_t kCompareFoldersCode = 52;
 struct Options {
   bool json = false;
   bool quiet = false;
+  bool progress = false;  // --progress: progress lines also when the output is no terminal
   bool deauthorize = false;
   bool listCommands = false;
   bool help = false;
+  std::optional<std::uint32_t> helpCommand;  // `help COMMAND`: the command to explain
   std::string socketPath;
   std::string saveFile;  // --save FILE: keep a folder comparison's result there
   std::string showFile;  // --show FILE: show a saved comparison instead of running a command
@@ -49,8 +52,9 @@ std::optional<std::uint32_t> codeForName(const std::string& name);
 Result<Value> convertArgument(const std::string& text, char letter);
 
 std::string usage();
-// Every command with its arguments and comment; below each command that runs a program, the
-// program that runs on this machine (as `programs` finds it) or that none does.
+// Every command with its signature letters (explained at the top) and comment; below each command
+// that runs a program, the program that runs on this machine (as `programs` finds it) or that none
+// does.
 std::string commandList(const SystemPrograms& programs = SystemPrograms());
 
 }  // namespace krv::ctl

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <charconv>
 #include <cmath>
 #include <cstring>
 
@@ -220,6 +221,40 @@ std::string readableValue(const Value& value, std::string_view key = {}) {
   return toJson(value);
 }
 
+// A name as escapedName writes it, without a copy where that is the name itself: printable ASCII
+// other than the backslash stands for itself.
+void appendEscapedName(std::string& out, std::string_view bytes) {
+  for (const char byte : bytes) {
+    if (byte < 0x20 || byte > 0x7E || byte == '\\') {
+      out += escapedName(bytes);
+      return;
+    }
+  }
+  out += bytes;
+}
+
+// The digits of `value` in `base`, at least `width` of them (zeros in front).
+void appendUnsigned(std::string& out, std::uint64_t value, int base, std::size_t width) {
+  char digits[64];
+  const std::to_chars_result end = std::to_chars(digits, digits + sizeof digits, value, base);
+  const auto length = static_cast<std::size_t>(end.ptr - digits);
+  if (length < width) out.append(width - length, '0');
+  out.append(digits, length);
+}
+
+// The line describeRecord writes for the record's dictionary.
+void appendRecordLine(std::string& out, const ObjectRecordView& record) {
+  appendEscapedName(out, record.path);
+  out += '\t';
+  appendEscapedName(out, record.type);
+  out += '\t';
+  appendUnsigned(out, record.size, 10, 1);
+  out += '\t';
+  if (!appendIsoDate(out, record.modificationDate)) out += isoDate(Date{record.modificationDate});
+  out += '\t';
+  appendUnsigned(out, record.posixMode, 8, 4);  // "%04llo"
+}
+
 std::string describeRecord(const Dictionary& record) {
   std::string line;
   for (const auto& [key, value] : record) {
@@ -256,112 +291,12 @@ std::string resultToJson(const Error& result) {
   return out;
 }
 
-namespace {
+ResultPrinter::ResultPrinter(bool json, bool quiet, bool progressLines)
+    : m_json(json), m_progress(STDERR_FILENO, ProgressBar::wanted(json, quiet, progressLines)) {}
 
-// ": " and the text of the result's UnderlyingErrorCode, an errno; "" without one.
-std::string underlyingErrorText(const Error& result) {
-  const Value* code = result.userInfo().find(key::kUnderlyingErrorCode);
-  if (code == nullptr || code->asNumber() == nullptr) return "";
-  return ": " + sys::errorText(code->asNumber()->intValue());
-}
+void ResultPrinter::drawProgress(double progress) { m_progress.draw(progress); }
 
-}  // namespace
-
-std::string explainResult(const Error& result) {
-  const std::int64_t code = result.code();
-  if (result.domain() == kPosixErrorDomain) {
-    if (const Value* message = result.userInfo().find(key::kUnderlyingErrorMessage)) {
-      if (message->asString()) return *message->asString();
-    }
-    return sys::errorText(static_cast<int>(code));
-  }
-  if (result.domain() == kTransportErrorDomain) {
-    switch (code) {
-      case kTransportPipeNotCreated:
-        return "the daemon could not create the response pipe";
-      case kTransportRightRemovalFailed:
-        return "removing the right definitions failed";
-      case kTransportReplyNotAnError:
-        return "the daemon's reply was not a result";
-      case kTransportPipeMessageInvalid:
-        return "the daemon ended the command without a result";
-      case kTransportCommandInvalid:
-        return "the command is not valid for its code";
-      case kTransportResultNotTransferable:
-        return "the result was too large to be transferred";
-      default:
-        return "";
-    }
-  }
-  if (result.domain() == kCommandErrorDomain) {
-    switch (code) {
-      case kResultSuccess:
-        return "";
-      case kResultUnknownCommand:
-        return "unknown command code";
-      case kResultAuthorizationFailed: {
-        const Value* status = result.userInfo().find(key::kUnderlyingErrorCode);
-        std::int64_t value = status && status->asNumber() ? status->asNumber()->integerValue() : 0;
-        switch (value) {
-          case auth::kStatusDenied:
-            return "authorization denied";
-          case auth::kStatusCanceled:
-            return "authorization canceled";
-          case auth::kStatusInteractionNotAllowed:
-            return "authorization needs an administrator's password, and none could be asked";
-          default:
-            return format("authorization failed (%lld)", static_cast<long long>(value));
-        }
-      }
-      case kResultBadArgument:
-        return "an argument is invalid";
-      case kResultMalformedArguments:
-        return "the argument list is malformed";
-      case kResultUnsafeProgram:
-        return "the program is not safe to run";
-      case kResultProgramFailed:
-        return "the program failed";
-      case kResultAclNotSet:
-        return "the access control list could not be set" + underlyingErrorText(result);
-      case kResultStatusNotRead:
-        return "the object could not be read" + underlyingErrorText(result);
-      case kResultPermissionsNotChanged:
-        return "the owner, group or permissions could not be changed" + underlyingErrorText(result);
-      default:
-        return "";
-    }
-  }
-  return "";
-}
-
-ResultPrinter::ResultPrinter(bool json, bool quiet)
-    : m_json(json), m_showProgress(!quiet && !json && sys::isTerminal(STDERR_FILENO)) {}
-
-void ResultPrinter::drawProgress(double progress) {
-  if (!m_showProgress) return;
-  if (!(progress >= 0.0)) progress = 0.0;
-  // A command that could not know its total reports a count instead (a propagation of
-  // permissions told to expect no objects): shown as the number it is.
-  if (progress > 1.0 && std::isfinite(progress)) {
-    writeOut(STDERR_FILENO, format("\r%.0f", progress));
-    m_progressShown = true;
-    return;
-  }
-  if (progress > 1.0) progress = 1.0;
-  constexpr int kWidth = 40;
-  int filled = static_cast<int>(progress * kWidth);
-  std::string bar = "\r[" + std::string(static_cast<std::size_t>(filled), '#') +
-                    std::string(static_cast<std::size_t>(kWidth - filled), ' ') +
-                    format("] %3d%%", static_cast<int>(progress * 100.0));
-  writeOut(STDERR_FILENO, bar);
-  m_progressShown = true;
-}
-
-void ResultPrinter::endProgress() {
-  if (!m_progressShown) return;
-  writeOut(STDERR_FILENO, "\n");
-  m_progressShown = false;
-}
+void ResultPrinter::endProgress() { m_progress.end(); }
 
 void ResultPrinter::showComparison(std::string_view firstFolder, std::string_view secondFolder) {
   m_comparison.emplace(firstFolder, secondFolder);
@@ -410,11 +345,22 @@ void ResultPrinter::report(const Error& report) {
     }
     writeOut(STDOUT_FILENO, lines);
   }
-  if (!hasPayload || m_showProgress) drawProgress(fraction);
+  if (!hasPayload || m_progress.enabled()) drawProgress(fraction);
+}
+
+void ResultPrinter::reportRecords(double progress, std::span<const ObjectRecordView> records) {
+  endProgress();
+  m_lines.clear();
+  for (const ObjectRecordView& record : records) {
+    appendRecordLine(m_lines, record);
+    m_lines += '\n';
+  }
+  writeOut(STDOUT_FILENO, m_lines);
+  if (m_progress.enabled()) drawProgress(progress);
 }
 
 void ResultPrinter::finish(const Error& result) {
-  if (m_progressShown) {
+  if (m_progress.shown()) {
     if (result.code() == 0) drawProgress(1.0);
     endProgress();
   }
@@ -427,11 +373,7 @@ void ResultPrinter::finish(const Error& result) {
   if (result.code() == 0 && result.domain() != kPosixErrorDomain) {
     text = "OK\n";
   } else {
-    text = format("Failed: %s code %lld", escapedName(result.domain()).c_str(),
-                  static_cast<long long>(result.code()));
-    std::string explanation = explainResult(result);
-    if (!explanation.empty()) text += " (" + escapedName(explanation) + ")";
-    text += "\n";
+    text = failureHeadline(result);
   }
   for (const auto& [key, value] : result.userInfo()) {
     if (key == key::kFileSystemObjects && value.asArray()) {
@@ -447,7 +389,25 @@ void ResultPrinter::finish(const Error& result) {
       text += "  " + escapedName(key) + ": " + rendered + "\n";
     }
   }
+  if (m_commandCode && !(result.code() == 0 && result.domain() != kPosixErrorDomain)) {
+    text += format("  Result: %s code %lld\n", escapedName(result.domain()).c_str(),
+                   static_cast<long long>(result.code()));
+  }
   writeOut(result.code() == 0 ? STDOUT_FILENO : STDERR_FILENO, text);
+}
+
+void ResultPrinter::describeFailuresOf(std::uint32_t code, Array arguments) {
+  m_commandCode = code;
+  m_commandArguments = std::move(arguments);
+}
+
+std::string ResultPrinter::failureHeadline(const Error& result) const {
+  if (m_commandCode) return describeFailure(*m_commandCode, m_commandArguments, result) + "\n";
+  std::string text = format("Failed: %s code %lld", escapedName(result.domain()).c_str(),
+                            static_cast<long long>(result.code()));
+  std::string explanation = explainResult(result);
+  if (!explanation.empty()) text += " (" + escapedName(explanation) + ")";
+  return text + "\n";
 }
 
 }  // namespace krv::ctl

@@ -5,13 +5,18 @@
 // of foundation/NameValue.h) except a program's own output; the JSON is a lossless picture of the
 // values as they came. Used by the client's one thread.
 
+#include <cstdint>
 #include <cstdio>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 
 #include "foundation/Error.h"
+#include "protocol/ObjectRecordChunk.h"
 #include "tools/securityagentctl/ComparisonReport.h"
+#include "tools/securityagentctl/ErrorDescription.h"
+#include "tools/securityagentctl/ProgressBar.h"
 
 namespace krv::ctl {
 
@@ -22,27 +27,38 @@ namespace krv::ctl {
 std::string toJson(const Value& value);
 // The final result as one JSON document: {"domain": ..., "code": ..., "userInfo": {...}}.
 std::string resultToJson(const Error& result);
-// A readable explanation of a result code ("" when there is nothing to add).
-std::string explainResult(const Error& result);
 
 class ResultPrinter {
  public:
-  ResultPrinter(bool json, bool quiet);
+  // `progressLines`: --progress, progress as lines also when the output is no terminal.
+  ResultPrinter(bool json, bool quiet, bool progressLines = false);
 
   // Shows the records of a folder comparison of these folders as lines, with a summary at the end.
   void showComparison(std::string_view firstFolder, std::string_view secondFolder);
 
+  // The command being run: a failure is then one line naming what could not be done, the path
+  // and the reason (describeFailure), followed by the result's details.
+  void describeFailuresOf(std::uint32_t code, Array arguments);
+
   void report(const Error& report);
+  // A payload chunk of object records read in place: shown exactly as report() shows the same
+  // chunk, one line per record, written with one write.
+  void reportRecords(double progress, std::span<const ObjectRecordView> records);
+  // Whether reportRecords may be given the chunks (the text output; the JSON output takes values).
+  bool showsRecordViews() const { return !m_json; }
   void finish(const Error& result);
 
  private:
   void drawProgress(double progress);
   void endProgress();
+  std::string failureHeadline(const Error& result) const;
 
   bool m_json;
-  bool m_showProgress;
-  bool m_progressShown = false;
+  ProgressBar m_progress;
+  std::string m_lines;  // the lines of one chunk, kept between chunks for its capacity
   std::optional<ComparisonLines> m_comparison;
+  std::optional<std::uint32_t> m_commandCode;
+  Array m_commandArguments;
 };
 
 }  // namespace krv::ctl

@@ -13,6 +13,8 @@
 #include "protocol/KRVSecurityAgent.h"
 #include "tools/securityagentctl/CommandLine.h"
 #include "tools/securityagentctl/ComparisonReport.h"
+#include "tools/securityagentctl/HelpTable.h"
+#include "tools/securityagentctl/PasswordPrompt.h"
 #include "tools/securityagentctl/ResultPrinter.h"
 
 namespace {
@@ -51,7 +53,9 @@ int main(int argc, char** argv) {
     return 2;
   }
   if (options->help) {
-    std::fputs(ctl::usage().c_str(), stdout);
+    std::fputs(options->helpCommand ? ctl::helpForCommand(*options->helpCommand).c_str()
+                                    : ctl::helpOverview().c_str(),
+               stdout);
     return 0;
   }
   if (options->listCommands) {
@@ -69,7 +73,7 @@ int main(int argc, char** argv) {
                  socketPath.c_str());
     return 3;
   }
-  ctl::ResultPrinter printer(options->json, options->quiet);
+  ctl::ResultPrinter printer(options->json, options->quiet, options->progress);
   std::optional<ctl::ComparisonArchiveWriter> archive;
   std::optional<Error> archiveFailure;
   if (options->commandCode == ctl::kCompareFoldersCode) {
@@ -90,8 +94,10 @@ int main(int argc, char** argv) {
       archive.emplace(std::move(*writer));
     }
   }
+  printer.describeFailuresOf(options->commandCode, options->arguments);
   std::unique_ptr<KRVPrivilegedCommand> command = KRVPrivilegedCommand::privilegedCommandWithCode(
       options->commandCode, std::move(options->arguments));
+  ctl::installCommandPrompt(options->commandCode, command->userIdentification());
   agent->setReportHandler([&](const Error& report) {
     printer.report(report);
     const Value* records = report.userInfo().find(key::kMismatchList);
@@ -101,6 +107,11 @@ int main(int argc, char** argv) {
       }
     }
   });
+  if (printer.showsRecordViews()) {
+    agent->setRecordChunkHandler([&](double progress, std::span<const ObjectRecordView> records) {
+      printer.reportRecords(progress, records);
+    });
+  }
   Error result = agent->executeAtomicPrivilegedCommand(*command, options->deauthorize);
   printer.finish(result);
   if (archive && !archiveFailure) {
