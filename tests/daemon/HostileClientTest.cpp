@@ -77,7 +77,31 @@ std::int64_t underlyingCode(const Error& error) {
   return code != nullptr && code->asNumber() != nullptr ? code->asNumber()->integerValue() : 0;
 }
 
-class HostileClientTest : public ScenarioTest {};
+class HostileClientTest : public ScenarioTest {
+ protected:
+  // A folder of `count` files with long names and a started search that finds them all: far
+  // more results than the response pipe holds. Answers the search's pipe path.
+  std::optional<std::string> startSearchOfManyFiles(int count,
+                                                    std::optional<KRVSecurityAgent>& agent) {
+    EXPECT_EQ(::mkdir("/tmp/many", 0755), 0);
+    for (int i = 0; i < count; ++i) {
+      std::string name = "/tmp/many/match-" + std::to_string(i) + "-" + std::string(120, 'x');
+      EXPECT_TRUE(sys::open(name, O_CREAT | O_WRONLY | O_CLOEXEC, 0644));
+    }
+    m_search = KRVPrivilegedCommand::privilegedCommandWithCode(
+        kCommandSearchFilenamePattern,
+        {Value("/tmp/many"), Value("match"), Value(""), Value::boolean(false)});
+    agent = KRVSecurityAgent::init(kDaemonSocketPath);
+    if (!agent) return std::nullopt;
+    Error acknowledgement = agent->startExecutionOfPrivilegedCommand(*m_search, false);
+    std::optional<std::string> path =
+        KRVSecurityAgent::pathForResponsePipeFromExecutionAcknowledgeError(acknowledgement);
+    EXPECT_TRUE(path) << acknowledgement.description();
+    return path;
+  }
+
+  std::unique_ptr<KRVPrivilegedCommand> m_search;
+};
 
 TEST_F(HostileClientTest, TheReservedCodeAnswersUnknownAndCodesPast54AreNoRequests) {
   // 23 is a request like any other: it gets its pipe and the final answer "unknown command".
@@ -244,20 +268,9 @@ TEST_F(HostileClientTest, ClientsThatVanishWhileSendingOrReadingEndOnlyTheirOwnR
   EXPECT_TRUE(waitForLog("Request failure", 5s, 3)) << daemonLog();
 
   // Gone in the middle of a large search's results: its command ends at the next report.
-  ASSERT_EQ(::mkdir("/tmp/many", 0755), 0);
-  for (int i = 0; i < 4000; ++i) {
-    std::string name = "/tmp/many/match-" + std::to_string(i) + "-" + std::string(120, 'x');
-    ASSERT_TRUE(sys::open(name, O_CREAT | O_WRONLY | O_CLOEXEC, 0644));
-  }
-  auto search = KRVPrivilegedCommand::privilegedCommandWithCode(
-      kCommandSearchFilenamePattern,
-      {Value("/tmp/many"), Value("match"), Value(""), Value::boolean(false)});
-  std::optional<KRVSecurityAgent> agent = KRVSecurityAgent::init(kDaemonSocketPath);
-  ASSERT_TRUE(agent);
-  Error acknowledgement = agent->startExecutionOfPrivilegedCommand(*search, false);
-  std::optional<std::string> path =
-      KRVSecurityAgent::pathForResponsePipeFromExecutionAcknowledgeError(acknowledgement);
-  ASSERT_TRUE(path) << acknowledgement.description();
+  std::optional<KRVSecurityAgent> agent;
+  std::optional<std::string> path = startSearchOfManyFiles(4000, agent);
+  ASSERT_TRUE(path);
   {
     Result<UniqueFd> pipe = KRVSecurityAgent::openResponsePipeAtPath(*path);
     ASSERT_TRUE(pipe);
@@ -268,7 +281,7 @@ TEST_F(HostileClientTest, ClientsThatVanishWhileSendingOrReadingEndOnlyTheirOwnR
   }
   EXPECT_TRUE(waitForLog("Broken pipe", 10s)) << daemonLog();
   EXPECT_TRUE(waitForLog("servicing request type 16 exited.", 10s)) << daemonLog();
-  search->discardAuthorization();
+  m_search->discardAuthorization();
   expectUnharmed();
 }
 
@@ -289,20 +302,9 @@ TEST_F(HostileClientTest, ClientsThatNeverOpenOrNeverReadTheirPipeAreGivenUpWith
 
   // A third opens the pipe of a search with far more results than the pipe holds, and then reads
   // nothing: the command's thread must not wait on it for ever.
-  ASSERT_EQ(::mkdir("/tmp/many", 0755), 0);
-  for (int i = 0; i < 2000; ++i) {
-    std::string name = "/tmp/many/match-" + std::to_string(i) + "-" + std::string(120, 'x');
-    ASSERT_TRUE(sys::open(name, O_CREAT | O_WRONLY | O_CLOEXEC, 0644));
-  }
-  auto search = KRVPrivilegedCommand::privilegedCommandWithCode(
-      kCommandSearchFilenamePattern,
-      {Value("/tmp/many"), Value("match"), Value(""), Value::boolean(false)});
-  std::optional<KRVSecurityAgent> agent = KRVSecurityAgent::init(kDaemonSocketPath);
-  ASSERT_TRUE(agent);
-  Error searching = agent->startExecutionOfPrivilegedCommand(*search, false);
-  std::optional<std::string> stalledPath =
-      KRVSecurityAgent::pathForResponsePipeFromExecutionAcknowledgeError(searching);
-  ASSERT_TRUE(stalledPath) << searching.description();
+  std::optional<KRVSecurityAgent> agent;
+  std::optional<std::string> stalledPath = startSearchOfManyFiles(2000, agent);
+  ASSERT_TRUE(stalledPath);
   Result<UniqueFd> stalled = KRVSecurityAgent::openResponsePipeAtPath(*stalledPath);
   ASSERT_TRUE(stalled);
 
@@ -316,7 +318,7 @@ TEST_F(HostileClientTest, ClientsThatNeverOpenOrNeverReadTheirPipeAreGivenUpWith
       << daemonLog();
   EXPECT_TRUE(waitForLog("servicing request type 16 exited.", 10s)) << daemonLog();
   KRVSecurityAgent::closePipe(std::move(*stalled), *stalledPath);
-  search->discardAuthorization();
+  m_search->discardAuthorization();
   expectUnharmed();
 }
 
