@@ -183,21 +183,15 @@ void* KRVCommandExecutor::runStartedThread(void* argument) {
 Status KRVCommandExecutor::startThread(std::unique_ptr<KRVCommandExecutor> executor,
                                        std::shared_ptr<const KRVPrivilegedCommand> command) {
   auto work = std::make_unique<ThreadWork>(ThreadWork{std::move(executor), std::move(command)});
-  pthread_attr_t attributes;
-  ::pthread_attr_init(&attributes);
-  ::pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
-  // Commands keep their large buffers off the stack; a smaller stack makes every thread cheaper.
-  ::pthread_attr_setstacksize(&attributes, kCommandThreadStackSize);
-  pthread_t thread;
   {
     std::lock_guard<std::mutex> lock(executorLock());
     ++startingExecutorThreads;
   }
   // The thread owns the work from here on; only a thread that was never started gives it back.
   ThreadWork* handedOver = work.release();
-  int error = ::pthread_create(&thread, &attributes, runStartedThread, handedOver);
-  ::pthread_attr_destroy(&attributes);
-  if (error == 0) return {};
+  // Commands keep their large buffers off the stack; a smaller stack makes every thread cheaper.
+  Status started = sys::startDetachedThread(runStartedThread, handedOver, kCommandThreadStackSize);
+  if (started) return {};
   {
     std::lock_guard<std::mutex> lock(executorLock());
     --startingExecutorThreads;
@@ -207,11 +201,11 @@ Status KRVCommandExecutor::startThread(std::unique_ptr<KRVCommandExecutor> execu
   KRVCommandExecutor& unstarted = *work->executor;
   if (unstarted.log() != nullptr) {
     unstarted.log()->log(SystemLog::Level::Error, "Could not start a command thread (%m)",
-                         Error::posix(error, "pthread_create"));
+                         started.error());
   }
   if (work->command) work->command->discardAuthorization();
   if (unstarted.m_pipePath) removeUnusedPipe(*unstarted.m_pipePath, unstarted.m_expectedPipe);
-  return Error::posix(error, "pthread_create");
+  return started;
 }
 
 namespace {

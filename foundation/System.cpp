@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <linux/openat2.h>
+#include <pthread.h>
 #include <sys/eventfd.h>
 #include <sys/mman.h>
 #include <sys/random.h>
@@ -391,6 +392,21 @@ void writeFromSignalHandler(int fd, std::uint8_t byte) noexcept {
   const int savedErrno = errno;
   (void)!::write(fd, &byte, 1);
   errno = savedErrno;
+}
+
+Status startDetachedThread(void* (*body)(void*), void* argument, std::size_t stackSize) {
+  pthread_attr_t attributes;
+  int error = ::pthread_attr_init(&attributes);
+  if (error != 0) return Error::posix(error, "pthread_attr_init");
+  ::pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
+  error = ::pthread_attr_setstacksize(&attributes, stackSize);
+  if (error == 0) {
+    pthread_t thread;
+    error = ::pthread_create(&thread, &attributes, body, argument);
+  }
+  ::pthread_attr_destroy(&attributes);
+  if (error != 0) return Error::posix(error, "pthread_create");
+  return {};
 }
 
 ThreadSignalTimer::ThreadSignalTimer(int signal, std::chrono::seconds delay,

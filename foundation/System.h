@@ -144,6 +144,10 @@ Result<int> waitForProcess(pid_t pid);
 // leaves errno as it was, ignores every failure.
 void writeFromSignalHandler(int fd, std::uint8_t byte) noexcept;
 
+// Starts a detached thread running body(argument) on a stack of `stackSize` bytes. On success the
+// thread owns `argument`; on failure the caller still does (the thread never ran).
+Status startDetachedThread(void* (*body)(void*), void* argument, std::size_t stackSize);
+
 // A timer that sends `signal` to the calling thread after `delay`, then every `interval` (none
 // when zero), until it is destroyed. A timer the kernel refuses is never armed (armed() false).
 class ThreadSignalTimer {
