@@ -38,7 +38,6 @@
 #include <iterator>
 #include <mutex>
 #include <random>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -145,19 +144,6 @@ struct DaemonRun {
 };
 
 // The processor time a process has used so far, all its threads together.
-double processorSecondsOf(pid_t pid) {
-  std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
-  std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
-  // The fields after the command name (which may hold spaces) start after its ")".
-  std::istringstream fields(text.substr(text.rfind(')') + 2));
-  std::string field;
-  double ticks = 0;
-  for (int index = 3; fields >> field && index <= 15; ++index) {
-    if (index >= 14) ticks += std::atof(field.c_str());  // utime, stime
-  }
-  return ticks / static_cast<double>(::sysconf(_SC_CLK_TCK));
-}
-
 DaemonRun compareWithDaemon(const std::string& source, const std::string& copy, long objects,
                             std::uint64_t mode, pid_t daemon) {
   std::optional<KRVSecurityAgent> agent =
@@ -173,11 +159,11 @@ DaemonRun compareWithDaemon(const std::string& source, const std::string& copy, 
   auto command = KRVPrivilegedCommand::privilegedCommandWithCode(
       52, {Value(source), Value(copy), Value("/tmp/krv-bench-no-marker"), Value::integer(objects),
            Value::integer(static_cast<std::int64_t>(mode))});
-  const double processorBefore = processorSecondsOf(daemon);
+  const double processorBefore = bench::processorSecondsOf(daemon);
   const auto start = Clock::now();
   run.result = agent->executeAtomicPrivilegedCommand(*command, false);
   run.seconds = std::chrono::duration<double>(Clock::now() - start).count();
-  run.processorSeconds = processorSecondsOf(daemon) - processorBefore;
+  run.processorSeconds = bench::processorSecondsOf(daemon) - processorBefore;
   return run;
 }
 
