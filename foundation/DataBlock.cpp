@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 
 #include "foundation/ByteOrder.h"
@@ -41,6 +42,22 @@ void fillHeader(std::span<std::uint8_t> block) {
   storeLittleEndian(block.data() + kDataBlockChecksumOffset, std::uint32_t{crc16(payload)});
 }
 
+// Waits until `fd` takes bytes again, at most kStalledReaderTimeout in all. A signal that wakes
+// the wait (the daemon's threads receive some) only shortens it to what is left, never ends it.
+Status waitForRoom(int fd) {
+  using Clock = std::chrono::steady_clock;
+  const Clock::time_point deadline = Clock::now() + kStalledReaderTimeout;
+  for (;;) {
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+    if (left.count() <= 0) return Error::posix(ETIMEDOUT, "write");
+    pollfd peer{fd, POLLOUT, 0};
+    Result<std::size_t> ready = sys::poll({&peer, 1}, static_cast<int>(left.count()));
+    if (ready && *ready > 0) return {};
+    if (!ready && ready.error().code() != EINTR) return std::move(ready).error();
+  }
+}
+
 }  // namespace
 
 Status writeToPipe(int fd, std::span<const std::uint8_t> bytes, BlockSink sink) {
@@ -50,10 +67,7 @@ Status writeToPipe(int fd, std::span<const std::uint8_t> bytes, BlockSink sink) 
         sink == BlockSink::Socket ? sys::send(fd, bytes, MSG_NOSIGNAL) : sys::write(fd, bytes);
     if (!count && (count.error().code() == EAGAIN || count.error().code() == EWOULDBLOCK)) {
       // A non-blocking descriptor whose reader takes nothing: wait for room, but not for ever.
-      pollfd peer{fd, POLLOUT, 0};
-      KRV_TRY(std::size_t ready,
-              sys::poll({&peer, 1}, static_cast<int>(kStalledReaderTimeout.count())));
-      if (ready == 0) return Error::posix(ETIMEDOUT, "write");
+      KRV_TRY_VOID(waitForRoom(fd));
       continue;
     }
     if (!count) return std::move(count).error();
